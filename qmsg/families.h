@@ -1,0 +1,60 @@
+// Entry points of the message families, called by the dispatch in compact.cpp. Each family's
+// source holds its layout, its swap and its printer. Every printer prints its header lines
+// first and returns 0 or a result code.
+#pragma once
+
+#include <cstdint>
+
+#include "qmsg/msg.h"
+
+// Column of a LOB message as found in the schema cache (type 0 and no name when unknown).
+struct LobColumn {
+  uint16_t type = 0;
+  const uint8_t* name = nullptr;  // in the schema's code page, `nameLen` bytes
+  uint16_t nameLen = 0;
+  int32_t codePage = 0;
+};
+
+// Schema, transactions, rows, LOBs, statement chunks (the data path).
+int32_t printSubSchemaMsg(QMsg& m);                               // type 1
+int32_t printTransMsgHeader(QMsg& m, bool noPosTime);             // type 128 header
+int32_t printStreamedTransMsgHeader(QMsg& m, bool noPosTime);     // type 130 header
+// One row at `at` (its u32 length first), for a message of layout version `version`.
+int32_t printTransRow(QMsg& m, size_t at, uint16_t version);
+int32_t printLobMsg(QMsg& m, const LobColumn& col);               // type 129
+
+// Restart and subscription lifecycle.
+int32_t printRestartMsg(QMsg& m);          // 32
+int32_t printLoadDoneMsg(QMsg& m);         // 2
+int32_t printSubDeactivatedMsg(QMsg& m);   // 4
+int32_t printCreateSubMsg(QMsg& m);        // 9
+int32_t printDropSubMsg(QMsg& m);          // 10
+int32_t printP2pJoinUsMsg(QMsg& m);        // 80
+int32_t printP2pSpoolingMsg(QMsg& m);      // 81
+int32_t printP2pLoadDoneMsg(QMsg& m);      // 82
+int32_t printP2pCapStopMsg(QMsg& m);       // 83
+int32_t printP2pSubStoppingMsg(QMsg& m);   // 84
+int32_t printP2pReadyToStopMsg(QMsg& m);   // 85
+int32_t printP2pSubDeactivatedMsg(QMsg& m);// 86 (given no conversion context)
+
+// Schema changes.
+int32_t printAddColumnMsg(QMsg& m);        // 5
+int32_t printAddReplKeyColMsg(QMsg& m);    // 12
+int32_t printAlterColumnMsg(QMsg& m);      // 6, DDL 1
+int32_t printDropColumnMsg(QMsg& m);       // 6, DDL 2
+int32_t printGenericDdlMsg(QMsg& m);       // 6, DDL 16
+int32_t printTruncateTableMsg(QMsg& m);    // 17
+int32_t printRedefineReplKeyMsg(QMsg& m);  // 18
+
+// Queue control.
+int32_t printHeartbeatMsg(QMsg& m);        // 3
+int32_t printRequestSyncOnQueueMsg(QMsg& m); // 7
+int32_t printSyncResponseMsg(QMsg& m);     // 8
+int32_t printSequenceTimeResetMsg(QMsg& m);// 11
+int32_t printFuncLevelMsg(QMsg& m);        // 13
+int32_t printAdminQMsg(QMsg& m);           // 64
+
+// File transfer.
+int32_t printXfPayloadMsg(QMsg& m);        // 131
+int32_t printXfAdminMsg(QMsg& m);          // 132
+int32_t printXfHeartBeatMsg(QMsg& m);      // 133

@@ -1,0 +1,120 @@
+// Print forms of log positions, units of work, timestamps and hex dumps.
+#include "qmsg/forms.h"
+
+#include <ctime>
+
+std::string formatPos10(const uint8_t* p) {
+  char s[32];
+  std::snprintf(s, sizeof s, "%02x%02x:%02x%02x:%02x%02x:%02x%02x:%02x%02x", p[0], p[1], p[2],
+                p[3], p[4], p[5], p[6], p[7], p[8], p[9]);
+  return s;
+}
+
+std::string formatHexPairs(const uint8_t* p, size_t len, size_t area) {
+  static const char kHex[] = "0123456789abcdef";
+  std::string s;
+  s.reserve(len * 3);
+  for (size_t i = 0; i < len || i == 0; i += 2) {
+    if (i > 0) s += ':';
+    if (i < len) {
+      s += kHex[p[i] >> 4];
+      s += kHex[p[i] & 15];
+    }
+    if (i + 1 < len) {
+      s += kHex[p[i + 1] >> 4];
+      s += kHex[p[i + 1] & 15];
+    }
+    if (len == 0) break;
+  }
+  if (s.size() + 1 > area) return area > 16 ? "...buffer full\n" : "";
+  return s;
+}
+
+std::string formatLsnBytes(const uint8_t* p, size_t len) {
+  return formatHexPairs(p, len, kLsnArea);
+}
+
+int32_t fixLsnRecord(MsgReader& r, size_t at, const char* field) {
+  int32_t rc = r.fix16(at + 4, field);
+  if (rc == 0) rc = r.fix16(at + 6, field);
+  return rc;
+}
+
+int32_t formatLsnRecord(const MsgReader& r, size_t at, bool withNode, std::string& out,
+                        const char* field) {
+  uint8_t flags = 0;
+  uint16_t node = 0;
+  int16_t len = 0;
+  const uint8_t* bytes = nullptr;
+  int32_t rc = r.u8(at, flags, field);
+  if (rc == 0) rc = r.machine(at + 4, node, field);
+  if (rc == 0) rc = r.machine(at + 6, len, field);
+  if (rc == 0) rc = r.bytes(at + 8, 16, bytes, field);
+  if (rc != 0) return rc;
+  size_t n = len < 0 ? 0 : (len > 16 ? 16 : static_cast<size_t>(len));
+  out = formatLsnBytes(bytes, n < 2 ? 2 : n);
+  if (withNode && (flags & 1)) {
+    char s[24];
+    std::snprintf(s, sizeof s, " (node %d)", node);
+    out += s;
+  }
+  return 0;
+}
+
+static std::string formatTime(const std::tm& t, int32_t micros, bool fraction) {
+  char s[64];
+  if (fraction)
+    std::snprintf(s, sizeof s, "%02d-%02d-%04d %02d:%02d:%02d.%.6d", t.tm_mon + 1, t.tm_mday,
+                  t.tm_year + 1900, t.tm_hour, t.tm_min, t.tm_sec, micros);
+  else
+    std::snprintf(s, sizeof s, "%02d-%02d-%04d %02d:%02d:%02d", t.tm_mon + 1, t.tm_mday,
+                  t.tm_year + 1900, t.tm_hour, t.tm_min, t.tm_sec);
+  return s;
+}
+
+std::string formatUtc(uint32_t seconds, int32_t micros) {
+  if (seconds == 0) return "Un-initialized";
+  std::time_t t = seconds;
+  std::tm tm{};
+  gmtime_r(&t, &tm);
+  return formatTime(tm, micros, micros >= 0);
+}
+
+std::string formatLocal(uint32_t seconds, int32_t micros) {
+  if (seconds == 0) return "Un-initialized";
+  std::time_t t = seconds;
+  std::tm tm{};
+  localtime_r(&t, &tm);
+  return formatTime(tm, micros, micros >= 1);
+}
+
+void dumpHex(size_t length, const uint8_t* bytes, FILE* out, bool showAddress, size_t origin) {
+  static const char kHex[] = "0123456789ABCDEF";
+  constexpr size_t kRow = 20;
+  // One row: " %08lx " (10), 20 bytes of two digits with a blank after every fourth (45),
+  // one blank, 20 characters and the newline.
+  char line[96];
+  for (size_t row = 0; row < length; row += kRow) {
+    size_t n = length - row < kRow ? length - row : kRow;
+    char* q = line;
+    if (showAddress)
+      q += std::snprintf(q, 16, " %8.8lx ", static_cast<unsigned long>((origin + row) & 0xFFFFFFFFu));
+    for (size_t i = 0; i < kRow; ++i) {
+      if (i < n) {
+        *q++ = kHex[bytes[row + i] >> 4];
+        *q++ = kHex[bytes[row + i] & 15];
+      } else {
+        *q++ = ' ';
+        *q++ = ' ';
+      }
+      if (i % 4 == 3) *q++ = ' ';
+    }
+    *q++ = ' ';
+    for (size_t i = 0; i < n; ++i) {
+      unsigned char c = bytes[row + i];
+      *q++ = (c >= 0x20 && c < 0x7f) ? static_cast<char>(c) : '.';
+    }
+    *q++ = '\n';
+    std::fwrite(line, 1, static_cast<size_t>(q - line), out);
+  }
+}

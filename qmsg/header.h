@@ -1,0 +1,111 @@
+// The common compact header and the message-type table.
+//
+//   0        4      5               6          8
+//   +--------+------+---------------+----------+---- body, by type
+//   | family | type | flag/DDL type |  version |
+//   +--------+------+---------------+----------+
+//
+// family: 4 characters in the message's code page; flag: bit 0 last message of the source
+// transaction, bit 1 several sub-transactions, bit 7 parallel send queues; for type 6 the low
+// 7 bits are the DDL sub-type. version: u16 layout version of the body.
+#pragma once
+
+#include <cstdint>
+
+#include "qmsg/msg.h"
+#include "qmsg/names.h"
+
+inline constexpr size_t kHeaderSize = 8;
+inline constexpr size_t kMsgDescriptorSize = 364;  // counted into the size line
+
+inline constexpr ValueName kMsgTypes[] = {
+    {1, "RPLKX_SUBSCHEMA_MSG"},
+    {2, "RPLKX_LOADDONE_RCVD"},
+    {3, "RPLKX_HEARTBEAT"},
+    {4, "RPLKX_SUBDEACTIVATED"},
+    {5, "RPLKX_ADDCOLUMN_MSG"},
+    {6, "RPLKX_DDL_MSG"},
+    {7, "RPLKX_SYNCREQUEST_MSG"},
+    {8, "RPLKX_SYNCRESPONSE_MSG"},
+    {9, "RPLKX_CREATESUB_MSG"},
+    {10, "RPLKX_DROPSUB_MSG"},
+    {11, "RPLKX_SEQTIME_RESET_MSG"},
+    {12, "RPLKX_ADD_REPL_KEY_COL_MSG"},
+    {13, "RPLKX_FUNCLEVEL_MSG"},
+    {16, "RPLKX_SENDQ_START"},
+    {17, "RPLKX_DDL_TRUNCATE_MSG"},
+    {18, "RPLKX_REDEFINE_REPL_KEY_MSG"},
+    {32, "RPLKX_RESTART"},
+    {33, "RPLKX_SPILLROW"},
+    {64, "RPLKX_ADMINQ_MSG"},
+    {80, "RPLKX_P2P_JOINUS_MSG"},
+    {81, "RPLKX_P2P_SPOOLING_MSG"},
+    {82, "RPLKX_P2P_LOADDONE_MSG"},
+    {83, "RPLKX_P2P_CAPSTOP_MSG"},
+    {84, "RPLKX_P2P_SUBSTOPPING_MSG"},
+    {85, "RPLKX_P2P_READYTOSTOP_MSG"},
+    {86, "RPLKX_P2P_SUBDEACTIVATED_MSG"},
+    {128, "RPLKX_TRANS_MSG"},
+    {129, "RPLKX_LOB_MSG"},
+    {130, "RPLKX_STREAMED_TRANS_MSG"},
+    {131, "RPLKX_XF_MSG"},
+    {132, "RPLKX_XF_ACK_MSG"},
+    {133, "RPLKX_XF_HEARTBEAT_MSG"},
+};
+
+// DDL sub-types of type 6 (header byte 5, low 7 bits).
+inline constexpr ValueName kDdlTypes[] = {
+    {0, "RPLKX_DDL_ADD_COLUMN"},
+    {1, "RPLKX_DDL_ALTER_COLUMN"},
+    {2, "RPLKX_DDL_DROP_COLUMN"},
+    {16, "RPLKX_DDL_GENERIC"},
+};
+
+enum : uint8_t {
+  kTypeSubSchema = 1,
+  kTypeLoadDone = 2,
+  kTypeHeartbeat = 3,
+  kTypeSubDeactivated = 4,
+  kTypeAddColumn = 5,
+  kTypeDdl = 6,
+  kTypeSyncRequest = 7,
+  kTypeSyncResponse = 8,
+  kTypeCreateSub = 9,
+  kTypeDropSub = 10,
+  kTypeSeqTimeReset = 11,
+  kTypeAddReplKeyCol = 12,
+  kTypeFuncLevel = 13,
+  kTypeSendqStart = 16,
+  kTypeTruncate = 17,
+  kTypeRedefineReplKey = 18,
+  kTypeRestart = 32,
+  kTypeSpillRow = 33,
+  kTypeAdminQ = 64,
+  kTypeP2pJoinUs = 80,
+  kTypeP2pSpooling = 81,
+  kTypeP2pLoadDone = 82,
+  kTypeP2pCapStop = 83,
+  kTypeP2pSubStopping = 84,
+  kTypeP2pReadyToStop = 85,
+  kTypeP2pSubDeactivated = 86,
+  kTypeTrans = 128,
+  kTypeLob = 129,
+  kTypeStreamedTrans = 130,
+  kTypeXfPayload = 131,
+  kTypeXfAck = 132,
+  kTypeXfHeartbeat = 133,
+};
+
+enum : uint8_t { kDdlAddColumn = 0, kDdlAlterColumn = 1, kDdlDropColumn = 2, kDdlGeneric = 16 };
+
+struct qMsgHeader {
+  // Prints "  qMsgHeader.msgFamily:  ", "  qMsgHeader.msgtype:    ", "  qMsgHeader.msgVersion: "
+  // and for type 6 "  qMsgHeader.msgDDLType:    ". Swaps the version into machine order first
+  // and converts the family text. On failure reports "Cannot print message header".
+  static int32_t printMe(QMsg& m);
+  // The family, type and version lines alone (no DDL line, no failure report); used by
+  // printers that print the header in their own form.
+  static int32_t printLines(QMsg& m, bool ddlLine);
+  // The flag lines of the transaction printers ("  qMsgHeader.msgFlag:" and what follows).
+  static void printFlagLines(QMsg& m);
+};

@@ -1,0 +1,36 @@
+// Conversion of character fields for the printers.
+#include "qmsg/msg.h"
+
+int32_t convertText(const QMsg& m, const uint8_t* p, size_t n, ConvText& out, const char* step,
+                    const char* function, const char* label, int32_t ccsid) {
+  if (!m.converting()) {
+    out.borrow(p, n);
+    return 0;
+  }
+  int32_t src = ccsid == -1 ? m.enc->msgCcsid : ccsid;
+  if (ConvMgr::ckcpcv(src, m.enc->outCcsid, m.enc->flags) != kRcConvNeeded) {
+    out.borrow(p, n);
+    return 0;
+  }
+  const char* s = reinterpret_cast<const char*>(p);
+  char* target = nullptr;
+  int32_t produced = 0;
+  int32_t rc = m.cm->lookupAddConv(src, &s, s + n, m.enc->outCcsid, &target, nullptr,
+                                   m.enc->flags, false, false, &produced);
+  if (rc != 0) {
+    std::free(target);
+    reportFailuref(step, function, rc, "Cannot convert %s", label);
+    return rc;
+  }
+  out.own(target, target, produced);
+  return 0;
+}
+
+int32_t readName(const QMsg& m, size_t at, size_t room, ConvText& out, const char* field,
+                 const char* step, const char* function, const char* label) {
+  const uint8_t* p = nullptr;
+  uint16_t len = 0;
+  int32_t rc = m.r.name(at, room, p, len, field);
+  if (rc != 0) return rc;
+  return convertText(m, p, len, out, step, function, label);
+}

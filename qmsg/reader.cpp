@@ -1,0 +1,20 @@
+// Reports of fields that cannot be read from a message.
+#include "qmsg/reader.h"
+
+#include <cstdio>
+
+int32_t MsgReader::shortRead(size_t at, size_t n, const char* field) const {
+  char what[256];
+  std::snprintf(what, sizeof what, "%s (offset %zu, %zu bytes left of %zu)", field, at,
+                at <= size_ ? size_ - at : size_t{0}, size_);
+  reportShortRead(n, what);
+  return kRcShortRead;
+}
+
+int32_t MsgReader::tooLong(size_t at, size_t len, size_t room, const char* field) const {
+  char what[256];
+  std::snprintf(what, sizeof what, "%s (offset %zu: count %zu larger than its room of %zu)", field,
+                at, len, room);
+  reportShortRead(len, what);
+  return kRcShortRead;
+}

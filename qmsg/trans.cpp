@@ -1,0 +1,6 @@
+// Transaction messages (printers to come: header lines only).
+#include "qmsg/families.h"
+#include "qmsg/header.h"
+
+int32_t printTransMsgHeader(QMsg& m, bool) { return qMsgHeader::printMe(m); }
+int32_t printStreamedTransMsgHeader(QMsg& m, bool) { return qMsgHeader::printMe(m); }
