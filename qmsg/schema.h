@@ -1,0 +1,32 @@
+// Subscription schema messages: the column descriptor and the name tables shared by every
+// printer that prints a column.
+//
+// Column descriptor (qColSchema), offsets from its start:
+//   0 u16 coltype (bit 0: nullable)   2 u8 partKeyNum   3 u8 flags (bit 0 asc, bit 1 nulls last)
+//   4 u32 typelen (DECIMAL: byte 4 precision, byte 5 scale)   8 u32 codepage   12 u16 + colname
+#pragma once
+
+#include <cstdint>
+
+#include "qmsg/msg.h"
+#include "qmsg/names.h"
+
+// SQL type codes, named with bit 0 (nullable) cleared.
+inline constexpr ValueName kColumnTypes[] = {
+    {384, "DATE"},        {388, "TIME"},         {392, "TIMESTAMP"},
+    {404, "BLOB"},        {408, "CLOB"},         {412, "DBCLOB"},
+    {448, "VARCHAR"},     {452, "CHAR"},         {456, "LONG VARCHAR"},
+    {460, "C STRING"},    {464, "VARGRAPHIC"},   {468, "GRAPHIC"},
+    {472, "LONG VARGRAPHIC"}, {480, "DOUBLE"},   {484, "DECIMAL"},
+    {492, "BIGINT"},      {496, "INTEGER"},      {500, "SMALLINT"},
+    {908, "VARBINARY"},   {912, "BINARY"},       {988, "xml"},
+    {996, "DECFLOAT"},    {2436, "BOOLEAN"},     {2448, "TIMESTAMP WITH TIME ZONE"},
+};
+
+inline const char* columnTypeName(uint32_t code) { return nameOf(kColumnTypes, code & ~1u, "Unknown"); }
+
+// Swaps the integers of the column descriptor at `at` into machine order (when due).
+int32_t fixColSchema(QMsg& m, size_t at);
+// qColSchema::printMe: the column descriptor at `at` (already in machine order), with the
+// three more lines of partitioning-key mode when partKey is set.
+int32_t printColSchema(QMsg& m, size_t at, bool partKey);
