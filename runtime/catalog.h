@@ -8,6 +8,15 @@
 // Result code of a read that found fewer bytes left in a message than it needed.
 inline constexpr int32_t kRcShortRead = 801;
 
+// Catalog numbers the tool issues.
+inline constexpr int32_t kRplMsgShortRead = 543;    // bounded read found too few bytes
+inline constexpr int32_t kRplMsgLoadFailed = 584;   // middleware library not loaded
+inline constexpr int32_t kRplMsgLoaded = 585;       // middleware library loaded
+inline constexpr int32_t kRplMsgNoEntry = 586;      // entry not found in the library
+inline constexpr int32_t kRplMsgQmgrRetry = 587;    // queue manager not available, retrying
+inline constexpr int32_t kRplMsgFailure = 589;      // failure report: step, function, code
+inline constexpr int32_t kRplMsgFreeText = 8999;    // free text; its only insert ($1) is the text
+
 // One issued message, as built by msgLogger::getRplMsg.
 struct rplMsgRecord {
   char eyeCatcher[8];    // "RplOLE:"
@@ -31,7 +40,9 @@ class msgLogger {
   int32_t loadCatalog(const char* const* texts);
 
   // Builds, formats and issues one message. "$1" is the program name, "$2" the function
-  // name, "$3" onward the inserts in order (nine inserts at most in all).
+  // name, "$3" onward the inserts in order (nine inserts at most in all). Message 8999 is
+  // the exception: its "$1" is the first insert, the free text.
+  // The issued form is one line: "<time stamp> <program> RPLnnnnX <text>".
   void putRplMsg(int32_t number, const char* function, std::initializer_list<const char*> inserts);
 
   // The same, but returns the finished record (release it with freeRecord) instead of issuing it.
@@ -47,6 +58,7 @@ class msgLogger {
  private:
   msgLogger() = default;
   const char* lookup(int32_t number) const;
+  void issue(const rplMsgRecord& rec) const;
 
   struct Entry { int32_t number; const char* text; Entry* next; };
   Entry* buckets_[100] = {};
@@ -55,8 +67,9 @@ class msgLogger {
   FILE* output_ = stderr;
 };
 
-// The static catalog of message texts, null-terminated.
+// The static catalog of message texts, null-terminated; kRplCatalogSize texts before the null.
 extern const char* const kRplCatalog[];
+extern const size_t kRplCatalogSize;
 
 // The process-wide logger; null until the program creates it. Reports made without a
 // logger are written to standard error in the same form, so no report is ever lost.
