@@ -43,8 +43,11 @@ typedef char KXCHAR;
 #define KXRC_BACKED_OUT 2003            /* commit failed, the unit of work was backed out */
 #define KXRC_BUFFER_ERROR 2004          /* buffer pointer null with a non-zero length */
 #define KXRC_BUFFER_LENGTH_ERROR 2005   /* negative buffer length */
+#define KXRC_CHAR_ATTR_LENGTH_ERROR 2006
+#define KXRC_DATA_LENGTH_ERROR 2010     /* DataLength pointer missing */
 #define KXRC_HCONN_ERROR 2018           /* bad connection handle */
 #define KXRC_HOBJ_ERROR 2019            /* bad object handle */
+#define KXRC_INT_ATTR_COUNT_ERROR 2021
 #define KXRC_MD_ERROR 2026              /* bad message descriptor */
 #define KXRC_MSG_TOO_BIG_FOR_Q 2030     /* message longer than the queue's maximum */
 #define KXRC_NO_MSG_AVAILABLE 2033      /* no (more) messages */
@@ -53,16 +56,24 @@ typedef char KXCHAR;
 #define KXRC_NOT_OPEN_FOR_INPUT 2037
 #define KXRC_NOT_OPEN_FOR_INQUIRE 2038
 #define KXRC_NOT_OPEN_FOR_OUTPUT 2039
+#define KXRC_NOT_OPEN_FOR_SET 2040
 #define KXRC_OBJECT_IN_USE 2042         /* queue opened for exclusive input elsewhere */
+#define KXRC_OBJECT_TYPE_ERROR 2043     /* only queues can be opened */
 #define KXRC_OD_ERROR 2044              /* bad object descriptor */
 #define KXRC_OPTIONS_ERROR 2046         /* bad or contradictory options */
+#define KXRC_Q_DELETED 2052             /* the queue was deleted while open */
 #define KXRC_Q_MGR_NAME_ERROR 2058      /* unknown queue manager */
 #define KXRC_Q_MGR_NOT_AVAILABLE 2059   /* queue manager not available */
+#define KXRC_SELECTOR_COUNT_ERROR 2065
 #define KXRC_SELECTOR_ERROR 2067        /* unknown attribute selector */
 #define KXRC_STORAGE_NOT_AVAILABLE 2071
 #define KXRC_TRUNCATED_MSG_ACCEPTED 2079 /* warning: data cut to the buffer, message taken */
 #define KXRC_TRUNCATED_MSG_FAILED 2080  /* data longer than the buffer; message left alone */
 #define KXRC_UNKNOWN_OBJECT_NAME 2085   /* unknown queue */
+#define KXRC_WAIT_INTERVAL_ERROR 2090   /* negative WaitInterval other than unlimited */
+#define KXRC_RESOURCE_PROBLEM 2102      /* disk full, or the store stayed locked too long */
+#define KXRC_BO_ERROR 2134              /* bad begin options */
+#define KXRC_CNO_ERROR 2139             /* bad connect options */
 #define KXRC_UNEXPECTED_ERROR 2195
 #define KXRC_PMO_ERROR 2173             /* bad put-message options */
 #define KXRC_GMO_ERROR 2186             /* bad get-message options */
@@ -108,6 +119,7 @@ typedef char KXCHAR;
 #define KXPMO_SYNCPOINT 0x00000002
 #define KXPMO_NO_SYNCPOINT 0x00000004
 #define KXPMO_NEW_MSG_ID 0x00000040
+#define KXPMO_SET_ALL_CONTEXT 0x00000800 /* descriptor stored exactly as given: no MsgId, no date */
 #define KXPMO_FAIL_IF_QUIESCING 0x00002000
 
 /* ---- Connect and begin options ------------------------------------------------------------ */
