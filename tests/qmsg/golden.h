@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "qmsg/compact.h"
+#include "qmsg/forms.h"
 #include "runtime/catalog.h"
 #include "runtime/conv.h"
 #include "tools/gen/encode.h"
