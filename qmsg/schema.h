@@ -23,6 +23,16 @@ inline constexpr ValueName kColumnTypes[] = {
     {996, "DECFLOAT"},    {2436, "BOOLEAN"},     {2448, "TIMESTAMP WITH TIME ZONE"},
 };
 
+// The type codes the printers treat specially (bit 0 cleared).
+enum : uint16_t {
+  kColDate = 384, kColTime = 388, kColTimestamp = 392, kColBlob = 404, kColClob = 408,
+  kColDbclob = 412, kColVarchar = 448, kColChar = 452, kColLongVarchar = 456, kColCString = 460,
+  kColVargraphic = 464, kColGraphic = 468, kColLongVargraphic = 472, kColDouble = 480,
+  kColDecimal = 484, kColBigint = 492, kColInteger = 496, kColSmallint = 500,
+  kColDecimal504 = 504, kColVarbinary = 908, kColBinary = 912, kColXml = 988,
+  kColDecfloat = 996, kColBoolean = 2436, kColTimestampTz = 2448,
+};
+
 inline const char* columnTypeName(uint32_t code) { return nameOf(kColumnTypes, code & ~1u, "Unknown"); }
 
 // Swaps the integers of the column descriptor at `at` into machine order (when due).
