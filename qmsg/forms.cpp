@@ -118,3 +118,17 @@ void dumpHex(size_t length, const uint8_t* bytes, FILE* out, bool showAddress, s
     std::fwrite(line, 1, static_cast<size_t>(q - line), out);
   }
 }
+
+std::string formatLocalStamp(uint32_t seconds) {
+  std::time_t t = seconds;
+  std::tm tm{};
+  char s[20] = "";
+  if (localtime_r(&t, &tm) != nullptr) std::strftime(s, sizeof s, "%Y-%m-%d-%H.%M.%S", &tm);
+  return s;
+}
+
+std::string formatLocalStampMicros(uint32_t seconds, uint32_t micros) {
+  char fraction[16];
+  std::snprintf(fraction, sizeof fraction, ".%06u", micros > 999999 ? 999999u : micros);
+  return formatLocalStamp(seconds) + fraction;
+}

@@ -44,3 +44,9 @@ std::string formatLocal(uint32_t seconds, int32_t micros);
 // one space and the bytes as characters ("." for anything not printable), a newline.
 void dumpHex(size_t length, const uint8_t* bytes, FILE* out, bool showAddress = true,
              size_t origin = 0);
+
+// Local time in the capture side's stamp form "%Y-%m-%d-%H.%M.%S" (19 characters), as the
+// restart, synchronisation, function-level and sequence-time lines print it.
+std::string formatLocalStamp(uint32_t seconds);
+// The same followed by ".%06d" with the microseconds, held to at most 999999.
+std::string formatLocalStampMicros(uint32_t seconds, uint32_t micros);
