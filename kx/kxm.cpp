@@ -1,0 +1,965 @@
+// kxm.cpp - the KX API of the local queue manager: connections, queues, gets, puts, units of work.
+//
+// One process-wide lock serialises the calls; a connection is one SQLite connection to the queue
+// manager's file, so processes share queues through the database and its locks. A destructive get
+// is one write transaction (find the first message, then delete it or mark it got-under-syncpoint),
+// which makes it atomic between processes. Browsing reads ahead in batches behind the cursor (the
+// last sequence number seen) and throws the batch away whenever the file changed since it was read.
+#include <sys/random.h>
+#include <sys/types.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kx/kxc.h"
+#include "kx/store.h"
+
+namespace kxm {
+namespace {
+
+// Syncpoint puts wait in memory until the commit; beyond this much they are written as pending.
+constexpr size_t kPendingMemoryLimit = 4u << 20;
+// Browse read-ahead: batch sizes grow from the first to the last, data above kBatchDataCap is
+// read when the message is returned.
+constexpr int kFirstBatch = 32;
+constexpr int kLastBatch = 512;
+constexpr int64_t kBatchDataCap = 64 * 1024;
+
+constexpr KXLONG kOpenInputOptions = KXOO_INPUT_AS_Q_DEF | KXOO_INPUT_SHARED | KXOO_INPUT_EXCLUSIVE;
+constexpr KXLONG kOpenKnownOptions = kOpenInputOptions | KXOO_BROWSE | KXOO_OUTPUT | KXOO_INQUIRE |
+                                     KXOO_SET | KXOO_FAIL_IF_QUIESCING;
+constexpr KXLONG kGetKnownOptions = KXGMO_WAIT | KXGMO_SYNCPOINT | KXGMO_NO_SYNCPOINT |
+                                    KXGMO_BROWSE_FIRST | KXGMO_BROWSE_NEXT |
+                                    KXGMO_ACCEPT_TRUNCATED_MSG | KXGMO_FAIL_IF_QUIESCING;
+constexpr KXLONG kPutKnownOptions = KXPMO_SYNCPOINT | KXPMO_NO_SYNCPOINT | KXPMO_NEW_MSG_ID |
+                                    KXPMO_SET_ALL_CONTEXT | KXPMO_FAIL_IF_QUIESCING;
+
+struct Ahead {  // one message read ahead by a browse
+  int64_t seq;
+  int64_t length;
+  size_t md;    // offset of the descriptor in the arena
+  size_t data;  // offset of the data in the arena, or SIZE_MAX when not read ahead
+};
+
+struct Object {
+  std::string name;
+  int64_t qid = 0;
+  int64_t maxLength = 0;
+  KXLONG options = 0;
+  int64_t cursor = 0;  // sequence of the last message browsed; 0 before the first
+  // Read-ahead: messages after `aheadFrom` as of (aheadVersion, aheadWrites).
+  std::vector<Ahead> ahead;
+  std::vector<uint8_t> arena;
+  size_t aheadPos = 0;
+  int64_t aheadFrom = -1;
+  int64_t aheadVersion = -1;
+  uint64_t aheadWrites = 0;
+  bool aheadComplete = false;  // the batch reached the end of the queue
+  int batchSize = kFirstBatch;
+};
+
+struct PendingPut {
+  int64_t qid;
+  std::array<uint8_t, kMdLength> md;
+  std::vector<uint8_t> data;
+};
+
+struct Connection {
+  pid_t pid = 0;
+  std::thread::id thread;
+  std::string qmgr;
+  int64_t token = 0;
+  Store store;
+  std::vector<std::unique_ptr<Object>> objects;  // handle = index + 1
+  std::vector<PendingPut> pending;
+  size_t pendingBytes = 0;
+  int64_t dbPuts = 0;  // rows in state 1 of this connection
+  int64_t dbGets = 0;  // rows in state 2 of this connection
+  uint64_t writes = 0;  // own committed changes (data_version does not count them)
+};
+
+std::mutex gLock;
+std::vector<std::unique_ptr<Connection>> gConnections;  // handle = index + 1
+uint64_t gMsgCounter = 0;
+
+void setResult(KXLONG* cc, KXLONG* rc, KXLONG c, KXLONG r) {
+  if (cc) *cc = c;
+  if (rc) *rc = r;
+}
+
+KXLONG failed(KXLONG* cc, KXLONG* rc, KXLONG reason) {
+  setResult(cc, rc, KXCC_FAILED, reason);
+  return reason;
+}
+
+Connection* findConnection(KXHCONN h) {
+  if (h < 1 || size_t(h) > gConnections.size()) return nullptr;
+  Connection* c = gConnections[size_t(h) - 1].get();
+  // A child process must not use the connections it inherited from its parent.
+  if (!c || c->pid != getpid()) return nullptr;
+  return c;
+}
+
+Object* findObject(Connection& c, KXHOBJ h) {
+  if (h < 1 || size_t(h) > c.objects.size()) return nullptr;
+  return c.objects[size_t(h) - 1].get();
+}
+
+int64_t nowMs() {
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return int64_t(ts.tv_sec) * 1000 + ts.tv_nsec / 1'000'000;
+}
+
+bool allZero(const uint8_t* p, size_t n) {
+  for (size_t i = 0; i < n; ++i)
+    if (p[i]) return false;
+  return true;
+}
+
+// "KXM " + microseconds since the epoch (big-endian) + process id + a per-process counter.
+void newMsgId(uint8_t* id) {
+  timespec ts;
+  clock_gettime(CLOCK_REALTIME, &ts);
+  uint64_t us = uint64_t(ts.tv_sec) * 1'000'000 + uint64_t(ts.tv_nsec) / 1000;
+  if (gMsgCounter == 0) {
+    if (getrandom(&gMsgCounter, sizeof gMsgCounter, 0) != sizeof gMsgCounter) gMsgCounter = us;
+    gMsgCounter &= 0x0000ffffffffffffull;
+  }
+  uint64_t n = ++gMsgCounter;
+  uint32_t pid = uint32_t(getpid());
+  memcpy(id, "KXM ", 4);
+  for (int i = 0; i < 8; ++i) id[4 + i] = uint8_t(us >> (56 - 8 * i));
+  for (int i = 0; i < 4; ++i) id[12 + i] = uint8_t(pid >> (24 - 8 * i));
+  for (int i = 0; i < 8; ++i) id[16 + i] = uint8_t(n >> (56 - 8 * i));
+}
+
+// PutDate "YYYYMMDD" and PutTime "HHMMSSTH" in UTC.
+void stampPutTime(KXMD& md) {
+  timespec ts;
+  clock_gettime(CLOCK_REALTIME, &ts);
+  struct tm tm;
+  gmtime_r(&ts.tv_sec, &tm);
+  char buf[64];
+  snprintf(buf, sizeof buf, "%04d%02d%02d%02d%02d%02d%02d", (tm.tm_year + 1900) % 10000,
+           tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec,
+           int(ts.tv_nsec / 10'000'000));
+  memcpy(md.PutDate, buf, 8);
+  memcpy(md.PutTime, buf + 8, 8);
+}
+
+bool strucIdIs(const char* id, const char* want) { return memcmp(id, want, 4) == 0; }
+
+// ---- Units of work ----------------------------------------------------------------------------
+
+int insertRow(Connection& c, int64_t qid, int state, const uint8_t* md, const void* data,
+              int64_t length) {
+  sqlite3_stmt* s = c.store.insert;
+  Use use(s);
+  sqlite3_bind_int64(s, 1, qid);
+  sqlite3_bind_int(s, 2, state);
+  sqlite3_bind_int64(s, 3, state == kVisible ? 0 : c.token);
+  sqlite3_bind_blob(s, 4, md + offsetof(KXMD, MsgId), kMsgIdLength, SQLITE_STATIC);
+  sqlite3_bind_blob(s, 5, md + offsetof(KXMD, CorrelId), kMsgIdLength, SQLITE_STATIC);
+  sqlite3_bind_blob(s, 6, md, kMdLength, SQLITE_STATIC);
+  sqlite3_bind_blob64(s, 7, length ? data : "", sqlite3_uint64(length), SQLITE_STATIC);
+  int rc = sqlite3_step(s);
+  if (rc != SQLITE_DONE) return rc;
+  return SQLITE_OK;  // no row when the queue was deleted: the message goes with it
+}
+
+int runOwner(Connection& c, sqlite3_stmt* s) {
+  Use use(s);
+  sqlite3_bind_int64(s, 1, c.token);
+  int rc = sqlite3_step(s);
+  return rc == SQLITE_DONE ? SQLITE_OK : rc;
+}
+
+// Writes the syncpoint puts held in memory as rows of the given state.
+int writePending(Connection& c, int state) {
+  for (const PendingPut& p : c.pending) {
+    int rc = insertRow(c, p.qid, state, p.md.data(), p.data.data(), int64_t(p.data.size()));
+    if (rc != SQLITE_OK) return rc;
+  }
+  return SQLITE_OK;
+}
+
+KXLONG flushPending(Connection& c) {
+  int rc = c.store.beginWrite();
+  if (rc == SQLITE_OK) rc = writePending(c, kPutPending);
+  if (rc == SQLITE_OK) rc = c.store.commit();
+  if (rc != SQLITE_OK) {
+    c.store.rollback();
+    return reasonOf(rc);
+  }
+  c.dbPuts += int64_t(c.pending.size());
+  c.pending.clear();
+  c.pendingBytes = 0;
+  ++c.writes;
+  return 0;
+}
+
+KXLONG backOut(Connection& c) {
+  c.pending.clear();
+  c.pendingBytes = 0;
+  if (c.dbPuts == 0 && c.dbGets == 0) return 0;
+  int rc = c.store.beginWrite();
+  if (rc == SQLITE_OK && c.dbPuts) rc = runOwner(c, c.store.backPuts);
+  if (rc == SQLITE_OK && c.dbGets) rc = runOwner(c, c.store.backGets);
+  if (rc == SQLITE_OK) rc = c.store.commit();
+  if (rc != SQLITE_OK) {
+    c.store.rollback();
+    return reasonOf(rc);
+  }
+  c.dbPuts = c.dbGets = 0;
+  ++c.writes;
+  return 0;
+}
+
+// Commits the unit of work; on failure it is backed out and KXRC_BACKED_OUT returned.
+KXLONG commitWork(Connection& c) {
+  if (c.pending.empty() && c.dbPuts == 0 && c.dbGets == 0) return 0;
+  int rc = c.store.beginWrite();
+  if (rc == SQLITE_OK) rc = writePending(c, kVisible);
+  if (rc == SQLITE_OK && c.dbPuts) rc = runOwner(c, c.store.commitPuts);
+  if (rc == SQLITE_OK && c.dbGets) rc = runOwner(c, c.store.commitGets);
+  if (rc == SQLITE_OK) rc = c.store.commit();
+  if (rc != SQLITE_OK) {
+    c.store.rollback();
+    backOut(c);
+    return KXRC_BACKED_OUT;
+  }
+  c.pending.clear();
+  c.pendingBytes = 0;
+  c.dbPuts = c.dbGets = 0;
+  ++c.writes;
+  return 0;
+}
+
+// Backs out the units of work of connections whose process has gone, and registers this one.
+int registerOwner(Connection& c) {
+  int rc = c.store.beginWrite();
+  if (rc != SQLITE_OK) return rc;
+  std::vector<int64_t> dead;
+  {
+    sqlite3_stmt* s = nullptr;
+    rc = sqlite3_prepare_v2(c.store.db(), "SELECT token, pid, started FROM owners", -1, &s,
+                            nullptr);
+    while (rc == SQLITE_OK && sqlite3_step(s) == SQLITE_ROW) {
+      pid_t pid = pid_t(sqlite3_column_int64(s, 1));
+      int64_t started = sqlite3_column_int64(s, 2);
+      if (processStart(pid) != started) dead.push_back(sqlite3_column_int64(s, 0));
+    }
+    sqlite3_finalize(s);
+  }
+  for (int64_t token : dead) {
+    std::string t = std::to_string(token);
+    std::string sql = "DELETE FROM messages WHERE owner = " + t + " AND state = 1;" +
+                      "UPDATE messages SET state = 0, owner = 0 WHERE owner = " + t +
+                      " AND state = 2;" + "DELETE FROM owners WHERE token = " + t + ";";
+    if (rc == SQLITE_OK) rc = c.store.exec(sql.c_str());
+  }
+  if (rc == SQLITE_OK) {
+    std::string sql = "INSERT INTO owners VALUES(" + std::to_string(c.token) + ", " +
+                      std::to_string(c.pid) + ", " + std::to_string(processStart(c.pid)) + ")";
+    rc = c.store.exec(sql.c_str());
+  }
+  if (rc == SQLITE_OK) rc = c.store.commit();
+  if (rc != SQLITE_OK) c.store.rollback();
+  return rc;
+}
+
+// ---- Getting ------------------------------------------------------------------------------------
+
+struct GetArgs {
+  KXMD* md;
+  KXGMO* gmo;
+  KXLONG bufferLength;
+  void* buffer;
+  KXLONG* dataLength;
+};
+
+// Hands one message to the caller. Returns the reason: 0, 2079 or 2080.
+KXLONG deliver(const GetArgs& a, const void* md, int64_t length, const void* data) {
+  memcpy(a.md, md, kMdLength);
+  *a.dataLength = KXLONG(std::min<int64_t>(length, INT32_MAX));
+  if (length > a.bufferLength && !(a.gmo->Options & KXGMO_ACCEPT_TRUNCATED_MSG)) {
+    a.gmo->ReturnedLength = 0;
+    return KXRC_TRUNCATED_MSG_FAILED;
+  }
+  int64_t n = std::min<int64_t>(length, a.bufferLength);
+  if (n > 0) memcpy(a.buffer, data, size_t(n));
+  a.gmo->ReturnedLength = KXLONG(n);
+  return n < length ? KXRC_TRUNCATED_MSG_ACCEPTED : 0;
+}
+
+// Binds the match options of a get to the `next` statement.
+void bindMatch(sqlite3_stmt* s, const GetArgs& a) {
+  if (a.gmo->MatchOptions & KXMO_MATCH_MSG_ID)
+    sqlite3_bind_blob(s, 4, a.md->MsgId, kMsgIdLength, SQLITE_TRANSIENT);
+  else
+    sqlite3_bind_null(s, 4);
+  if (a.gmo->MatchOptions & KXMO_MATCH_CORREL_ID)
+    sqlite3_bind_blob(s, 5, a.md->CorrelId, kMsgIdLength, SQLITE_TRANSIENT);
+  else
+    sqlite3_bind_null(s, 5);
+}
+
+// Destructive get, one write transaction. Returns a reason; 2033 when nothing is there.
+KXLONG getDestructive(Connection& c, Object& o, const GetArgs& a, bool syncpoint) {
+  Store& st = c.store;
+  int rc = st.beginWrite();
+  if (rc != SQLITE_OK) return reasonOf(rc);
+  sqlite3_stmt* s = st.next;
+  KXLONG reason;
+  int64_t seq = 0;
+  {
+    Use use(s);
+    bool accept = a.gmo->Options & KXGMO_ACCEPT_TRUNCATED_MSG;
+    sqlite3_bind_int64(s, 1, o.qid);
+    sqlite3_bind_int64(s, 2, 0);
+    sqlite3_bind_int64(s, 3, accept ? INT64_MAX : a.bufferLength);
+    bindMatch(s, a);
+    sqlite3_bind_int(s, 6, 1);
+    rc = sqlite3_step(s);
+    if (rc == SQLITE_DONE) {
+      st.rollback();
+      return KXRC_NO_MSG_AVAILABLE;
+    }
+    if (rc != SQLITE_ROW || sqlite3_column_bytes(s, 1) != kMdLength) {
+      st.rollback();
+      return rc == SQLITE_ROW ? KXRC_UNEXPECTED_ERROR : reasonOf(rc);
+    }
+    seq = sqlite3_column_int64(s, 0);
+    reason = deliver(a, sqlite3_column_blob(s, 1), sqlite3_column_int64(s, 2),
+                     sqlite3_column_blob(s, 3));
+  }
+  if (reason == KXRC_TRUNCATED_MSG_FAILED) {
+    st.rollback();
+    return reason;
+  }
+  sqlite3_stmt* w = syncpoint ? st.mark : st.remove;
+  {
+    Use use(w);
+    sqlite3_bind_int64(w, 1, seq);
+    if (syncpoint) sqlite3_bind_int64(w, 2, c.token);
+    rc = sqlite3_step(w);
+  }
+  if (rc == SQLITE_DONE) rc = st.commit();
+  if (rc != SQLITE_OK && rc != SQLITE_DONE) {
+    st.rollback();
+    return reasonOf(rc);
+  }
+  if (syncpoint) ++c.dbGets;
+  ++c.writes;
+  return reason;
+}
+
+// Reads the next batch of messages after `after` into the object's read-ahead.
+int readAhead(Connection& c, Object& o, int64_t after) {
+  Store& st = c.store;
+  o.ahead.clear();
+  o.arena.clear();
+  o.aheadPos = 0;
+  o.aheadFrom = -1;
+  int rc = st.beginRead();
+  if (rc != SQLITE_OK) return rc;
+  int64_t version = st.dataVersion();
+  sqlite3_stmt* s = st.next;
+  {
+    Use use(s);
+    sqlite3_bind_int64(s, 1, o.qid);
+    sqlite3_bind_int64(s, 2, after);
+    sqlite3_bind_int64(s, 3, kBatchDataCap);
+    sqlite3_bind_null(s, 4);
+    sqlite3_bind_null(s, 5);
+    sqlite3_bind_int(s, 6, o.batchSize);
+    while ((rc = sqlite3_step(s)) == SQLITE_ROW) {
+      if (sqlite3_column_bytes(s, 1) != kMdLength) {
+        rc = SQLITE_CORRUPT;
+        break;
+      }
+      Ahead e;
+      e.seq = sqlite3_column_int64(s, 0);
+      e.length = sqlite3_column_int64(s, 2);
+      e.md = o.arena.size();
+      const uint8_t* md = static_cast<const uint8_t*>(sqlite3_column_blob(s, 1));
+      o.arena.insert(o.arena.end(), md, md + kMdLength);
+      e.data = SIZE_MAX;
+      if (sqlite3_column_type(s, 3) != SQLITE_NULL) {
+        e.data = o.arena.size();
+        const uint8_t* d = static_cast<const uint8_t*>(sqlite3_column_blob(s, 3));
+        if (e.length) o.arena.insert(o.arena.end(), d, d + e.length);
+      }
+      o.ahead.push_back(e);
+    }
+  }
+  int end = st.commit();
+  if (rc != SQLITE_DONE) {
+    o.ahead.clear();
+    return rc;
+  }
+  if (end != SQLITE_OK) return end;
+  o.aheadComplete = int(o.ahead.size()) < o.batchSize;
+  o.aheadFrom = after;
+  o.aheadVersion = version;
+  o.aheadWrites = c.writes;
+  o.batchSize = std::min(o.batchSize * 2, kLastBatch);
+  return SQLITE_OK;
+}
+
+// Browse without match options: from the read-ahead while the file is unchanged.
+KXLONG browseAhead(Connection& c, Object& o, const GetArgs& a, int64_t after) {
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    int64_t version = c.store.dataVersion();
+    bool fresh = o.aheadFrom >= 0 && o.aheadFrom <= after && version == o.aheadVersion &&
+                 c.writes == o.aheadWrites;
+    if (fresh) {
+      while (o.aheadPos < o.ahead.size() && o.ahead[o.aheadPos].seq <= after) ++o.aheadPos;
+      if (o.aheadPos == o.ahead.size()) {
+        if (o.aheadComplete) return KXRC_NO_MSG_AVAILABLE;
+        fresh = false;
+      }
+    }
+    if (!fresh) {
+      int rc = readAhead(c, o, after);
+      if (rc != SQLITE_OK) return reasonOf(rc);
+      if (o.ahead.empty()) return KXRC_NO_MSG_AVAILABLE;
+    }
+    const Ahead& e = o.ahead[o.aheadPos];
+    const uint8_t* md = o.arena.data() + e.md;
+    KXLONG reason;
+    bool accept = a.gmo->Options & KXGMO_ACCEPT_TRUNCATED_MSG;
+    if (e.data != SIZE_MAX || (e.length > a.bufferLength && !accept)) {
+      reason = deliver(a, md, e.length, e.data != SIZE_MAX ? o.arena.data() + e.data : nullptr);
+      if (reason == KXRC_TRUNCATED_MSG_FAILED) return reason;
+    } else {
+      // A long message: read its data now; gone means the read-ahead is stale.
+      sqlite3_stmt* s = c.store.dataOf;
+      Use use(s);
+      sqlite3_bind_int64(s, 1, e.seq);
+      int rc = sqlite3_step(s);
+      if (rc == SQLITE_DONE) {
+        o.aheadFrom = -1;
+        continue;
+      }
+      if (rc != SQLITE_ROW) return reasonOf(rc);
+      reason = deliver(a, md, sqlite3_column_bytes(s, 0), sqlite3_column_blob(s, 0));
+    }
+    o.cursor = e.seq;
+    ++o.aheadPos;
+    return reason;
+  }
+  return KXRC_UNEXPECTED_ERROR;
+}
+
+// Browse with match options: one query per get.
+KXLONG browseMatching(Connection& c, Object& o, const GetArgs& a, int64_t after) {
+  sqlite3_stmt* s = c.store.next;
+  Use use(s);
+  bool accept = a.gmo->Options & KXGMO_ACCEPT_TRUNCATED_MSG;
+  sqlite3_bind_int64(s, 1, o.qid);
+  sqlite3_bind_int64(s, 2, after);
+  sqlite3_bind_int64(s, 3, accept ? INT64_MAX : a.bufferLength);
+  bindMatch(s, a);
+  sqlite3_bind_int(s, 6, 1);
+  int rc = sqlite3_step(s);
+  if (rc == SQLITE_DONE) return KXRC_NO_MSG_AVAILABLE;
+  if (rc != SQLITE_ROW) return reasonOf(rc);
+  if (sqlite3_column_bytes(s, 1) != kMdLength) return KXRC_UNEXPECTED_ERROR;
+  KXLONG reason = deliver(a, sqlite3_column_blob(s, 1), sqlite3_column_int64(s, 2),
+                          sqlite3_column_blob(s, 3));
+  if (reason != KXRC_TRUNCATED_MSG_FAILED) o.cursor = sqlite3_column_int64(s, 0);
+  return reason;
+}
+
+KXLONG tryGet(Connection& c, Object& o, const GetArgs& a) {
+  KXLONG opts = a.gmo->Options;
+  if (opts & (KXGMO_BROWSE_FIRST | KXGMO_BROWSE_NEXT)) {
+    if (opts & KXGMO_BROWSE_FIRST) o.cursor = 0;
+    if (a.gmo->MatchOptions == KXMO_NONE) return browseAhead(c, o, a, o.cursor);
+    return browseMatching(c, o, a, o.cursor);
+  }
+  return getDestructive(c, o, a, opts & KXGMO_SYNCPOINT);
+}
+
+// Checks a get's arguments; returns 0 or the reason.
+KXLONG checkGet(const Object& o, const GetArgs& a) {
+  if (!a.md || !strucIdIs(a.md->StrucId, "MD  ")) return KXRC_MD_ERROR;
+  if (!a.gmo || !strucIdIs(a.gmo->StrucId, "GMO ") || a.gmo->Version < 1) return KXRC_GMO_ERROR;
+  KXLONG opts = a.gmo->Options;
+  if (opts & ~kGetKnownOptions) return KXRC_OPTIONS_ERROR;
+  if ((opts & KXGMO_SYNCPOINT) && (opts & KXGMO_NO_SYNCPOINT)) return KXRC_OPTIONS_ERROR;
+  bool browse = opts & (KXGMO_BROWSE_FIRST | KXGMO_BROWSE_NEXT);
+  if ((opts & KXGMO_BROWSE_FIRST) && (opts & KXGMO_BROWSE_NEXT)) return KXRC_OPTIONS_ERROR;
+  if (browse && (opts & KXGMO_SYNCPOINT)) return KXRC_OPTIONS_ERROR;
+  if (a.gmo->MatchOptions & ~(KXMO_MATCH_MSG_ID | KXMO_MATCH_CORREL_ID)) return KXRC_OPTIONS_ERROR;
+  if ((opts & KXGMO_WAIT) && a.gmo->WaitInterval < 0 && a.gmo->WaitInterval != KXWI_UNLIMITED)
+    return KXRC_WAIT_INTERVAL_ERROR;
+  if (browse && !(o.options & KXOO_BROWSE)) return KXRC_NOT_OPEN_FOR_BROWSE;
+  if (!browse && !(o.options & kOpenInputOptions)) return KXRC_NOT_OPEN_FOR_INPUT;
+  if (a.bufferLength < 0) return KXRC_BUFFER_LENGTH_ERROR;
+  if (a.bufferLength > 0 && !a.buffer) return KXRC_BUFFER_ERROR;
+  if (!a.dataLength) return KXRC_DATA_LENGTH_ERROR;
+  return 0;
+}
+
+// ---- Putting ------------------------------------------------------------------------------------
+
+KXLONG putMessage(Connection& c, Object& o, KXMD* md, KXPMO* pmo, KXLONG length, void* buffer) {
+  if (!md || !strucIdIs(md->StrucId, "MD  ")) return KXRC_MD_ERROR;
+  if (!pmo || !strucIdIs(pmo->StrucId, "PMO ")) return KXRC_PMO_ERROR;
+  KXLONG opts = pmo->Options;
+  if (opts & ~kPutKnownOptions) return KXRC_OPTIONS_ERROR;
+  if ((opts & KXPMO_SYNCPOINT) && (opts & KXPMO_NO_SYNCPOINT)) return KXRC_OPTIONS_ERROR;
+  if (!(o.options & KXOO_OUTPUT)) return KXRC_NOT_OPEN_FOR_OUTPUT;
+  if (length < 0) return KXRC_BUFFER_LENGTH_ERROR;
+  if (length > 0 && !buffer) return KXRC_BUFFER_ERROR;
+  if (length > o.maxLength) return KXRC_MSG_TOO_BIG_FOR_Q;
+  if (!(opts & KXPMO_SET_ALL_CONTEXT)) {
+    if ((opts & KXPMO_NEW_MSG_ID) || allZero(md->MsgId, kMsgIdLength)) newMsgId(md->MsgId);
+    stampPutTime(*md);
+  }
+  const uint8_t* mdBytes = reinterpret_cast<const uint8_t*>(md);
+  if (opts & KXPMO_SYNCPOINT) {
+    PendingPut p;
+    p.qid = o.qid;
+    memcpy(p.md.data(), mdBytes, kMdLength);
+    const uint8_t* d = static_cast<const uint8_t*>(buffer);
+    p.data.assign(d, d + length);
+    c.pending.push_back(std::move(p));
+    c.pendingBytes += size_t(length) + kMdLength;
+    if (c.pendingBytes > kPendingMemoryLimit) return flushPending(c);
+    return 0;
+  }
+  int rc = insertRow(c, o.qid, kVisible, mdBytes, buffer, length);
+  if (rc != SQLITE_OK) return reasonOf(rc);
+  if (sqlite3_changes(c.store.db()) != 1) return KXRC_Q_DELETED;
+  ++c.writes;
+  return 0;
+}
+
+// ---- Opening ------------------------------------------------------------------------------------
+
+KXLONG openQueue(Connection& c, KXOD* od, KXLONG options, KXHOBJ* hobj) {
+  if (!od || !strucIdIs(od->StrucId, "OD  ") || od->Version < 1) return KXRC_OD_ERROR;
+  if (od->ObjectType != KXOT_Q) return KXRC_OBJECT_TYPE_ERROR;
+  if (options & ~kOpenKnownOptions) return KXRC_OPTIONS_ERROR;
+  KXLONG input = options & kOpenInputOptions;
+  if (input & (input - 1)) return KXRC_OPTIONS_ERROR;  // more than one input option
+  if (!(options & ~KXOO_FAIL_IF_QUIESCING)) return KXRC_OPTIONS_ERROR;
+  std::string target = fieldName(od->ObjectQMgrName, kNameLength);
+  if (!target.empty() && target != c.qmgr) return KXRC_UNKNOWN_OBJECT_NAME;
+  std::string name = fieldName(od->ObjectName, kNameLength);
+  auto o = std::make_unique<Object>();
+  {
+    sqlite3_stmt* s = c.store.findQueue;
+    Use use(s);
+    sqlite3_bind_text(s, 1, name.data(), int(name.size()), SQLITE_STATIC);
+    int rc = sqlite3_step(s);
+    if (rc == SQLITE_DONE) return KXRC_UNKNOWN_OBJECT_NAME;
+    if (rc != SQLITE_ROW) return reasonOf(rc);
+    o->qid = sqlite3_column_int64(s, 0);
+    o->maxLength = sqlite3_column_int64(s, 1);
+  }
+  o->name = name;
+  o->options = options;
+  size_t slot = 0;
+  while (slot < c.objects.size() && c.objects[slot]) ++slot;
+  if (slot == c.objects.size()) c.objects.emplace_back();
+  c.objects[slot] = std::move(o);
+  *hobj = KXHOBJ(slot + 1);
+  return 0;
+}
+
+KXLONG closeConnection(Connection& c) {
+  KXLONG reason = commitWork(c);
+  std::string sql = "DELETE FROM owners WHERE token = " + std::to_string(c.token);
+  c.store.exec(sql.c_str());
+  return reason;
+}
+
+KXLONG connect(KXCHAR* name, KXHCONN* hconn) {
+  if (!hconn) return KXRC_HCONN_ERROR;
+  std::string qmgr = fieldName(name, kNameLength);
+  for (size_t i = 0; i < gConnections.size(); ++i) {
+    Connection* c = gConnections[i].get();
+    if (c && c->pid == getpid() && c->thread == std::this_thread::get_id() && c->qmgr == qmgr) {
+      *hconn = KXHCONN(i + 1);
+      return KXRC_CONN_ALREADY_EXISTS;
+    }
+  }
+  auto c = std::make_unique<Connection>();
+  std::string why;
+  if (qmgr.empty()) return KXRC_Q_MGR_NAME_ERROR;
+  if (KXLONG r = c->store.open(qmgr, why)) return r;
+  c->pid = getpid();
+  c->thread = std::this_thread::get_id();
+  c->qmgr = qmgr;
+  while (c->token <= 0) {
+    if (getrandom(&c->token, sizeof c->token, 0) != sizeof c->token) c->token = nowMs();
+    c->token &= INT64_MAX;
+  }
+  if (int rc = registerOwner(*c)) return reasonOf(rc);
+  size_t slot = 0;
+  while (slot < gConnections.size() && gConnections[slot]) ++slot;
+  if (slot == gConnections.size()) gConnections.emplace_back();
+  gConnections[slot] = std::move(c);
+  *hconn = KXHCONN(slot + 1);
+  return 0;
+}
+
+}  // namespace
+}  // namespace kxm
+
+using namespace kxm;
+
+// ---- The entry points ---------------------------------------------------------------------------
+
+extern "C" {
+
+KXENTRY void KXCONN(KXCHAR* QMgrName, KXHCONN* Hconn, KXLONG* CompCode, KXLONG* Reason) {
+  std::lock_guard<std::mutex> lock(gLock);
+  KXLONG r = connect(QMgrName, Hconn);
+  if (r == KXRC_CONN_ALREADY_EXISTS) return setResult(CompCode, Reason, KXCC_WARNING, r);
+  if (r) {
+    if (Hconn) *Hconn = -1;
+    return setResult(CompCode, Reason, KXCC_FAILED, r);
+  }
+  setResult(CompCode, Reason, KXCC_OK, 0);
+}
+
+KXENTRY void KXCONNX(KXCHAR* QMgrName, KXCNO* ConnectOpts, KXHCONN* Hconn, KXLONG* CompCode,
+                     KXLONG* Reason) {
+  if (!ConnectOpts || !strucIdIs(ConnectOpts->StrucId, "CNO ")) {
+    failed(CompCode, Reason, KXRC_CNO_ERROR);
+    return;
+  }
+  if (ConnectOpts->Options != KXCNO_NONE) {
+    failed(CompCode, Reason, KXRC_OPTIONS_ERROR);
+    return;
+  }
+  KXCONN(QMgrName, Hconn, CompCode, Reason);
+}
+
+KXENTRY void KXDISC(KXHCONN* Hconn, KXLONG* CompCode, KXLONG* Reason) {
+  std::lock_guard<std::mutex> lock(gLock);
+  Connection* c = Hconn ? findConnection(*Hconn) : nullptr;
+  if (!c) {
+    failed(CompCode, Reason, KXRC_HCONN_ERROR);
+    return;
+  }
+  KXLONG r = closeConnection(*c);
+  gConnections[size_t(*Hconn) - 1].reset();
+  *Hconn = -1;
+  if (r) return setResult(CompCode, Reason, KXCC_WARNING, r);
+  setResult(CompCode, Reason, KXCC_OK, 0);
+}
+
+KXENTRY void KXOPEN(KXHCONN Hconn, KXOD* ObjDesc, KXLONG Options, KXHOBJ* Hobj, KXLONG* CompCode,
+                    KXLONG* Reason) {
+  std::lock_guard<std::mutex> lock(gLock);
+  Connection* c = findConnection(Hconn);
+  if (!c) {
+    failed(CompCode, Reason, KXRC_HCONN_ERROR);
+    return;
+  }
+  if (!Hobj) {
+    failed(CompCode, Reason, KXRC_HOBJ_ERROR);
+    return;
+  }
+  if (KXLONG r = openQueue(*c, ObjDesc, Options, Hobj)) {
+    *Hobj = -1;
+    failed(CompCode, Reason, r);
+    return;
+  }
+  setResult(CompCode, Reason, KXCC_OK, 0);
+}
+
+KXENTRY void KXCLOSE(KXHCONN Hconn, KXHOBJ* Hobj, KXLONG Options, KXLONG* CompCode,
+                     KXLONG* Reason) {
+  std::lock_guard<std::mutex> lock(gLock);
+  Connection* c = findConnection(Hconn);
+  if (!c) {
+    failed(CompCode, Reason, KXRC_HCONN_ERROR);
+    return;
+  }
+  if (!Hobj || !findObject(*c, *Hobj)) {
+    failed(CompCode, Reason, KXRC_HOBJ_ERROR);
+    return;
+  }
+  if (Options != KXCO_NONE) {
+    failed(CompCode, Reason, KXRC_OPTIONS_ERROR);
+    return;
+  }
+  c->objects[size_t(*Hobj) - 1].reset();
+  *Hobj = -1;
+  setResult(CompCode, Reason, KXCC_OK, 0);
+}
+
+KXENTRY void KXGET(KXHCONN Hconn, KXHOBJ Hobj, KXMD* MsgDesc, KXGMO* GetMsgOpts,
+                   KXLONG BufferLength, void* Buffer, KXLONG* DataLength, KXLONG* CompCode,
+                   KXLONG* Reason) {
+  GetArgs a{MsgDesc, GetMsgOpts, BufferLength, Buffer, DataLength};
+  std::unique_lock<std::mutex> lock(gLock);
+  int64_t deadline = -1;
+  int sleepMs = 1;
+  for (;;) {
+    Connection* c = findConnection(Hconn);
+    if (!c) {
+      failed(CompCode, Reason, KXRC_HCONN_ERROR);
+      return;
+    }
+    Object* o = findObject(*c, Hobj);
+    if (!o) {
+      failed(CompCode, Reason, KXRC_HOBJ_ERROR);
+      return;
+    }
+    if (KXLONG r = checkGet(*o, a)) {
+      failed(CompCode, Reason, r);
+      return;
+    }
+    KXLONG r = tryGet(*c, *o, a);
+    if (r == 0) return setResult(CompCode, Reason, KXCC_OK, 0);
+    if (r == KXRC_TRUNCATED_MSG_ACCEPTED) return setResult(CompCode, Reason, KXCC_WARNING, r);
+    if (r == KXRC_TRUNCATED_MSG_FAILED) {
+      failed(CompCode, Reason, r);
+      return;
+    }
+    if (r != KXRC_NO_MSG_AVAILABLE || !(a.gmo->Options & KXGMO_WAIT)) {
+      failed(CompCode, Reason, r);
+      return;
+    }
+    // Wait: poll with short sleeps, without the lock, until a message comes or time is up.
+    int64_t now = nowMs();
+    if (deadline < 0)
+      deadline = a.gmo->WaitInterval == KXWI_UNLIMITED ? INT64_MAX : now + a.gmo->WaitInterval;
+    if (now >= deadline) {
+      failed(CompCode, Reason, r);
+      return;
+    }
+    lock.unlock();
+    int64_t nap = std::min<int64_t>(sleepMs, deadline - now);
+    usleep(useconds_t(nap * 1000));
+    sleepMs = std::min(sleepMs * 2, 20);
+    lock.lock();
+  }
+}
+
+KXENTRY void KXPUT(KXHCONN Hconn, KXHOBJ Hobj, KXMD* MsgDesc, KXPMO* PutMsgOpts,
+                   KXLONG BufferLength, void* Buffer, KXLONG* CompCode, KXLONG* Reason) {
+  std::lock_guard<std::mutex> lock(gLock);
+  Connection* c = findConnection(Hconn);
+  if (!c) {
+    failed(CompCode, Reason, KXRC_HCONN_ERROR);
+    return;
+  }
+  Object* o = findObject(*c, Hobj);
+  if (!o) {
+    failed(CompCode, Reason, KXRC_HOBJ_ERROR);
+    return;
+  }
+  if (KXLONG r = putMessage(*c, *o, MsgDesc, PutMsgOpts, BufferLength, Buffer)) {
+    failed(CompCode, Reason, r);
+    return;
+  }
+  setResult(CompCode, Reason, KXCC_OK, 0);
+}
+
+KXENTRY void KXPUT1(KXHCONN Hconn, KXOD* ObjDesc, KXMD* MsgDesc, KXPMO* PutMsgOpts,
+                    KXLONG BufferLength, void* Buffer, KXLONG* CompCode, KXLONG* Reason) {
+  std::lock_guard<std::mutex> lock(gLock);
+  Connection* c = findConnection(Hconn);
+  if (!c) {
+    failed(CompCode, Reason, KXRC_HCONN_ERROR);
+    return;
+  }
+  KXHOBJ h = -1;
+  KXLONG r = openQueue(*c, ObjDesc, KXOO_OUTPUT, &h);
+  if (r == 0) {
+    r = putMessage(*c, *findObject(*c, h), MsgDesc, PutMsgOpts, BufferLength, Buffer);
+    c->objects[size_t(h) - 1].reset();
+  }
+  if (r) {
+    failed(CompCode, Reason, r);
+    return;
+  }
+  setResult(CompCode, Reason, KXCC_OK, 0);
+}
+
+KXENTRY void KXINQ(KXHCONN Hconn, KXHOBJ Hobj, KXLONG SelectorCount, KXLONG* Selectors,
+                   KXLONG IntAttrCount, KXLONG* IntAttrs, KXLONG CharAttrLength,
+                   KXCHAR* CharAttrs, KXLONG* CompCode, KXLONG* Reason) {
+  std::lock_guard<std::mutex> lock(gLock);
+  Connection* c = findConnection(Hconn);
+  if (!c) {
+    failed(CompCode, Reason, KXRC_HCONN_ERROR);
+    return;
+  }
+  Object* o = findObject(*c, Hobj);
+  if (!o) {
+    failed(CompCode, Reason, KXRC_HOBJ_ERROR);
+    return;
+  }
+  if (!(o->options & KXOO_INQUIRE)) {
+    failed(CompCode, Reason, KXRC_NOT_OPEN_FOR_INQUIRE);
+    return;
+  }
+  if (SelectorCount < 0 || (SelectorCount > 0 && !Selectors)) {
+    failed(CompCode, Reason, KXRC_SELECTOR_COUNT_ERROR);
+    return;
+  }
+  if (IntAttrCount < 0 || (IntAttrCount > 0 && !IntAttrs)) {
+    failed(CompCode, Reason, KXRC_INT_ATTR_COUNT_ERROR);
+    return;
+  }
+  if (CharAttrLength < 0 || (CharAttrLength > 0 && !CharAttrs)) {
+    failed(CompCode, Reason, KXRC_CHAR_ATTR_LENGTH_ERROR);
+    return;
+  }
+  KXLONG ints = 0, chars = 0;
+  for (KXLONG i = 0; i < SelectorCount; ++i) {
+    KXLONG sel = Selectors[i];
+    if (sel == KXCA_Q_NAME) {
+      if (chars + kNameLength > CharAttrLength) {
+        failed(CompCode, Reason, KXRC_CHAR_ATTR_LENGTH_ERROR);
+        return;
+      }
+      memset(CharAttrs + chars, ' ', kNameLength);
+      memcpy(CharAttrs + chars, o->name.data(), o->name.size());
+      chars += kNameLength;
+      continue;
+    }
+    if (sel != KXIA_CURRENT_Q_DEPTH && sel != KXIA_MAX_MSG_LENGTH) {
+      failed(CompCode, Reason, KXRC_SELECTOR_ERROR);
+      return;
+    }
+    if (ints >= IntAttrCount) {
+      failed(CompCode, Reason, KXRC_INT_ATTR_COUNT_ERROR);
+      return;
+    }
+    if (sel == KXIA_MAX_MSG_LENGTH) {
+      IntAttrs[ints++] = KXLONG(o->maxLength);
+      continue;
+    }
+    sqlite3_stmt* s = c->store.depth;
+    Use use(s);
+    sqlite3_bind_int64(s, 1, o->qid);
+    int rc = sqlite3_step(s);
+    if (rc != SQLITE_ROW) {
+      failed(CompCode, Reason, reasonOf(rc));
+      return;
+    }
+    IntAttrs[ints++] = KXLONG(std::min<int64_t>(sqlite3_column_int64(s, 0), INT32_MAX));
+  }
+  setResult(CompCode, Reason, KXCC_OK, 0);
+}
+
+KXENTRY void KXSET(KXHCONN Hconn, KXHOBJ Hobj, KXLONG SelectorCount, KXLONG* Selectors,
+                   KXLONG IntAttrCount, KXLONG* IntAttrs, KXLONG CharAttrLength,
+                   KXCHAR* CharAttrs, KXLONG* CompCode, KXLONG* Reason) {
+  std::lock_guard<std::mutex> lock(gLock);
+  Connection* c = findConnection(Hconn);
+  if (!c) {
+    failed(CompCode, Reason, KXRC_HCONN_ERROR);
+    return;
+  }
+  Object* o = findObject(*c, Hobj);
+  if (!o) {
+    failed(CompCode, Reason, KXRC_HOBJ_ERROR);
+    return;
+  }
+  if (!(o->options & KXOO_SET)) {
+    failed(CompCode, Reason, KXRC_NOT_OPEN_FOR_SET);
+    return;
+  }
+  if (SelectorCount < 0 || (SelectorCount > 0 && !Selectors)) {
+    failed(CompCode, Reason, KXRC_SELECTOR_COUNT_ERROR);
+    return;
+  }
+  if (IntAttrCount < SelectorCount || (IntAttrCount > 0 && !IntAttrs)) {
+    failed(CompCode, Reason, KXRC_INT_ATTR_COUNT_ERROR);
+    return;
+  }
+  // Only the maximum message length can be set.
+  for (KXLONG i = 0; i < SelectorCount; ++i) {
+    if (Selectors[i] != KXIA_MAX_MSG_LENGTH) {
+      failed(CompCode, Reason, KXRC_SELECTOR_ERROR);
+      return;
+    }
+    if (IntAttrs[i] < 0 || IntAttrs[i] > 999000000) {
+      failed(CompCode, Reason, KXRC_OPTIONS_ERROR);
+      return;
+    }
+  }
+  for (KXLONG i = 0; i < SelectorCount; ++i) {
+    sqlite3_stmt* s = c->store.setMaxLen;
+    Use use(s);
+    sqlite3_bind_int64(s, 1, o->qid);
+    sqlite3_bind_int64(s, 2, IntAttrs[i]);
+    int rc = sqlite3_step(s);
+    if (rc != SQLITE_DONE) {
+      failed(CompCode, Reason, reasonOf(rc));
+      return;
+    }
+    o->maxLength = IntAttrs[i];
+    ++c->writes;
+  }
+  setResult(CompCode, Reason, KXCC_OK, 0);
+}
+
+KXENTRY void KXBEGIN(KXHCONN Hconn, KXBO* BeginOpts, KXLONG* CompCode, KXLONG* Reason) {
+  std::lock_guard<std::mutex> lock(gLock);
+  if (!findConnection(Hconn)) {
+    failed(CompCode, Reason, KXRC_HCONN_ERROR);
+    return;
+  }
+  if (BeginOpts && !strucIdIs(BeginOpts->StrucId, "BO  ")) {
+    failed(CompCode, Reason, KXRC_BO_ERROR);
+    return;
+  }
+  if (BeginOpts && BeginOpts->Options != KXBO_NONE) {
+    failed(CompCode, Reason, KXRC_OPTIONS_ERROR);
+    return;
+  }
+  // A unit of work begins with the first get or put under syncpoint; nothing to do here.
+  setResult(CompCode, Reason, KXCC_OK, 0);
+}
+
+KXENTRY void KXCMIT(KXHCONN Hconn, KXLONG* CompCode, KXLONG* Reason) {
+  std::lock_guard<std::mutex> lock(gLock);
+  Connection* c = findConnection(Hconn);
+  if (!c) {
+    failed(CompCode, Reason, KXRC_HCONN_ERROR);
+    return;
+  }
+  if (KXLONG r = commitWork(*c)) {
+    failed(CompCode, Reason, r);
+    return;
+  }
+  setResult(CompCode, Reason, KXCC_OK, 0);
+}
+
+KXENTRY void KXBACK(KXHCONN Hconn, KXLONG* CompCode, KXLONG* Reason) {
+  std::lock_guard<std::mutex> lock(gLock);
+  Connection* c = findConnection(Hconn);
+  if (!c) {
+    failed(CompCode, Reason, KXRC_HCONN_ERROR);
+    return;
+  }
+  if (KXLONG r = backOut(*c)) {
+    failed(CompCode, Reason, r);
+    return;
+  }
+  setResult(CompCode, Reason, KXCC_OK, 0);
+}
+
+}  // extern "C"

@@ -1,0 +1,114 @@
+// store.h - one queue manager's SQLite database: names, paths, schema and prepared statements.
+//
+// A queue manager is the file <data path>/<name>.kxdb in WAL mode. Messages of all queues live in
+// one table, in sequence order (the sequence is never reused, so it can serve as a browse cursor):
+//
+//   messages(seq, qid, state, owner, msgid, correlid, md[364], data)
+//     state 0  committed, visible to gets and browses
+//     state 1  put under syncpoint, not yet committed (owner = the connection's token)
+//     state 2  got under syncpoint, not yet committed (owner = the connection's token)
+//
+// Units of work of a connection that died are backed out by the next connection to the queue
+// manager (owners table: token, pid and the process start time).
+#pragma once
+
+#include <sqlite3.h>
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace kxm {
+
+constexpr int kMdLength = 364;
+constexpr int kNameLength = 48;
+constexpr int kMsgIdLength = 24;
+
+// Message states.
+constexpr int kVisible = 0;
+constexpr int kPutPending = 1;
+constexpr int kGetPending = 2;
+
+// The data directory: $KX_DATA_PATH, else ~/.kx.
+std::string dataPath();
+// Creates the data directory (and its parents) when missing; 0 or KXM_RC_DATA_PATH_ERROR.
+int32_t ensureDataPath(std::string& why);
+// Names: 1 to 48 characters of A-Z a-z 0-9 . _ % / - (queue managers: no "/", not starting ".").
+bool validQmgrName(std::string_view name);
+bool validQueueName(std::string_view name);
+std::string qmgrFile(const std::string& qmgr);
+// A blank or NUL padded fixed field as a name: up to `room` bytes, cut at NUL, blanks trimmed.
+std::string fieldName(const char* field, size_t room);
+// The reason for a failed SQLite call.
+int32_t reasonOf(int sqliteRc);
+// Start time of a process (clock ticks since boot), -1 when the process does not exist.
+int64_t processStart(pid_t pid);
+
+// Statement that resets itself at the end of a scope.
+class Use {
+ public:
+  explicit Use(sqlite3_stmt* s) : s_(s) {}
+  ~Use() { sqlite3_reset(s_); }
+  Use(const Use&) = delete;
+  Use& operator=(const Use&) = delete;
+
+ private:
+  sqlite3_stmt* s_;
+};
+
+class Store {
+ public:
+  Store() = default;
+  ~Store();
+  Store(const Store&) = delete;
+  Store& operator=(const Store&) = delete;
+
+  // Opens an existing queue manager. Returns 0 or a reason; `why` explains a failure.
+  int32_t open(const std::string& qmgr, std::string& why);
+  // Creates a new queue manager file with its schema.
+  static int32_t create(const std::string& qmgr, std::string& why);
+
+  int exec(const char* sql);
+  int beginRead() { return step0(begin_); }
+  int beginWrite() { return step0(beginImmediate_); }
+  int commit() { return step0(commit_); }
+  void rollback() {
+    if (!sqlite3_get_autocommit(db_)) step0(rollback_);
+  }
+  // Changes committed to the file by other connections since open (PRAGMA data_version).
+  int64_t dataVersion();
+  std::string lastError() const { return db_ ? sqlite3_errmsg(db_) : "no database"; }
+
+  sqlite3* db() const { return db_; }
+
+  // seq, md, length(data), data when length(data) <= ?3 -- of queue ?1 after seq ?2, visible,
+  // matching MsgId ?4 and CorrelId ?5 when these are bound, at most ?6 rows.
+  sqlite3_stmt* next = nullptr;
+  sqlite3_stmt* dataOf = nullptr;      // data of visible message ?1
+  sqlite3_stmt* insert = nullptr;      // ?1 qid ?2 state ?3 owner ?4 msgid ?5 correlid ?6 md ?7 data
+  sqlite3_stmt* remove = nullptr;      // delete message ?1
+  sqlite3_stmt* mark = nullptr;        // message ?1 got under syncpoint by owner ?2
+  sqlite3_stmt* findQueue = nullptr;   // id, max_len of queue named ?1
+  sqlite3_stmt* depth = nullptr;       // committed messages of queue ?1
+  sqlite3_stmt* setMaxLen = nullptr;   // queue ?1 max_len ?2
+  sqlite3_stmt* commitPuts = nullptr;  // owner ?1: pending puts become visible
+  sqlite3_stmt* commitGets = nullptr;  // owner ?1: pending gets are deleted
+  sqlite3_stmt* backPuts = nullptr;    // owner ?1: pending puts are deleted
+  sqlite3_stmt* backGets = nullptr;    // owner ?1: pending gets become visible again
+
+ private:
+  int step0(sqlite3_stmt* s);
+  int prepare(sqlite3_stmt** s, const char* sql);
+
+  sqlite3* db_ = nullptr;
+  sqlite3_stmt* begin_ = nullptr;
+  sqlite3_stmt* beginImmediate_ = nullptr;
+  sqlite3_stmt* commit_ = nullptr;
+  sqlite3_stmt* rollback_ = nullptr;
+  sqlite3_stmt* dataVersion_ = nullptr;
+  int64_t busyStartUs_ = 0;
+  static int onBusy(void* self, int count);
+};
+
+}  // namespace kxm
