@@ -2,6 +2,7 @@
 #pragma once
 
 #include <csetjmp>
+#include <csignal>
 #include <cstdint>
 #include <mutex>
 #include <sys/types.h>

@@ -62,6 +62,36 @@ struct TraceItem {
   const void* address;
 };
 
+// Record written to the sink for every probe:
+//
+//   +----------------+-----------+----------+------+-----------+------------+-----------+-------+
+//   | utcMicros (8)  | comp (2)  | func (2) | kind | valueType | itemCount  | labelLen  | len   |
+//   |                |           |          | (1)  | (1)       | (2)        | (2)       | (4)   |
+//   +----------------+-----------+----------+------+-----------+------------+-----------+-------+
+//   exit:  the value, 2, 4 or 8 bytes by valueType (13, 17, 18)
+//   data:  label bytes (labelLen, not terminated), then per item: type (4), length (4), bytes
+enum TraceProbeKind : uint8_t { kProbeEntry = 1, kProbeExit = 2, kProbeData = 3 };
+inline constexpr uint8_t kTraceTypeU16 = 13;
+inline constexpr uint8_t kTraceTypeU32 = 17;
+inline constexpr uint8_t kTraceTypePtr = 18;
+inline constexpr size_t kTraceMaxItems = 32;
+
+struct TraceRecordHeader {
+  uint64_t utcMicros;   // microseconds since the epoch, UTC
+  uint16_t component;
+  uint16_t function;
+  uint8_t kind;         // TraceProbeKind
+  uint8_t valueType;    // exit records: 13, 17, 18, or 0 for no value
+  uint16_t itemCount;   // data records: items kept (32 at most)
+  uint16_t labelLength;
+  uint16_t reserved;
+  uint32_t length;      // whole record, header included
+};
+struct TraceItemHeader {
+  uint32_t type;
+  uint32_t length;
+};
+
 void traceWriteEntry(int component, int function);
 void traceWriteExit(int component, int function, int kind, uint64_t value);
 int traceWriteData(int component, int function, const char* label, int level,
@@ -84,6 +114,22 @@ inline int traceData(int component, int function, const char* label, int require
   int level = traceLevel(component, function);
   if (level & requiredLevel) traceWriteData(component, function, label, requiredLevel, items, count);
   return level;
+}
+
+// A data point whose single item is a printf-style text (item type 3). The text is formatted
+// only when `requiredLevel` shares a bit with the effective level. Returns the effective level.
+int traceWriteText(int component, int function, const char* label, int requiredLevel,
+                   const char* fmt, ...) __attribute__((format(printf, 5, 6)));
+#define RPL_TRACE_TEXT(component, function, label, requiredLevel, ...)                        \
+  do {                                                                                         \
+    if (traceLevel((component), (function)) & (requiredLevel))                                 \
+      traceWriteText((component), (function), (label), (requiredLevel), __VA_ARGS__);          \
+  } while (0)
+
+// A data point holding a hex dump of raw bytes (item type 0) at the dump level.
+inline void traceHex(int component, int function, const char* label, const void* p, size_t n) {
+  TraceItem item{kTraceRaw, n, p};
+  traceData(component, function, label, kTraceDumps, &item, 1);
 }
 
 // Entry and exit probes of one function, placed with RPL_TRACE(component, function).
