@@ -1,0 +1,186 @@
+// XML message output on the Xerces-C DOM parser and its LS serializer.
+#include "driver/xml_printer.h"
+
+#include <cstring>
+
+#include <xercesc/dom/DOM.hpp>
+#include <xercesc/framework/MemBufInputSource.hpp>
+#include <xercesc/framework/XMLFormatter.hpp>
+#include <xercesc/parsers/XercesDOMParser.hpp>
+#include <xercesc/sax/ErrorHandler.hpp>
+#include <xercesc/sax/SAXParseException.hpp>
+#include <xercesc/util/PlatformUtils.hpp>
+#include <xercesc/util/XMLString.hpp>
+#include <xercesc/util/XMLUni.hpp>
+
+#include "driver/printers.h"
+#include "runtime/trace.h"
+
+using namespace xercesc;
+
+namespace {
+
+constexpr int kFnXml = 22;
+constexpr const char* kSourceName = "KXCAPXMLFORMATTER";
+
+// Transcoded 8-bit copy of a library string, released with the object.
+class Narrow {
+ public:
+  explicit Narrow(const XMLCh* s) : p_(s != nullptr ? XMLString::transcode(s) : nullptr) {}
+  ~Narrow() { XMLString::release(&p_); }
+  Narrow(const Narrow&) = delete;
+  Narrow& operator=(const Narrow&) = delete;
+  const char* c_str() const { return p_ != nullptr ? p_ : ""; }
+
+ private:
+  char* p_;
+};
+
+// Parser errors: printed on standard error, and remembered so that the message is not printed.
+class ParseErrors : public ErrorHandler {
+ public:
+  bool sawErrors() const { return seen_; }
+  void warning(const SAXParseException&) override {}
+  void error(const SAXParseException& e) override { report("Error", e); }
+  void fatalError(const SAXParseException& e) override { report("Fatal Error", e); }
+  void resetErrors() override { seen_ = false; }
+
+ private:
+  void report(const char* kind, const SAXParseException& e) {
+    seen_ = true;
+    Narrow msg(e.getMessage());
+    std::fprintf(stderr, "%s at line %llu, column %llu\n   Message: %s\n", kind,
+                 static_cast<unsigned long long>(e.getLineNumber()),
+                 static_cast<unsigned long long>(e.getColumnNumber()), msg.c_str());
+  }
+  bool seen_ = false;
+};
+
+// Serializer errors: printed on standard error; the serializer goes on where it can.
+class WriteErrors : public DOMErrorHandler {
+ public:
+  bool handleError(const DOMError& e) override {
+    Narrow msg(e.getMessage());
+    std::fprintf(stderr, "An error occurred while writing the XML document. Msg is:%s\n", msg.c_str());
+    return e.getSeverity() != DOMError::DOM_SEVERITY_FATAL_ERROR;
+  }
+};
+
+// The serializer's bytes go to the output stream unchanged.
+class StreamTarget : public XMLFormatTarget {
+ public:
+  explicit StreamTarget(FILE* out) : out_(out) {}
+  void writeChars(const XMLByte* toWrite, XMLSize_t count, XMLFormatter*) override {
+    std::fwrite(toWrite, 1, count, out_);
+  }
+  void flush() override {}
+
+ private:
+  FILE* out_;
+};
+
+// The library stays initialised from the first message to the end of the run; each message
+// adds and drops its own reference.
+bool g_xmlBase = false;
+
+}  // namespace
+
+void printXmlMsg(const char* doc, uint32_t length, const char* /*queueName*/, FILE* out,
+                 char* encodingName, int32_t* msgCounter, int32_t noSizeLine) {
+  RPL_TRACE(kCompDriver, kFnXml);
+  try {
+    XMLPlatformUtils::Initialize();
+    if (!g_xmlBase) {
+      XMLPlatformUtils::Initialize();
+      g_xmlBase = true;
+    }
+  } catch (const XMLException& e) {
+    Narrow msg(e.getMessage());
+    std::fprintf(stderr, "Error during Xerces-c Initialization.\n  Exception message:%s\n", msg.c_str());
+    return;
+  }
+
+  if (encodingName[0] == '\0') std::snprintf(encodingName, kEncodingNameRoom, "%s", "UTF-8");
+  XMLCh* encoding = XMLString::transcode(encodingName);
+
+  {
+    XercesDOMParser parser;
+    parser.setValidationScheme(XercesDOMParser::Val_Auto);
+    parser.setDoNamespaces(true);
+    parser.setDoSchema(true);
+    parser.setValidationSchemaFullChecking(true);
+    ParseErrors parseErrors;
+    parser.setErrorHandler(&parseErrors);
+
+    bool failed = false;
+    MemBufInputSource source(reinterpret_cast<const XMLByte*>(doc), length, kSourceName, false);
+    try {
+      parser.parse(source);
+    } catch (const XMLException& e) {
+      Narrow msg(e.getMessage());
+      std::fprintf(stderr, "An error occurred during parsing\n   Message: %s\n", msg.c_str());
+      failed = true;
+    } catch (const DOMException& e) {
+      // The source name is never set for in-memory documents: it prints empty.
+      std::fprintf(stderr, "\nDOM Error during parsing: '%s'\nDOMException code is:  %d\n", "",
+                   static_cast<int>(e.code));
+      XMLCh text[2048];
+      if (DOMImplementation::loadDOMExceptionMsg(e.code, text, 2047)) {
+        Narrow msg(text);
+        std::fprintf(stderr, "Message is: %s\n", msg.c_str());
+      }
+      failed = true;
+    } catch (...) {
+      std::fprintf(stderr, "An error occurred during parsing\n \n");
+      failed = true;
+    }
+
+    DOMDocument* document = parser.getDocument();
+    if (!failed && !parseErrors.sawErrors() && document != nullptr) {
+      ++*msgCounter;
+      std::fprintf(out, "\n\n**** Message number: %u\n", static_cast<unsigned>(*msgCounter));
+      if (noSizeLine == 0)
+        std::fprintf(out, "**** Message size:   %u\n", static_cast<unsigned>(length + kDescriptorSize));
+      std::fputc('\n', out);
+
+      static const XMLCh kLs[] = {chLatin_L, chLatin_S, chNull};
+      DOMImplementation* impl = DOMImplementationRegistry::getDOMImplementation(kLs);
+      DOMLSSerializer* serializer = nullptr;
+      DOMLSOutput* output = nullptr;
+      WriteErrors writeErrors;
+      StreamTarget target(out);
+      try {
+        serializer = static_cast<DOMImplementationLS*>(impl)->createLSSerializer();
+        output = static_cast<DOMImplementationLS*>(impl)->createLSOutput();
+        output->setEncoding(encoding);
+        output->setByteStream(&target);
+        DOMConfiguration* config = serializer->getDomConfig();
+        config->setParameter(XMLUni::fgDOMErrorHandler, &writeErrors);
+        const XMLCh* features[][1] = {{XMLUni::fgDOMWRTSplitCdataSections},
+                                      {XMLUni::fgDOMWRTDiscardDefaultContent},
+                                      {XMLUni::fgDOMWRTFormatPrettyPrint}};
+        for (const auto& f : features)
+          if (config->canSetParameter(f[0], true)) config->setParameter(f[0], true);
+        if (config->canSetParameter(XMLUni::fgDOMWRTBOM, false))
+          config->setParameter(XMLUni::fgDOMWRTBOM, false);
+        serializer->write(document, output);
+      } catch (const XMLException& e) {
+        Narrow msg(e.getMessage());
+        std::fprintf(stderr, "An error occurred during creation of output transcoder. Msg is:%s\n",
+                     msg.c_str());
+      }
+      if (output != nullptr) output->release();
+      if (serializer != nullptr) serializer->release();
+    }
+  }  // the parser and its error handler go here
+
+  XMLString::release(&encoding);
+  XMLPlatformUtils::Terminate();
+}
+
+void xmlShutdown() {
+  if (g_xmlBase) {
+    g_xmlBase = false;
+    XMLPlatformUtils::Terminate();
+  }
+}
