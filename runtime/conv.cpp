@@ -331,7 +331,7 @@ struct ConvListItem {
 };
 
 RplLatch stateGuard;
-bool g_initialised = false;
+std::atomic<bool> g_initialised{false};
 ConvListItem* g_list = nullptr;
 std::atomic<int32_t> g_opens{0};
 std::atomic<bool> g_stopOnSubstitution{false};

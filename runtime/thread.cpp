@@ -55,6 +55,11 @@ void fatalSignal(int sig, siginfo_t*, void*) {
 // A stack of its own for the handler, so that a stack overflow can still return.
 int32_t installAltStack() {
   if (t_altStack) return 0;
+  stack_t current;
+  if (sigaltstack(nullptr, &current) == 0 && (current.ss_flags & SS_DISABLE) == 0) {
+    t_altStack = true;  // the thread already has one (a sanitizer's, for instance)
+    return 0;
+  }
   size_t size = 64 * 1024;
   void* mem = std::malloc(size);
   if (mem == nullptr) return ENOMEM;
