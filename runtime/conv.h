@@ -85,9 +85,12 @@ class ConvMgr {
   // ICU's name of the converter for the CCSID, or null with rc 5000.
   const char* getName(int32_t ccsid, int32_t& rc);
 
-  // Converts [*src, srcEnd) from srcCcsid to tgtCcsid, advancing *src and *tgt.
-  // When *tgt is null the manager allocates the result with malloc (the caller frees it) and
-  // tgtEnd is ignored. With lengthPrefixed a length word (2 bytes, 4 for graphic data) in the
+  // Converts [*src, srcEnd) from srcCcsid to tgtCcsid, advancing *src past the source.
+  // Into a caller's buffer [*tgt, tgtEnd), *tgt is advanced past the length word and the data.
+  // When *tgt is null the manager allocates the result with malloc and sets *tgt to its start
+  // (the caller frees it; on failure nothing is left allocated and *tgt stays null); tgtEnd
+  // is ignored. Graphic data tagged with a mixed EBCDIC CCSID gets its shift bytes before it
+  // is read; UTF-16 source follows the encoding's byte order, UTF-16 output is low byte first. With lengthPrefixed a length word (2 bytes, 4 for graphic data) in the
   // machine's order precedes the data and holds the number of bytes produced; otherwise that
   // number is stored in *outLen. A terminating zero unit follows the data when room remains.
   // Returns 0, 5000, 5001 or 5003.
