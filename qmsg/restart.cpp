@@ -1,5 +1,191 @@
-// Restart messages (printer to come: header lines only).
-#include "qmsg/families.h"
-#include "qmsg/header.h"
+// Restart messages (type 32): where the capture program resumes reading the log, for the main
+// log reader or for one queue that fell behind, with every partition and every send queue.
+//
+// The restart message travels without conversion context: its integers are read in this
+// machine's order and never swapped, its names are printed as stored, and it prints no compact
+// header lines. The dispatch ignores the printer's result; a field that cannot be read is still
+// reported and ends the message.
+//
+// qRestartMsg (current layout):
+//
+//   0        8       12   14          32   34           168            192   196   200
+//   +--------+-------+----+-----------+----+------------+--------------+-----+-----+--..
+//   | header | size  |len | capServer |len | capSchema  | lastCommitLSN| sec | usec|
+//   +--------+-------+----+-----------+----+------------+--------------+-----+-----+--..
+//   216            240          260  262            312      316      320
+//   +--------------+------------+----+--------------+--------+--------+----------------+--..
+//   | reuseLSN     | reuseTime  |len | behind queue | nParts | nSendQ | 24 x nParts LSN| sendq
+//   +--------------+------------+----+--------------+--------+--------+----------------+--..
+//
+// Send-queue entry (each one 112 + 24 x nRestart bytes long):
+//
+//   0        4                20   22           72             96    100   104        112
+//   +--------+----------------+----+------------+--------------+-----+-----+----------+-----..
+//   | active | next msg seqno |len | sendq name | lastCommitLSN| sec | usec| nRestart | 24 x LSN
+//   +--------+----------------+----+------------+--------------+-----+-----+----------+-----..
+#include <cstdio>
+#include <string>
 
-int32_t printRestartMsg(QMsg& m) { return qMsgHeader::printMe(m); }
+#include "qmsg/families.h"
+#include "qmsg/forms.h"
+#include "runtime/trace.h"
+
+namespace {
+
+constexpr size_t kRestartSizeAt = 8;
+constexpr size_t kCapServerAt = 12;
+constexpr size_t kCapServerRoom = 20;
+constexpr size_t kCapSchemaAt = 32;
+constexpr size_t kCapSchemaRoom = 136;
+constexpr size_t kLastCommitLsnAt = 168;
+constexpr size_t kLastCommitSecAt = 192;
+constexpr size_t kLastCommitUsecAt = 196;
+constexpr size_t kReuseLsnAt = 216;
+constexpr size_t kReuseTimeAt = 240;
+constexpr size_t kReuseTimeShown = 19;
+constexpr size_t kBehindQueueAt = 260;
+constexpr size_t kBehindQueueRoom = 52;
+constexpr size_t kPartCountAt = 312;
+constexpr size_t kSendqCountAt = 316;
+constexpr size_t kPartsAt = 320;
+constexpr size_t kLsnSize = 24;
+
+constexpr size_t kSqActivationAt = 0;
+constexpr size_t kSqNextSeqAt = 4;
+constexpr size_t kSqNextSeqSize = 16;
+constexpr size_t kSqNameAt = 20;
+constexpr size_t kSqNameRoom = 52;
+constexpr size_t kSqLastCommitLsnAt = 72;
+constexpr size_t kSqLastCommitSecAt = 96;
+constexpr size_t kSqLastCommitUsecAt = 100;
+constexpr size_t kSqRestartCountAt = 104;
+constexpr size_t kSqRestartsAt = 112;
+
+// One log sequence value with its node id, as the restart lines print them.
+int32_t readRestartPoint(const MsgReader& r, size_t at, std::string& lsn, uint16_t& node,
+                         const char* field) {
+  int32_t rc = formatLsnRecord(r, at, true, lsn, field);
+  if (rc == 0) rc = r.machine(at + 4, node, field);
+  return rc;
+}
+
+// Commit time of the restart point: local stamp with the microseconds held to 999999.
+int32_t readCommitTime(const MsgReader& r, size_t secAt, size_t usecAt, std::string& out,
+                       const char* field) {
+  uint32_t seconds = 0, micros = 0;
+  int32_t rc = r.machine(secAt, seconds, field);
+  if (rc == 0) rc = r.machine(usecAt, micros, field);
+  if (rc == 0) out = formatLocalStampMicros(seconds, micros);
+  return rc;
+}
+
+// Prints the send-queue entry that starts at `at` and returns its length in `length`.
+int32_t printSendqEntry(const MsgReader& msg, size_t at, int32_t index, FILE* out, size_t& length) {
+  RPL_TRACE(kCompPrinters, 321);
+  MsgReader r = msg.from(at);
+  uint32_t activation = 0, restarts = 0;
+  const uint8_t* name = nullptr;
+  const uint8_t* seq = nullptr;
+  uint16_t nameLen = 0;
+  std::string lsn, time;
+  // The fixed part of the entry, padding included, must all be there.
+  int32_t rc = r.bytes(0, kSqRestartsAt, seq, "qRestartMsg.sendq entry");
+  if (rc == 0) rc = r.machine(kSqActivationAt, activation, "qRestartMsg.sendq activation time");
+  if (rc == 0) rc = r.bytes(kSqNextSeqAt, kSqNextSeqSize, seq, "qRestartMsg.sendq next msg seq no");
+  if (rc == 0) rc = r.name(kSqNameAt, kSqNameRoom, name, nameLen, "qRestartMsg.sendq name");
+  if (rc == 0) rc = formatLsnRecord(r, kSqLastCommitLsnAt, true, lsn, "qRestartMsg.sendq lastCommitLSN");
+  if (rc == 0)
+    rc = readCommitTime(r, kSqLastCommitSecAt, kSqLastCommitUsecAt, time, "qRestartMsg.sendq lastCommitTime");
+  if (rc == 0) rc = r.machine(kSqRestartCountAt, restarts, "qRestartMsg.sendq restart point count");
+  if (rc != 0) return rplTrace_.ret(rc);
+
+  std::fprintf(out, "  [%4d] sendq name:             %.*s\n", index, static_cast<int>(nameLen),
+               reinterpret_cast<const char*>(name));
+  std::fprintf(out, "  %6s sendq activation time:  %-11d(%s)\n", "", static_cast<int32_t>(activation),
+               formatLocalStamp(activation).c_str());
+  std::fprintf(out, "  %6s sendq next msg seq no:  ", "");
+  for (size_t i = 0; i < kSqNextSeqSize; ++i) std::fprintf(out, "%2.2x", seq[i]);
+  std::fputc('\n', out);
+  std::fprintf(out, "  %6s sendq lastCommitLSN:    %s\n", "", lsn.c_str());
+  std::fprintf(out, "  %6s sendq lastCommitTime:   %s\n", "", time.c_str());
+  for (uint32_t i = 0; i < restarts; ++i) {
+    uint16_t node = 0;
+    rc = readRestartPoint(r, kSqRestartsAt + kLsnSize * size_t{i}, lsn, node, "qRestartMsg.sendq restartLSN");
+    if (rc != 0) return rplTrace_.ret(rc);
+    std::fprintf(out, "  %6s sendq restartLSN=%s nodeId=%d\n", "", lsn.c_str(), node);
+  }
+  length = kSqRestartsAt + kLsnSize * size_t{restarts};
+  return rplTrace_.ret(0);
+}
+
+}  // namespace
+
+int32_t printRestartMsg(QMsg& m) {
+  RPL_TRACE(kCompPrinters, 320);
+  // Read as stored, whatever the descriptor says about the sender.
+  MsgReader r(m.r.data(), m.r.size(), false);
+  FILE* out = m.out;
+
+  int16_t behindLen = 0;
+  const uint8_t* behind = nullptr;
+  uint16_t behindCount = 0;
+  int32_t rc = r.i16(kBehindQueueAt, behindLen, "qRestartMsg.behind queue name length");
+  if (rc == 0 && behindLen > 0)
+    rc = r.name(kBehindQueueAt, kBehindQueueRoom, behind, behindCount, "qRestartMsg.behind queue name");
+  const uint8_t* server = nullptr;
+  const uint8_t* schema = nullptr;
+  uint16_t serverLen = 0, schemaLen = 0;
+  int32_t size = 0;
+  uint32_t parts = 0, sendqs = 0;
+  if (rc == 0) rc = r.name(kCapServerAt, kCapServerRoom, server, serverLen, "qRestartMsg.capServer");
+  if (rc == 0) rc = r.name(kCapSchemaAt, kCapSchemaRoom, schema, schemaLen, "qRestartMsg.capSchema");
+  if (rc == 0) rc = r.machine(kRestartSizeAt, size, "qRestartMsg.qRestartMsgSize");
+  if (rc == 0) rc = r.machine(kPartCountAt, parts, "qRestartMsg.partition count");
+  if (rc != 0) return rplTrace_.ret(rc);
+
+  if (behindLen > 0)
+    std::fprintf(out, "  qRestartMsg for BEHIND queue: %.*s\n", static_cast<int>(behindCount),
+                 reinterpret_cast<const char*>(behind));
+  else
+    std::fputs("  qRestartMsg for MAINLINE log reader.\n", out);
+  std::fprintf(out, "  qRestartMsg.capServer: %.*s\n", static_cast<int>(serverLen),
+               reinterpret_cast<const char*>(server));
+  std::fprintf(out, "  qRestartMsg.capSchema: %.*s\n", static_cast<int>(schemaLen),
+               reinterpret_cast<const char*>(schema));
+  std::fprintf(out, "  qRestartMsg.qRestartsgSize: %d\n", size);
+  std::fprintf(out, "  Number of partition at restart: %d\n", static_cast<int32_t>(parts));
+
+  std::string lsn;
+  for (uint32_t i = 0; i < parts; ++i) {
+    uint16_t node = 0;
+    rc = readRestartPoint(r, kPartsAt + kLsnSize * size_t{i}, lsn, node, "qRestartMsg.partition restartLSN");
+    if (rc != 0) return rplTrace_.ret(rc);
+    std::fprintf(out, "  qRestartMsg.restartLSN=%s nodeId=%d\n", lsn.c_str(), node);
+  }
+
+  std::string time, reuseLsn;
+  const uint8_t* reuseTime = nullptr;
+  rc = formatLsnRecord(r, kLastCommitLsnAt, true, lsn, "qRestartMsg.lastCommitLSN");
+  if (rc == 0)
+    rc = readCommitTime(r, kLastCommitSecAt, kLastCommitUsecAt, time, "qRestartMsg.lastCommitTime");
+  if (rc == 0) rc = formatLsnRecord(r, kReuseLsnAt, true, reuseLsn, "qRestartMsg.reuseLSN");
+  if (rc == 0) rc = r.bytes(kReuseTimeAt, kReuseTimeShown, reuseTime, "qRestartMsg.reuseTime");
+  if (rc == 0) rc = r.machine(kSendqCountAt, sendqs, "qRestartMsg.send queue count");
+  if (rc != 0) return rplTrace_.ret(rc);
+
+  std::fprintf(out, "  qRestartMsg.lastCommitLSN:  %s\n", lsn.c_str());
+  std::fprintf(out, "  qRestartMsg.lastCommitTime: %s\n", time.c_str());
+  std::fprintf(out, "  qRestartMsg.reuseLSN:       %s\n", reuseLsn.c_str());
+  // At most 19 characters, fewer when the text ends sooner.
+  std::fprintf(out, "  qRestartMsg.reuseTime:      %.19s\n", reinterpret_cast<const char*>(reuseTime));
+  std::fprintf(out, "  Number of send queues at restart: %d\n", static_cast<int32_t>(sendqs));
+
+  size_t at = kPartsAt + kLsnSize * size_t{parts};
+  for (uint32_t i = 0; i < sendqs; ++i) {
+    size_t length = 0;
+    rc = printSendqEntry(r, at, static_cast<int32_t>(i), out, length);
+    if (rc != 0) return rplTrace_.ret(rc);
+    at += length;
+  }
+  return rplTrace_.ret(0);
+}
