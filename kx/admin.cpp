@@ -132,7 +132,8 @@ KXENTRY int32_t kxmListQueues(const char* qmgr, KXMQUEUEFN fn, void* ctx, char* 
                               " ORDER BY q.name",
                               -1, &s, nullptr);
   int32_t result = 0;
-  while (rc == SQLITE_OK && (rc = sqlite3_step(s)) == SQLITE_ROW) {
+  if (rc == SQLITE_OK) rc = sqlite3_step(s);
+  for (; rc == SQLITE_ROW; rc = sqlite3_step(s)) {
     if (!fn) continue;
     result = fn(reinterpret_cast<const char*>(sqlite3_column_text(s, 0)),
                 sqlite3_column_int64(s, 2), sqlite3_column_int64(s, 1), ctx);

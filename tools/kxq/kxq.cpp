@@ -1,0 +1,675 @@
+// kxq.cpp - the queue admin tool: queue managers, queues, and messages to and from files.
+//
+// Queue managers and queues are created and deleted through the local queue manager's admin
+// functions; everything that touches messages goes through the KX API, so that the same commands
+// work against any queue manager the KX library can reach.
+#include <errno.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cinttypes>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "kx/kxc.h"
+#include "kx/kxm_admin.h"
+#include "tools/kxq/dumpfile.h"
+
+namespace {
+
+constexpr int kExitOk = 0;
+constexpr int kExitFailed = 1;
+constexpr int kExitUsage = 2;
+constexpr KXLONG kCommitEvery = 1000;
+
+const char* const kUsage =
+    "usage: kxq COMMAND ARGUMENTS\n"
+    "\n"
+    "Queue managers and queues:\n"
+    "  kxq create-qmgr QMGR\n"
+    "  kxq delete-qmgr QMGR\n"
+    "  kxq create-queue QMGR QUEUE [--max-length BYTES]\n"
+    "  kxq delete-queue QMGR QUEUE\n"
+    "  kxq list QMGR                 queues with their depth and maximum message length\n"
+    "  kxq clear QMGR QUEUE          remove every message\n"
+    "\n"
+    "Messages:\n"
+    "  kxq put QMGR QUEUE [--format NAME] [--ccsid N] [--encoding N] [--msgid HEX]\n"
+    "          [--correlid HEX] [--priority N] [FILE...]\n"
+    "                                one message per file (standard input without files)\n"
+    "  kxq put QMGR QUEUE --raw FILE...\n"
+    "                                each file is a 364-byte descriptor followed by the data\n"
+    "  kxq browse QMGR QUEUE --to DIR\n"
+    "  kxq get QMGR QUEUE --to DIR [--count N]\n"
+    "                                write messages as DIR/0001.msg ... in the raw form;\n"
+    "                                get removes what it wrote, browse leaves the queue whole\n"
+    "  kxq dump QMGR QUEUE FILE      write the whole queue to one portable file\n"
+    "  kxq load QMGR QUEUE FILE      put the messages of a dump back, byte for byte\n"
+    "\n"
+    "The queue managers live in $KX_DATA_PATH (default ~/.kx).\n";
+
+struct ReasonText {
+  KXLONG reason;
+  const char* text;
+};
+
+constexpr ReasonText kReasons[] = {
+    {KXRC_BACKED_OUT, "unit of work backed out"},
+    {KXRC_BUFFER_LENGTH_ERROR, "bad buffer length"},
+    {KXRC_HCONN_ERROR, "bad connection handle"},
+    {KXRC_HOBJ_ERROR, "bad object handle"},
+    {KXRC_MSG_TOO_BIG_FOR_Q, "message longer than the queue's maximum message length"},
+    {KXRC_NO_MSG_AVAILABLE, "no message available"},
+    {KXRC_NOT_AUTHORIZED, "not authorised"},
+    {KXRC_OPTIONS_ERROR, "bad options"},
+    {KXRC_Q_DELETED, "queue deleted"},
+    {KXRC_Q_MGR_NAME_ERROR, "unknown queue manager"},
+    {KXRC_Q_MGR_NOT_AVAILABLE, "queue manager not available"},
+    {KXRC_STORAGE_NOT_AVAILABLE, "out of memory"},
+    {KXRC_TRUNCATED_MSG_FAILED, "message truncated"},
+    {KXRC_UNKNOWN_OBJECT_NAME, "unknown queue"},
+    {KXRC_RESOURCE_PROBLEM, "resource problem (disk full or queue manager busy)"},
+    {KXRC_UNEXPECTED_ERROR, "unexpected error"},
+};
+
+const char* reasonText(KXLONG reason) {
+  for (const ReasonText& r : kReasons)
+    if (r.reason == reason) return r.text;
+  return "failed";
+}
+
+void fail(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+void fail(const char* fmt, ...) {
+  va_list ap;
+  va_start(ap, fmt);
+  fputs("kxq: ", stderr);
+  vfprintf(stderr, fmt, ap);
+  fputc('\n', stderr);
+  va_end(ap);
+}
+
+int failCall(const char* call, const std::string& what, KXLONG cc, KXLONG reason) {
+  fail("%s on %s failed: %s (cc=%d, reason=%d)", call, what.c_str(), reasonText(reason), int(cc),
+       int(reason));
+  return kExitFailed;
+}
+
+// ---- Progress on a terminal ---------------------------------------------------------------------
+
+class Progress {
+ public:
+  Progress(const char* verb, int64_t total) : verb_(verb), total_(total), tty_(isatty(2)) {}
+  void update(int64_t done, bool force = false) {
+    if (!tty_) return;
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    int64_t ms = int64_t(ts.tv_sec) * 1000 + ts.tv_nsec / 1'000'000;
+    if (!force && ms - lastMs_ < 200) return;
+    lastMs_ = ms;
+    shown_ = true;
+    if (total_ > 0)
+      fprintf(stderr, "\r%s %" PRId64 " of %" PRId64 " messages (%d%%)", verb_, done, total_,
+              int(done * 100 / total_));
+    else
+      fprintf(stderr, "\r%s %" PRId64 " messages", verb_, done);
+  }
+  void finish(int64_t done) {
+    if (!shown_) return;
+    update(done, true);
+    fputc('\n', stderr);
+  }
+
+ private:
+  const char* verb_;
+  int64_t total_;
+  bool tty_;
+  bool shown_ = false;
+  int64_t lastMs_ = 0;
+};
+
+// ---- Arguments ----------------------------------------------------------------------------------
+
+bool parseInt(const char* s, int64_t lo, int64_t hi, int64_t* out) {
+  if (!s || !*s) return false;
+  char* end = nullptr;
+  errno = 0;
+  long long v = strtoll(s, &end, 10);
+  if (errno || *end || v < lo || v > hi) return false;
+  *out = v;
+  return true;
+}
+
+// Up to 24 bytes from hex digits, zero padded on the right.
+bool parseHexId(const char* s, KXBYTE* id) {
+  size_t n = strlen(s);
+  if (n == 0 || n > 48 || n % 2) return false;
+  memset(id, 0, 24);
+  for (size_t i = 0; i < n; i += 2) {
+    char pair[3] = {s[i], s[i + 1], 0};
+    char* end = nullptr;
+    long v = strtol(pair, &end, 16);
+    if (*end) return false;
+    id[i / 2] = KXBYTE(v);
+  }
+  return true;
+}
+
+struct Connection {
+  KXHCONN hconn = -1;
+  std::string qmgr;
+  ~Connection() {
+    if (hconn != -1) {
+      KXLONG cc, rc;
+      KXDISC(&hconn, &cc, &rc);
+    }
+  }
+};
+
+int connectTo(const std::string& qmgr, Connection& c) {
+  char name[48];
+  kxSetName(name, sizeof name, qmgr.c_str());
+  KXLONG cc, rc;
+  KXCONN(name, &c.hconn, &cc, &rc);
+  c.qmgr = qmgr;
+  if (cc == KXCC_FAILED) {
+    c.hconn = -1;
+    if (rc == KXRC_Q_MGR_NAME_ERROR) {
+      fail("queue manager %s does not exist (create it with: kxq create-qmgr %s)", qmgr.c_str(),
+           qmgr.c_str());
+      return kExitFailed;
+    }
+    return failCall("connect", "queue manager " + qmgr, cc, rc);
+  }
+  return kExitOk;
+}
+
+int openQueue(Connection& c, const std::string& queue, KXLONG options, KXHOBJ* hobj) {
+  KXOD od = KXOD_DEFAULT;
+  kxSetName(od.ObjectName, sizeof od.ObjectName, queue.c_str());
+  KXLONG cc, rc;
+  KXOPEN(c.hconn, &od, options, hobj, &cc, &rc);
+  if (cc == KXCC_FAILED) {
+    if (rc == KXRC_UNKNOWN_OBJECT_NAME) {
+      fail("queue %s does not exist on queue manager %s", queue.c_str(), c.qmgr.c_str());
+      return kExitFailed;
+    }
+    return failCall("open", "queue " + queue, cc, rc);
+  }
+  return kExitOk;
+}
+
+int64_t queueDepth(Connection& c, const std::string& queue) {
+  KXHOBJ h = -1;
+  KXOD od = KXOD_DEFAULT;
+  kxSetName(od.ObjectName, sizeof od.ObjectName, queue.c_str());
+  KXLONG cc, rc, sel = KXIA_CURRENT_Q_DEPTH, depth = -1;
+  KXOPEN(c.hconn, &od, KXOO_INQUIRE, &h, &cc, &rc);
+  if (cc == KXCC_FAILED) return -1;
+  KXINQ(c.hconn, h, 1, &sel, 1, &depth, 0, nullptr, &cc, &rc);
+  KXCLOSE(c.hconn, &h, 0, &cc, &rc);
+  return depth;
+}
+
+int commit(Connection& c, const std::string& queue) {
+  KXLONG cc, rc;
+  KXCMIT(c.hconn, &cc, &rc);
+  return cc == KXCC_OK ? kExitOk : failCall("commit", "queue " + queue, cc, rc);
+}
+
+void backOut(Connection& c) {
+  KXLONG cc, rc;
+  KXBACK(c.hconn, &cc, &rc);
+}
+
+bool readFile(FILE* f, std::vector<char>& out) {
+  out.clear();
+  char buf[65536];
+  size_t n;
+  while ((n = fread(buf, 1, sizeof buf, f)) > 0) out.insert(out.end(), buf, buf + n);
+  return !ferror(f);
+}
+
+// Reads messages one after another through a growing buffer.
+class Reader {
+ public:
+  Reader(Connection& c, KXHOBJ h, std::string queue) : c_(c), h_(h), queue_(std::move(queue)) {
+    buffer_.resize(64 * 1024);
+  }
+  // Returns 1 with a message, 0 at the end of the queue, -1 after a reported failure.
+  int next(KXLONG options) {
+    for (;;) {
+      KXGMO gmo = KXGMO_DEFAULT;
+      gmo.Options = options;
+      md_ = KXMD_DEFAULT;
+      KXLONG cc, rc;
+      KXGET(c_.hconn, h_, &md_, &gmo, KXLONG(buffer_.size()), buffer_.data(), &length_, &cc, &rc);
+      if (cc == KXCC_OK) return 1;
+      if (rc == KXRC_NO_MSG_AVAILABLE) return 0;
+      if (rc == KXRC_TRUNCATED_MSG_FAILED && size_t(length_) > buffer_.size()) {
+        buffer_.resize(size_t(length_));
+        continue;
+      }
+      failCall("get", "queue " + queue_, cc, rc);
+      return -1;
+    }
+  }
+  const KXMD& md() const { return md_; }
+  const char* data() const { return buffer_.data(); }
+  KXLONG length() const { return length_; }
+
+ private:
+  Connection& c_;
+  KXHOBJ h_;
+  std::string queue_;
+  std::vector<char> buffer_;
+  KXMD md_ = KXMD_DEFAULT;
+  KXLONG length_ = 0;
+};
+
+// ---- Commands -----------------------------------------------------------------------------------
+
+using Args = std::vector<std::string>;
+
+int adminResult(int32_t r, const char* msg) {
+  if (r == 0) return kExitOk;
+  fail("%s", msg);
+  return kExitFailed;
+}
+
+int cmdCreateQmgr(const Args& a) {
+  char msg[1024];
+  int r = adminResult(kxmCreateQmgr(a[0].c_str(), msg, sizeof msg), msg);
+  if (r == kExitOk) printf("queue manager %s created\n", a[0].c_str());
+  return r;
+}
+
+int cmdDeleteQmgr(const Args& a) {
+  char msg[1024];
+  int r = adminResult(kxmDeleteQmgr(a[0].c_str(), msg, sizeof msg), msg);
+  if (r == kExitOk) printf("queue manager %s deleted\n", a[0].c_str());
+  return r;
+}
+
+int cmdCreateQueue(const Args& a) {
+  int64_t maxLength = -1;
+  for (size_t i = 2; i < a.size(); ++i) {
+    if (a[i] == "--max-length" && i + 1 < a.size()) {
+      if (!parseInt(a[++i].c_str(), 0, KXM_LARGEST_MAX_MSG_LENGTH, &maxLength)) {
+        fail("create-queue: --max-length must be a number from 0 to %d", KXM_LARGEST_MAX_MSG_LENGTH);
+        return kExitUsage;
+      }
+    } else {
+      fail("create-queue: unexpected argument '%s'", a[i].c_str());
+      return kExitUsage;
+    }
+  }
+  char msg[1024];
+  int r = adminResult(kxmCreateQueue(a[0].c_str(), a[1].c_str(), maxLength, msg, sizeof msg), msg);
+  if (r == kExitOk) printf("queue %s created on %s\n", a[1].c_str(), a[0].c_str());
+  return r;
+}
+
+int cmdDeleteQueue(const Args& a) {
+  char msg[1024];
+  int r = adminResult(kxmDeleteQueue(a[0].c_str(), a[1].c_str(), msg, sizeof msg), msg);
+  if (r == kExitOk) printf("queue %s deleted from %s\n", a[1].c_str(), a[0].c_str());
+  return r;
+}
+
+int cmdList(const Args& a) {
+  struct Row {
+    std::string name;
+    int64_t maxLength;
+  };
+  std::vector<Row> rows;
+  char msg[1024];
+  int32_t r = kxmListQueues(
+      a[0].c_str(),
+      [](const char* q, int64_t, int64_t maxLength, void* ctx) -> int32_t {
+        static_cast<std::vector<Row>*>(ctx)->push_back({q, maxLength});
+        return 0;
+      },
+      &rows, msg, sizeof msg);
+  if (r) return adminResult(r, msg);
+  Connection c;
+  if (int e = connectTo(a[0], c)) return e;
+  printf("%-48s %12s %12s\n", "QUEUE", "DEPTH", "MAXMSGL");
+  for (const Row& row : rows) {
+    int64_t depth = queueDepth(c, row.name);
+    printf("%-48s %12" PRId64 " %12" PRId64 "\n", row.name.c_str(), depth, row.maxLength);
+  }
+  return kExitOk;
+}
+
+int cmdClear(const Args& a) {
+  Connection c;
+  KXHOBJ h = -1;
+  if (int e = connectTo(a[0], c)) return e;
+  if (int e = openQueue(c, a[1], KXOO_INPUT_SHARED | KXOO_FAIL_IF_QUIESCING, &h)) return e;
+  int64_t removed = 0;
+  Progress progress("cleared", queueDepth(c, a[1]));
+  for (;;) {
+    KXMD md = KXMD_DEFAULT;
+    KXGMO gmo = KXGMO_DEFAULT;
+    gmo.Options = KXGMO_SYNCPOINT | KXGMO_ACCEPT_TRUNCATED_MSG;
+    KXLONG cc, rc, length;
+    KXGET(c.hconn, h, &md, &gmo, 0, nullptr, &length, &cc, &rc);
+    if (rc == KXRC_NO_MSG_AVAILABLE) break;
+    if (cc == KXCC_FAILED) {
+      backOut(c);
+      return failCall("get", "queue " + a[1], cc, rc);
+    }
+    if (++removed % kCommitEvery == 0) {
+      if (int e = commit(c, a[1])) return e;
+      progress.update(removed);
+    }
+  }
+  if (int e = commit(c, a[1])) return e;
+  progress.finish(removed);
+  printf("%" PRId64 " messages removed from %s\n", removed, a[1].c_str());
+  return kExitOk;
+}
+
+int putOne(Connection& c, KXHOBJ h, const std::string& queue, KXMD& md, KXLONG options,
+           const char* data, size_t length, const std::string& source) {
+  if (length > size_t(INT32_MAX)) {
+    fail("put: %s is too long for a message", source.c_str());
+    return kExitFailed;
+  }
+  KXPMO pmo = KXPMO_DEFAULT;
+  pmo.Options = options;
+  KXLONG cc, rc;
+  KXPUT(c.hconn, h, &md, &pmo, KXLONG(length), const_cast<char*>(data), &cc, &rc);
+  if (cc == KXCC_FAILED) return failCall(("put of " + source).c_str(), "queue " + queue, cc, rc);
+  return kExitOk;
+}
+
+int cmdPut(const Args& a) {
+  KXMD base = KXMD_DEFAULT;
+  bool raw = false;
+  std::vector<std::string> files;
+  for (size_t i = 2; i < a.size(); ++i) {
+    const std::string& o = a[i];
+    bool hasValue = i + 1 < a.size();
+    int64_t v;
+    if (o == "--raw") {
+      raw = true;
+    } else if (o == "--format" && hasValue) {
+      const std::string& f = a[++i];
+      if (f.size() > 8) {
+        fail("put: --format takes at most 8 characters");
+        return kExitUsage;
+      }
+      memset(base.Format, ' ', 8);
+      memcpy(base.Format, f.data(), f.size());
+    } else if ((o == "--ccsid" || o == "--encoding" || o == "--priority") && hasValue) {
+      if (!parseInt(a[++i].c_str(), o == "--priority" ? -1 : 0, INT32_MAX, &v)) {
+        fail("put: %s needs a number, not '%s'", o.c_str(), a[i].c_str());
+        return kExitUsage;
+      }
+      (o == "--ccsid" ? base.CodedCharSetId : o == "--encoding" ? base.Encoding : base.Priority) =
+          KXLONG(v);
+    } else if ((o == "--msgid" || o == "--correlid") && hasValue) {
+      if (!parseHexId(a[++i].c_str(), o == "--msgid" ? base.MsgId : base.CorrelId)) {
+        fail("put: %s needs an even number of hex digits, at most 48", o.c_str());
+        return kExitUsage;
+      }
+    } else if (o.size() > 1 && o[0] == '-' && o != "-") {
+      fail("put: unknown option '%s'", o.c_str());
+      return kExitUsage;
+    } else {
+      files.push_back(o);
+    }
+  }
+  if (raw && (files.empty() || a.size() - 2 != files.size() + 1)) {
+    fail("put: --raw takes files and no other options");
+    return kExitUsage;
+  }
+  if (files.empty()) files.push_back("-");
+  Connection c;
+  KXHOBJ h = -1;
+  if (int e = connectTo(a[0], c)) return e;
+  if (int e = openQueue(c, a[1], KXOO_OUTPUT | KXOO_FAIL_IF_QUIESCING, &h)) return e;
+  std::vector<char> content;
+  for (const std::string& file : files) {
+    FILE* f = file == "-" ? stdin : fopen(file.c_str(), "rb");
+    if (!f) {
+      fail("put: cannot open %s: %s", file.c_str(), strerror(errno));
+      return kExitFailed;
+    }
+    bool ok = readFile(f, content);
+    if (f != stdin) fclose(f);
+    if (!ok) {
+      fail("put: cannot read %s: %s", file.c_str(), strerror(errno));
+      return kExitFailed;
+    }
+    std::string source = file == "-" ? "standard input" : file;
+    KXMD md = base;
+    const char* data = content.data();
+    size_t length = content.size();
+    if (raw) {
+      if (length < sizeof(KXMD) || memcmp(content.data(), "MD  ", 4) != 0) {
+        fail("put: %s is not a raw message (a 364-byte descriptor starting with \"MD  \", then "
+             "the data)",
+             source.c_str());
+        return kExitFailed;
+      }
+      memcpy(&md, content.data(), sizeof md);
+      data += sizeof md;
+      length -= sizeof md;
+    }
+    if (int e = putOne(c, h, a[1], md, KXPMO_NO_SYNCPOINT, data, length, source)) return e;
+  }
+  return kExitOk;
+}
+
+int writeRaw(const std::string& path, const KXMD& md, const char* data, size_t length) {
+  FILE* f = fopen(path.c_str(), "wb");
+  if (!f) {
+    fail("cannot create %s: %s", path.c_str(), strerror(errno));
+    return kExitFailed;
+  }
+  bool ok = fwrite(&md, sizeof md, 1, f) == 1 && (length == 0 || fwrite(data, length, 1, f) == 1);
+  if (fclose(f) != 0) ok = false;
+  if (!ok) {
+    fail("cannot write %s: %s", path.c_str(), strerror(errno));
+    return kExitFailed;
+  }
+  return kExitOk;
+}
+
+// browse and get --to DIR [--count N]
+int cmdToDir(const Args& a, bool remove) {
+  const char* cmd = remove ? "get" : "browse";
+  std::string dir;
+  int64_t count = -1;
+  for (size_t i = 2; i < a.size(); ++i) {
+    if (a[i] == "--to" && i + 1 < a.size()) {
+      dir = a[++i];
+    } else if (remove && a[i] == "--count" && i + 1 < a.size()) {
+      if (!parseInt(a[++i].c_str(), 0, INT64_MAX, &count)) {
+        fail("get: --count needs a number");
+        return kExitUsage;
+      }
+    } else {
+      fail("%s: unexpected argument '%s'", cmd, a[i].c_str());
+      return kExitUsage;
+    }
+  }
+  if (dir.empty()) {
+    fail("%s: --to DIR is required", cmd);
+    return kExitUsage;
+  }
+  if (mkdir(dir.c_str(), 0777) != 0 && errno != EEXIST) {
+    fail("%s: cannot create %s: %s", cmd, dir.c_str(), strerror(errno));
+    return kExitFailed;
+  }
+  Connection c;
+  KXHOBJ h = -1;
+  if (int e = connectTo(a[0], c)) return e;
+  KXLONG open = (remove ? KXOO_INPUT_SHARED : KXOO_BROWSE) | KXOO_FAIL_IF_QUIESCING;
+  if (int e = openQueue(c, a[1], open, &h)) return e;
+  Reader reader(c, h, a[1]);
+  int64_t n = 0;
+  Progress progress(remove ? "got" : "browsed", remove ? count : -1);
+  while (count < 0 || n < count) {
+    // A got message is committed only once its file is written.
+    int r = reader.next(remove ? KXGMO_SYNCPOINT : KXGMO_BROWSE_NEXT);
+    if (r < 0) return kExitFailed;
+    if (r == 0) break;
+    char name[32];
+    snprintf(name, sizeof name, "/%04" PRId64 ".msg", n + 1);
+    if (int e = writeRaw(dir + name, reader.md(), reader.data(), size_t(reader.length()))) {
+      if (remove) backOut(c);
+      return e;
+    }
+    if (remove)
+      if (int e = commit(c, a[1])) return e;
+    ++n;
+    progress.update(n);
+  }
+  progress.finish(n);
+  printf("%" PRId64 " messages written to %s\n", n, dir.c_str());
+  return kExitOk;
+}
+
+int cmdDump(const Args& a) {
+  const std::string& path = a[2];
+  Connection c;
+  KXHOBJ h = -1;
+  if (int e = connectTo(a[0], c)) return e;
+  if (int e = openQueue(c, a[1], KXOO_BROWSE | KXOO_FAIL_IF_QUIESCING, &h)) return e;
+  FILE* f = fopen(path.c_str(), "wb");
+  if (!f) {
+    fail("dump: cannot create %s: %s", path.c_str(), strerror(errno));
+    return kExitFailed;
+  }
+  kxq::DumpWriter writer(f);
+  Reader reader(c, h, a[1]);
+  Progress progress("dumped", queueDepth(c, a[1]));
+  uint64_t n = 0;
+  bool ok = writer.header();
+  int r = 0;
+  while (ok && (r = reader.next(KXGMO_BROWSE_NEXT)) > 0) {
+    ok = writer.message(&reader.md(), reader.data(), uint32_t(reader.length()));
+    progress.update(int64_t(++n));
+  }
+  if (ok) ok = writer.trailer(n);
+  if (fclose(f) != 0) ok = false;
+  progress.finish(int64_t(n));
+  if (!ok) {
+    fail("dump: cannot write %s: %s", path.c_str(), strerror(errno));
+    return kExitFailed;
+  }
+  if (r < 0) return kExitFailed;
+  printf("%" PRIu64 " messages dumped from %s to %s\n", n, a[1].c_str(), path.c_str());
+  return kExitOk;
+}
+
+int cmdLoad(const Args& a) {
+  const std::string& path = a[2];
+  FILE* f = fopen(path.c_str(), "rb");
+  if (!f) {
+    fail("load: cannot open %s: %s", path.c_str(), strerror(errno));
+    return kExitFailed;
+  }
+  kxq::DumpReader dump(f);
+  std::string why;
+  if (!dump.header(why)) {
+    fclose(f);
+    fail("load: %s: %s", path.c_str(), why.c_str());
+    return kExitFailed;
+  }
+  Connection c;
+  KXHOBJ h = -1;
+  if (int e = connectTo(a[0], c)) return e;
+  if (int e = openQueue(c, a[1], KXOO_OUTPUT | KXOO_FAIL_IF_QUIESCING, &h)) return e;
+  // The whole file is one unit of work: a load that fails leaves the queue as it was.
+  Progress progress("loaded", dump.count() ? int64_t(dump.count()) : -1);
+  uint64_t n = 0;
+  KXMD md;
+  std::vector<char> data;
+  int r;
+  while ((r = dump.message(&md, data, why)) > 0) {
+    if (int e = putOne(c, h, a[1], md, KXPMO_SYNCPOINT | KXPMO_SET_ALL_CONTEXT, data.data(),
+                       data.size(), "message " + std::to_string(n + 1))) {
+      backOut(c);
+      fclose(f);
+      return e;
+    }
+    progress.update(int64_t(++n));
+  }
+  fclose(f);
+  if (r < 0 || !dump.complete(n, why)) {
+    backOut(c);
+    progress.finish(int64_t(n));
+    fail("load: %s: %s; nothing was loaded", path.c_str(), why.c_str());
+    return kExitFailed;
+  }
+  if (int e = commit(c, a[1])) return e;
+  progress.finish(int64_t(n));
+  printf("%" PRIu64 " messages loaded from %s to %s\n", n, path.c_str(), a[1].c_str());
+  return kExitOk;
+}
+
+struct Command {
+  const char* name;
+  size_t positional;  // QMGR, QUEUE, FILE ... before the options
+  int (*run)(const Args&);
+  const char* usage;
+};
+
+int cmdBrowse(const Args& a) { return cmdToDir(a, false); }
+int cmdGet(const Args& a) { return cmdToDir(a, true); }
+
+constexpr Command kCommands[] = {
+    {"create-qmgr", 1, cmdCreateQmgr, "create-qmgr QMGR"},
+    {"delete-qmgr", 1, cmdDeleteQmgr, "delete-qmgr QMGR"},
+    {"create-queue", 2, cmdCreateQueue, "create-queue QMGR QUEUE [--max-length BYTES]"},
+    {"delete-queue", 2, cmdDeleteQueue, "delete-queue QMGR QUEUE"},
+    {"list", 1, cmdList, "list QMGR"},
+    {"clear", 2, cmdClear, "clear QMGR QUEUE"},
+    {"put", 2, cmdPut, "put QMGR QUEUE [options] [FILE...] | put QMGR QUEUE --raw FILE..."},
+    {"browse", 2, cmdBrowse, "browse QMGR QUEUE --to DIR"},
+    {"get", 2, cmdGet, "get QMGR QUEUE --to DIR [--count N]"},
+    {"dump", 3, cmdDump, "dump QMGR QUEUE FILE"},
+    {"load", 3, cmdLoad, "load QMGR QUEUE FILE"},
+};
+
+// Commands whose arguments are exactly the positional ones.
+bool fixedArity(const Command& c) {
+  std::string_view n = c.name;
+  return n != "create-queue" && n != "put" && n != "browse" && n != "get";
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 2 || !strcmp(argv[1], "--help") || !strcmp(argv[1], "-h") ||
+      !strcmp(argv[1], "help")) {
+    fputs(kUsage, argc < 2 ? stderr : stdout);
+    return argc < 2 ? kExitUsage : kExitOk;
+  }
+  for (const Command& c : kCommands) {
+    if (strcmp(argv[1], c.name) != 0) continue;
+    Args args(argv + 2, argv + argc);
+    for (const std::string& s : args)
+      if (s == "--help" || s == "-h") {
+        printf("usage: kxq %s\n", c.usage);
+        return kExitOk;
+      }
+    if (args.size() < c.positional || (fixedArity(c) && args.size() != c.positional)) {
+      fail("usage: kxq %s", c.usage);
+      return kExitUsage;
+    }
+    return c.run(args);
+  }
+  fail("unknown command '%s' (kxq --help lists the commands)", argv[1]);
+  return kExitUsage;
+}
