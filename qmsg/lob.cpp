@@ -1,5 +1,125 @@
-// LOB messages (printer to come: header lines only).
+// LOB messages (type 129): one part of a large-object value sent after its transaction, named
+// by the LOB reference of its row; the column comes from the schema cache.
 #include "qmsg/families.h"
+#include "qmsg/forms.h"
 #include "qmsg/header.h"
+#include "qmsg/schema.h"
+#include "runtime/trace.h"
 
-int32_t printLobMsg(QMsg& m, const LobColumn&) { return qMsgHeader::printMe(m); }
+// Two layouts by msgVersion:
+//
+//   offset  below 7            7 and above
+//   8       u32 sub_id         u32 sub_id
+//   12      u32 rowNum         u32 rowNum
+//   16      u16 colNum         u16 colNum
+//   20      u32 lobTotalDataLen u32 lobTotalDataLen
+//   24      u32 lobDataPartLen u32 code page kind (1 DATABASE, 2 APPLICATION, other NOT SET)
+//   28      data               u32 lobDataPartLen
+//   32                         data
+//
+// The part length counts characters of the column's type: a DBCLOB part holds twice as many
+// bytes. Flag byte: bit 0 last message of the transaction, bit 1 NULL value, bit 7 parallel
+// send queues.
+
+namespace {
+
+enum : uint8_t { kLobFlagLast = 1, kLobFlagNull = 2, kLobFlagParallel = 128 };
+enum : uint32_t { kLobCpDatabase = 1, kLobCpApplication = 2 };
+
+constexpr const char* kLobStep = "qLobMsg::printMe";
+
+void printLobFlagLines(QMsg& m, uint8_t type, uint8_t flag) {
+  if (!(type & 0x81) || flag == 0) return;
+  std::fputs("  qMsgHeader.msgFlag:\n", m.out);
+  if ((type & 0x83) && (flag & kLobFlagLast)) std::fputs("    Last message in DB transaction.\n", m.out);
+  if ((type & 0x81) && (flag & kLobFlagNull)) std::fputs("    LOB value is NULL.\n", m.out);
+  if (flag & kLobFlagParallel) std::fputs("    Parallel send queues enabled.\n", m.out);
+}
+
+}  // namespace
+
+int32_t printLobMsg(QMsg& m, const LobColumn& col) {
+  RPL_TRACE(kCompPrinters, 27);
+  uint16_t version = 0;
+  int32_t rc = m.version(version);
+  if (rc == 0) rc = qMsgHeader::printLines(m, true);
+  if (rc != 0) {
+    reportFailure(kLobStep, version < 7 ? "qMsgHeaderV6::printMe" : "qMsgHeader::printMe", rc,
+                  "Cannot print LOB message header");
+    return rplTrace_.ret(rc);
+  }
+  const bool v7 = version >= 7;
+  uint8_t type = 0, flag = 0;
+  uint16_t colNum = 0;
+  uint32_t subId = 0, rowNum = 0, total = 0, cpKind = 0, partLen = 0;
+  rc = m.r.u8(4, type, "qLobMsg.msgtype");
+  if (rc == 0) rc = m.r.u8(5, flag, "qLobMsg.msgFlag");
+  if (rc == 0) rc = m.r.fix32(8, subId, "qLobMsg.sub_id");
+  if (rc == 0) rc = m.r.fix32(12, rowNum, "qLobMsg.rowNum");
+  if (rc == 0) rc = m.r.fix16(16, colNum, "qLobMsg.colNum");
+  if (rc == 0) rc = m.r.fix32(20, total, "qLobMsg.lobTotalDataLen");
+  if (rc == 0 && v7) rc = m.r.fix32(24, cpKind, "qLobMsg.lobCodepage");
+  if (rc == 0) rc = m.r.fix32(v7 ? 28 : 24, partLen, "qLobMsg.lobDataPartLen");
+  if (rc != 0) return rplTrace_.ret(rc);
+
+  printLobFlagLines(m, type, flag);
+  FILE* out = m.out;
+  std::fprintf(out, "  sub_id:          %d\n", static_cast<int32_t>(subId));
+  std::fprintf(out, "  lobId:           [ rowNum = %d, colNum = %d ]", static_cast<int32_t>(rowNum), colNum);
+  if (v7) {
+    if (cpKind == kLobCpDatabase) std::fputs("\n  lob codepage:    DATABASE codepage\n", out);
+    else if (cpKind == kLobCpApplication) std::fputs("\n  lob codepage:    APPLICATION codepage\n", out);
+    else std::fputs("\n  lob codepage:   NOT SET\n", out);
+  }
+  std::fprintf(out, "  lobTotalDataLen: %d\n", static_cast<int32_t>(total));
+  std::fprintf(out, "  lobDataPartLen:  %d\n", static_cast<int32_t>(partLen));
+
+  const uint16_t colType = col.type & ~1u;
+  const bool isNull = (flag & kLobFlagNull) != 0;
+  size_t dataLen = size_t{partLen} * (colType == kColDbclob ? 2 : 1);
+  const uint8_t* data = nullptr;
+  if (!isNull) {
+    rc = m.r.bytes(v7 ? 32 : 28, dataLen, data, "qLobMsg data");
+    if (rc != 0) return rplTrace_.ret(rc);
+  }
+
+  ConvText name, text;
+  if (col.name != nullptr) name.borrow(col.name, col.nameLen);
+  if (!isNull && dataLen > 0) {
+    if (col.name != nullptr) {
+      rc = convertText(m, col.name, col.nameLen, name, kLobStep, "ConvMgr::cpcvl", "colname");
+      if (rc != 0) return rplTrace_.ret(rc);
+    }
+    if (colType == kColClob || colType == kColDbclob) {
+      rc = convertText(m, data, dataLen, text, kLobStep, "ConvMgr::cpcvc", "CLOB or DBCLOB data", col.codePage);
+      if (rc != 0) return rplTrace_.ret(rc);
+    }
+  }
+  if (col.name != nullptr)
+    std::fprintf(out, "  colName:         %.*s\n", name.size(), name.data());
+  else
+    std::fputs("  colName:         Unknown because schema info is not available.\n", out);
+  if (isNull) return rplTrace_.ret(0);
+
+  switch (colType) {
+    case kColClob:
+      std::fputs("\n****  CLOB data ****\n\n", out);
+      std::fprintf(out, "%.*s\n\n", text.size(), text.data());
+      break;
+    case kColDbclob:
+      std::fputs("\n****  DBCLOB data ****\n\n", out);
+      dumpHex(static_cast<size_t>(text.size()), reinterpret_cast<const uint8_t*>(text.data()), out);
+      break;
+    case kColBlob:
+      std::fputs("\n****  BLOB data ****\n\n", out);
+      dumpHex(dataLen, data, out);
+      break;
+    default:
+      std::fputs("\n**** WARNING: Column type info is not available ****\n"
+                 "**** In case of DBCLOB only the first half of the data is printed out. ****\n", out);
+      std::fputs("****  LOB data ****\n\n", out);
+      dumpHex(dataLen, data, out);
+      break;
+  }
+  return rplTrace_.ret(0);
+}

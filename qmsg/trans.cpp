@@ -89,5 +89,254 @@ int32_t printGenericTransInfo(QMsg& m, size_t at) {
   return rplTrace_.ret(rc);
 }
 
-int32_t printTransMsgHeader(QMsg& m, bool) { return qMsgHeader::printMe(m); }
-int32_t printStreamedTransMsgHeader(QMsg& m, bool) { return qMsgHeader::printMe(m); }
+// ---------------------------------------------------------------------------------------------
+// qTransMsgHeader (type 128)
+//
+//   8 segment_num  10 commit_LSN (10 bytes, below v6)  20 commit_time  24 micros  28 nRows
+//   32 auth_id (32, v2)  64 auth_tkn (32)  96 plan_id (10)  106 uow_id (10)  116 rows (v2-5)
+//   118 uow_id length (v8)  120 commit_LSN record (24, v6)  144 source local time (v7)
+//   148 numPartitionNo (v7)  152 rows (v7)
+
+namespace {
+
+constexpr const char* kTransStep = "qTransMsgHeader::printMe";
+constexpr const char* kStreamedStep = "qStreamedTransMsgHeader::printMe";
+
+size_t firstTransRow(uint16_t version) {
+  return version < 2 ? 32 : version <= 5 ? 116 : version == 6 ? 144 : 152;
+}
+
+int32_t headerLines(QMsg& m, const char* step) {
+  int32_t rc = qMsgHeader::printLines(m, true);
+  if (rc != 0) reportFailure(step, "qMsgHeader::printMe", rc, "Cannot print message header");
+  return rc;
+}
+
+int32_t fixTransMsgHeader(QMsg& m, uint16_t version) {
+  int32_t rc = m.r.fix16(8, "qTransMsgHeader.segment_num");
+  if (rc == 0) rc = m.r.fix32(20, "qTransMsgHeader.commit_time");
+  if (rc == 0) rc = m.r.fix32(24, "qTransMsgHeader.commit_time microseconds");
+  if (rc == 0) rc = m.r.fix32(28, "qTransMsgHeader.nRows");
+  if (rc == 0 && version >= 6) rc = fixLsnRecord(m.r, 120, "qTransMsgHeader.commit_LSN");
+  if (rc == 0 && version >= 7) rc = m.r.fix32(144, "qTransMsgHeader source local commit time");
+  if (rc == 0 && version >= 8) rc = m.r.fix16(118, "qTransMsgHeader.uow_id length");
+  return rc;
+}
+
+}  // namespace
+
+int32_t printTransMsgHeader(QMsg& m, bool noPosTime) {
+  RPL_TRACE(kCompPrinters, 20);
+  uint16_t version = 0;
+  int32_t rc = m.version(version);
+  if (rc == 0) rc = headerLines(m, kTransStep);
+  if (rc != 0) return rplTrace_.ret(rc);
+
+  int32_t nRows = 0;
+  if (m.swap()) {
+    rc = fixTransMsgHeader(m, version);
+    if (rc != 0) return rplTrace_.ret(rc);
+    m.r.machine(28, nRows, "qTransMsgHeader.nRows");
+    fixTransRows(m.r, firstTransRow(version), nRows, version);
+  }
+  qMsgHeader::printFlagLines(m);
+
+  uint16_t segment = 0, numPartitionNo = 0;
+  uint32_t seconds = 0, micros = 0, sourceLocal = 0;
+  rc = m.r.machine(8, segment, "qTransMsgHeader.segment_num");
+  if (rc == 0) rc = m.r.machine(20, seconds, "qTransMsgHeader.commit_time");
+  if (rc == 0) rc = m.r.machine(24, micros, "qTransMsgHeader.commit_time microseconds");
+  if (rc == 0) rc = m.r.machine(28, nRows, "qTransMsgHeader.nRows");
+  if (rc == 0 && version >= 7) rc = m.r.machine(144, sourceLocal, "qTransMsgHeader source local commit time");
+  // The partition count is printed as the sender stored it.
+  if (rc == 0 && version >= 7) rc = m.r.machine(148, numPartitionNo, "qTransMsgHeader.numPartitionNo");
+  std::string lsn;
+  if (rc == 0 && !noPosTime) {
+    if (version < 6) {
+      const uint8_t* p = nullptr;
+      rc = m.r.bytes(10, 10, p, "qTransMsgHeader.commit_LSN");
+      if (rc == 0) lsn = formatPos10(p);
+    } else {
+      rc = formatLsnRecord(m.r, 120, true, lsn, "qTransMsgHeader.commit_LSN");
+    }
+  }
+  if (rc != 0) return rplTrace_.ret(rc);
+
+  FILE* out = m.out;
+  std::fprintf(out, "qTransMsgHeader.segment_num: %.4x\n", segment);
+  if (!noPosTime) {
+    int32_t us = static_cast<int32_t>(micros);
+    std::fprintf(out, "qTransMsgHeader.commit_LSN:     %s\n", lsn.c_str());
+    std::fprintf(out, "qTransMsgHeader.commit_time:    %s UTC\n", formatUtc(seconds, us).c_str());
+    if (version >= 7 && sourceLocal != 0)
+      std::fprintf(out, "qTransMsgHeader.commit_time:    %s LOCALTIME (source)\n", formatUtc(sourceLocal, us).c_str());
+    else
+      std::fprintf(out, "qTransMsgHeader.commit_time:    %s LOCALTIME\n", formatLocal(seconds, us).c_str());
+  }
+  std::fprintf(out, "qTransMsgHeader.nRows:          %d\n", nRows);
+  std::fprintf(out, "qTransMsgHeader.numPartitionNo: %d\n", numPartitionNo);
+  if (version < 2) return rplTrace_.ret(0);
+
+  ConvText authId, authTkn, planId;
+  rc = readName(m, 32, 32, authId, "qTransMsgHeader.auth_id", kTransStep, "ConvMgr::cpcvl", "auth_id");
+  if (rc == 0) rc = readName(m, 64, 32, authTkn, "qTransMsgHeader.auth_tkn", kTransStep, "ConvMgr::cpcvl", "auth_tkn");
+  if (rc == 0) rc = readName(m, 96, 10, planId, "qTransMsgHeader.plan_id", kTransStep, "ConvMgr::cpcvl", "plan_id");
+  if (rc != 0) return rplTrace_.ret(rc);
+  std::fprintf(out, "qTransMsgHeader.auth_id:       %.*s\n", authId.size(), authId.data());
+  std::fprintf(out, "qTransMsgHeader.auth_tkn:      %.*s\n", authTkn.size(), authTkn.data());
+  std::fprintf(out, "qTransMsgHeader.plan_id:       %.*s\n", planId.size(), planId.data());
+
+  uint16_t uowLen = 10;
+  if (version >= 8) rc = m.r.machine(118, uowLen, "qTransMsgHeader.uow_id length");
+  std::string uow;
+  if (rc == 0) rc = formatUow(m.r, 106, uowLen, 10, kUowAreaTransHeader, uow, "qTransMsgHeader.uow_id");
+  if (rc != 0) return rplTrace_.ret(rc);
+  std::fprintf(out, "qTransMsgHeader.uow_id:        %s\n", uow.c_str());
+  return rplTrace_.ret(0);
+}
+
+// ---------------------------------------------------------------------------------------------
+// qStreamedTransMsgHeader (type 130)
+//
+//   8 transMsgType  9 flags  10 segment_num  12 uowID length  14 uowID (18)  32 LSN record (24)
+//   56 trans_time  60 micros  64 reserved  68 auth_id (32)  100 auth_tkn (32)  132 plan_id (12)
+//   144 numSingleRowOps  148 numStmtChunkFiles  152 numTotalRowOps  156 numPartitionNo
+//   160 rows and statement chunks (numSingleRowOps + numStmtChunkFiles)
+//
+// segment_num and numPartitionNo are printed as the sender stored them.
+
+namespace {
+
+inline constexpr ValueName kStreamedTransTypes[] = {
+    {2, "RPLKX_STREAMED_TRANS_BEGIN"},
+    {4, "RPLKX_STREAMED_TRANS_CONTINUE"},
+    {8, "RPLKX_STREAMED_TRANS_ABORT"},
+    {16, "RPLKX_STREAMED_TRANS_COMMIT"},
+};
+
+inline constexpr ValueName kStreamedTransFlags[] = {
+    {1, ":IN DOUBT:"},
+    {2, ":FORCED ABORT:"},
+};
+
+constexpr size_t kFirstStreamedRow = 160;
+
+int32_t fixStreamedTransMsgHeader(QMsg& m) {
+  int32_t rc = 0;
+  for (size_t at : {56, 60, 64, 144, 148, 152})
+    if (rc == 0) rc = m.r.fix32(at, "qStreamedTransMsgHeader counts and times");
+  if (rc == 0) rc = m.r.fix16(12, "qStreamedTransMsgHeader.uowID length");
+  if (rc == 0) rc = fixLsnRecord(m.r, 32, "qStreamedTransMsgHeader.LSN");
+  return rc;
+}
+
+}  // namespace
+
+int32_t printStreamedTransMsgHeader(QMsg& m, bool noPosTime) {
+  RPL_TRACE(kCompPrinters, 21);
+  uint16_t version = 0;
+  int32_t rc = m.version(version);
+  if (rc == 0) rc = headerLines(m, kStreamedStep);
+  if (rc != 0) return rplTrace_.ret(rc);
+  uint32_t single = 0, chunks = 0, total = 0, seconds = 0, micros = 0;
+  if (m.swap()) {
+    rc = fixStreamedTransMsgHeader(m);
+    if (rc != 0) return rplTrace_.ret(rc);
+    m.r.machine(144, single, "qStreamedTransMsgHeader.numSingleRowOps");
+    m.r.machine(148, chunks, "qStreamedTransMsgHeader.numStmtChunkFiles");
+    fixTransRows(m.r, kFirstStreamedRow, int64_t{single} + chunks, version);
+  }
+  qMsgHeader::printFlagLines(m);
+
+  uint8_t type = 0, flags = 0;
+  uint16_t segment = 0, uowLen = 0, numPartitionNo = 0;
+  rc = m.r.u8(8, type, "qStreamedTransMsgHeader.transMsgType");
+  if (rc == 0) rc = m.r.u8(9, flags, "qStreamedTransMsgHeader.flags");
+  if (rc == 0) rc = m.r.machine(10, segment, "qStreamedTransMsgHeader.segment_num");
+  if (rc == 0) rc = m.r.machine(12, uowLen, "qStreamedTransMsgHeader.uowID length");
+  if (rc == 0) rc = m.r.machine(56, seconds, "qStreamedTransMsgHeader.trans_time");
+  if (rc == 0) rc = m.r.machine(60, micros, "qStreamedTransMsgHeader.trans_time microseconds");
+  if (rc == 0) rc = m.r.machine(144, single, "qStreamedTransMsgHeader.numSingleRowOps");
+  if (rc == 0) rc = m.r.machine(148, chunks, "qStreamedTransMsgHeader.numStmtChunkFiles");
+  if (rc == 0) rc = m.r.machine(152, total, "qStreamedTransMsgHeader.numTotalRowOps");
+  if (rc == 0) rc = m.r.machine(156, numPartitionNo, "qStreamedTransMsgHeader.numPartitionNo");
+  std::string lsn, uow;
+  if (rc == 0 && !noPosTime && version >= 6) rc = formatLsnRecord(m.r, 32, true, lsn, "qStreamedTransMsgHeader.LSN");
+  if (rc == 0) rc = formatUow(m.r, 14, uowLen, 18, kUowAreaTransHeader, uow, "qStreamedTransMsgHeader.uowID");
+  if (rc != 0) return rplTrace_.ret(rc);
+
+  FILE* out = m.out;
+  std::fprintf(out, "qStreamedTransMsgHeader.transMsgType:          %s\n", nameOf(kStreamedTransTypes, type, "Unknown"));
+  std::fprintf(out, "qStreamedTransMsgHeader.flags:                 %s\n", joinFlags(kStreamedTransFlags, flags).c_str());
+  std::fprintf(out, "qStreamedTransMsgHeader.segment_num:           %hu\n", segment);
+  if (!noPosTime) {
+    int32_t us = static_cast<int32_t>(micros);
+    std::fprintf(out, "qStreamedTransMsgHeader.LSN:                   %s\n", lsn.c_str());
+    std::fprintf(out, "qStreamedTransMsgHeader.trans_time:            %s UTC\n", formatUtc(seconds, us).c_str());
+    std::fprintf(out, "qStreamedTransMsgHeader.trans_time:            %s LOCALTIME\n", formatLocal(seconds, us).c_str());
+  }
+  std::fprintf(out, "qStreamedTransMsgHeader.numTotalRowOps:        %u\n", total);
+  std::fprintf(out, "qStreamedTransMsgHeader.numSingleRowOps:       %u\n", single);
+  std::fprintf(out, "qStreamedTransMsgHeader.numStmtChunkFiles:     %u\n", chunks);
+
+  ConvText authId, authTkn, planId;
+  rc = readName(m, 68, 32, authId, "qStreamedTransMsgHeader.auth_id", kStreamedStep, "ConvMgr::cpcvl", "auth_id");
+  if (rc == 0) rc = readName(m, 100, 32, authTkn, "qStreamedTransMsgHeader.auth_tkn", kStreamedStep, "ConvMgr::cpcvl", "auth_tkn");
+  if (rc == 0) rc = readName(m, 132, 12, planId, "qStreamedTransMsgHeader.plan_id", kStreamedStep, "ConvMgr::cpcvl", "plan_id");
+  if (rc != 0) return rplTrace_.ret(rc);
+  std::fprintf(out, "qStreamedTransMsgHeader.auth_id:               %.*s\n", authId.size(), authId.data());
+  std::fprintf(out, "qStreamedTransMsgHeader.auth_tkn:              %.*s\n", authTkn.size(), authTkn.data());
+  std::fprintf(out, "qStreamedTransMsgHeader.plan_id:               %.*s\n", planId.size(), planId.data());
+  std::fprintf(out, "qStreamedTransMsgHeader.uowID:                 %s\n", uow.c_str());
+  std::fprintf(out, "qStreamedTransMsgHeader.numPartitionNo:        %hu\n", numPartitionNo);
+  return rplTrace_.ret(0);
+}
+
+// ---------------------------------------------------------------------------------------------
+// qBatchedTransHeader (inside a row, after its last column set), read in the sender's order.
+//
+//   0 length  2 position length  4 position (16)  20 commit seconds  24 micros
+//   28 source local seconds  32 uow length  34 uow (16)  50 auth_id (32)  82 auth_tkn (32)
+//   114 plan_id (12)  126
+//
+// The identity texts are present when the header's length reaches them.
+
+int32_t printBatchedTransHeader(QMsg& m, size_t at) {
+  RPL_TRACE(kCompPrinters, 22);
+  uint16_t length = 0, posLen = 0, uowLen = 0;
+  uint32_t seconds = 0, micros = 0, local = 0;
+  const uint8_t* pos = nullptr;
+  std::string uow;
+  int32_t rc = m.r.u16(at, length, "qBatchedTransHeader.length");
+  if (rc == 0) rc = m.r.u16(at + 2, posLen, "qBatchedTransHeader.commit_LSN length");
+  if (rc == 0) rc = m.r.bytes(at + 4, 16, pos, "qBatchedTransHeader.commit_LSN");
+  if (rc == 0) rc = m.r.u32(at + 20, seconds, "qBatchedTransHeader.commit_time");
+  if (rc == 0) rc = m.r.u32(at + 24, micros, "qBatchedTransHeader.commit_time microseconds");
+  if (rc == 0) rc = m.r.u32(at + 28, local, "qBatchedTransHeader source local commit time");
+  if (rc == 0) rc = m.r.u16(at + 32, uowLen, "qBatchedTransHeader.uow_id length");
+  if (rc == 0) rc = formatUow(m.r, at + 34, uowLen, 16, kUowArea, uow, "qBatchedTransHeader.uow_id");
+  if (rc != 0) return rplTrace_.ret(rc);
+
+  size_t n = posLen > 16 ? 16 : posLen < 2 ? 2 : posLen;
+  int32_t us = static_cast<int32_t>(micros);
+  FILE* out = m.out;
+  std::fprintf(out, "--> qBatchedTransHeader.length:        %d\n", length);
+  std::fprintf(out, "    qBatchedTransHeader.commit_LSN:    %s\n", formatLsnBytes(pos, n).c_str());
+  std::fprintf(out, "    qBatchedTransHeader.commit_time:   %s UTC\n", formatUtc(seconds, us).c_str());
+  std::fprintf(out, "    qBatchedTransHeader.commit_time:   %s LOCALTIME\n", formatUtc(local, us).c_str());
+  std::fprintf(out, "    qBatchedTransHeader.uow_id:        %s\n", uow.c_str());
+
+  const char* step = "qBatchedTransHeader::printMe";
+  struct Identity { size_t at, room; const char* field; const char* label; const char* format; };
+  static const Identity kIdentities[] = {
+      {50, 32, "qBatchedTransHeader.auth_id", "auth_id", "    qBatchedTransHeader.auth_id:       %.*s\n"},
+      {82, 32, "qBatchedTransHeader.auth_tkn", "auth_tkn", "    qBatchedTransHeader.auth_tkn:      %.*s\n"},
+      {114, 12, "qBatchedTransHeader.plan_id", "plan_id", "    qBatchedTransHeader.plan_id:       %.*s\n"},
+  };
+  for (const Identity& id : kIdentities) {
+    if (length < id.at + 2) break;
+    rc = printIdentity(m, at + id.at, id.room, id.field, step, id.label, id.format);
+    if (rc != 0) break;
+  }
+  return rplTrace_.ret(rc);
+}

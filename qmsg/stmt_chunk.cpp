@@ -1,0 +1,88 @@
+// Statement chunks (qStmtChunk): the file of rows written for one large statement, carried by a
+// row of operation 160, with the list of its data columns (qStmtChunkDataCol).
+#include <cinttypes>
+
+#include "qmsg/names.h"
+#include "qmsg/row.h"
+#include "qmsg/schema.h"
+#include "runtime/trace.h"
+
+// qStmtChunk, offsets from the chunk start:
+//
+//   0         4           5        6       8            16        24             26
+//   +---------+-----------+--------+-------+------------+---------+--------------+----------------+
+//   | length  | operation | format | nCols | fileSize   | nRows   | data columns | fileName offset|
+//   +---------+-----------+--------+-------+------------+---------+--------------+----------------+
+//
+// qStmtChunkDataCol, 12 bytes each, packed from the data-column offset:
+//   0 u16 colMask   2 u16 colPosition (as stored)   4 u16 colType   6 u16 reserved   8 u32 typeLen
+
+namespace {
+
+inline constexpr ValueName kChunkOperations[] = {{16, "INSERT"}, {64, "DELETE"}};
+inline constexpr ValueName kChunkFormats[] = {{0, "TEXT"}, {3, "BINARY"}};
+inline constexpr ValueName kDataColMasks[] = {
+    {1, "RPLKX_DATACOL_KEY"},
+    {2, "RPLKX_DATACOL_NONKEY"},
+    {4, "RPLKX_DATACOL_UNSUBSCRIBED"},
+    {9, "RPLKX_DATACOL_KEY WITH FOR BIT DATA COL"},
+    {10, "RPLKX_DATACOL_NONKEY WITH FOR BIT DATA COL"},
+    {12, "RPLKX_DATACOL_UNSUBSCRIBED WITH FOR BIT DATA COL"},
+};
+inline constexpr size_t kDataColSize = 12;
+
+// qStmtChunkDataCol::printMe: swaps the entry (colPosition stays as stored) and prints it.
+int32_t printDataCol(QMsg& m, size_t at) {
+  uint16_t mask = 0, position = 0, type = 0;
+  uint32_t typeLen = 0;
+  int32_t rc = m.r.fix16(at, mask, "qStmtChunkDataCol.colMask");
+  if (rc == 0) rc = m.r.machine(at + 2, position, "qStmtChunkDataCol.colPosition");
+  if (rc == 0) rc = m.r.fix16(at + 4, type, "qStmtChunkDataCol.colType");
+  if (rc == 0) rc = m.r.fix32(at + 8, typeLen, "qStmtChunkDataCol.typeLen");
+  if (rc != 0) return rc;
+  std::fprintf(m.out, "      qStmtChunkDataCol.colMask:         %s\n", nameOf(kDataColMasks, mask, "Unknown"));
+  std::fprintf(m.out, "      qStmtChunkDataCol.colPosition:     %hu\n", position);
+  std::fprintf(m.out, "      qStmtChunkDataCol.colType:         %s\n", columnTypeName(type));
+  std::fprintf(m.out, "      qStmtChunkDataCol.typeLen:         %u\n", typeLen);
+  return 0;
+}
+
+}  // namespace
+
+int32_t printStmtChunk(QMsg& m, size_t at) {
+  RPL_TRACE(kCompPrinters, 26);
+  uint8_t operation = 0, format = 0;
+  uint16_t nCols = 0, colsAt = 0, nameAt = 0;
+  uint64_t fileSize = 0, nRows = 0;
+  int32_t rc = m.r.fix32(at, "qStmtChunk.length");
+  if (rc == 0) rc = m.r.u8(at + 4, operation, "qStmtChunk.operation");
+  if (rc == 0) rc = m.r.u8(at + 5, format, "qStmtChunk.format");
+  if (rc == 0) rc = m.r.fix16(at + 6, nCols, "qStmtChunk.nCols");
+  if (rc == 0) rc = m.r.fix64(at + 8, fileSize, "qStmtChunk.fileSize");
+  if (rc == 0) rc = m.r.fix64(at + 16, nRows, "qStmtChunk.nRows");
+  if (rc == 0) rc = m.r.fix16(at + 24, colsAt, "qStmtChunk data column offset");
+  if (rc == 0) rc = m.r.fix16(at + 26, nameAt, "qStmtChunk fileName offset");
+  if (rc != 0) return rplTrace_.ret(rc);
+
+  ConvText name;
+  size_t nameField = at + nameAt;
+  size_t room = m.r.size() > nameField ? m.r.size() - nameField : 0;
+  rc = readName(m, nameField, room, name, "qStmtChunk.fileName", "qStmtChunk::printMe", "ConvMgr::cpcvc",
+                "file name");
+  if (rc != 0) return rplTrace_.ret(rc);
+
+  FILE* out = m.out;
+  std::fprintf(out, "    qStmtChunk.operation:         %s\n", nameOf(kChunkOperations, operation, "Unknown"));
+  std::fprintf(out, "    qStmtChunk.format:            %s\n", nameOf(kChunkFormats, format, "Unknown"));
+  std::fprintf(out, "    qStmtChunk.fileSize:          %" PRIu64 "\n", fileSize);
+  std::fprintf(out, "    qStmtChunk.nRows:             %" PRIu64 "\n", nRows);
+  std::fprintf(out, "    qStmtChunk.nCols:             %hu\n", nCols);
+  std::fprintf(out, "    qStmtChunk.fileName:          %.*s\n", name.size(), name.data());
+  std::fputs("    ****  qStmtChunkDataCol ****  \n", out);
+  for (size_t i = 0; i < nCols; ++i) {
+    std::fprintf(out, "    * %d *\n", static_cast<int>(i));
+    rc = printDataCol(m, at + colsAt + kDataColSize * i);
+    if (rc != 0) return rplTrace_.ret(rc);
+  }
+  return rplTrace_.ret(0);
+}

@@ -1,0 +1,322 @@
+// Column values: one value printed by its SQL type code, as a database user reads it.
+#include "qmsg/values.h"
+
+#include <cinttypes>
+#include <cstring>
+
+#include "qmsg/schema.h"
+#include "runtime/catalog.h"
+#include "runtime/trace.h"
+
+// ---------------------------------------------------------------------------------------------
+// Number forms.
+
+bool packedDecimalText(const uint8_t* p, size_t n, unsigned scale, std::string& out) {
+  if (n == 0) return false;
+  std::string digits;
+  digits.reserve(2 * n);
+  for (size_t i = 0; i < n; ++i) {
+    unsigned hi = p[i] >> 4, lo = p[i] & 15;
+    if (hi > 9) return false;
+    digits += static_cast<char>('0' + hi);
+    if (i + 1 < n) {
+      if (lo > 9) return false;
+      digits += static_cast<char>('0' + lo);
+    }
+  }
+  unsigned sign = p[n - 1] & 15;
+  bool negative = sign == 0xB || sign == 0xD;
+  if (digits.size() < scale) digits.insert(0, scale - digits.size(), '0');
+  std::string whole = digits.substr(0, digits.size() - scale);
+  std::string fraction = digits.substr(digits.size() - scale);
+  size_t first = whole.find_first_not_of('0');
+  whole = first == std::string::npos ? "0" : whole.substr(first);
+  bool zero = digits.find_first_not_of('0') == std::string::npos;
+  out.clear();
+  if (negative && !zero) out += '-';
+  out += whole;
+  if (scale > 0) {
+    out += '.';
+    out += fraction;
+  }
+  return true;
+}
+
+namespace {
+
+// Three digits from one 10-bit densely packed declet.
+void declet(unsigned d, char* three) {
+  auto bit = [d](int i) { return (d >> i) & 1u; };
+  unsigned abc = (d >> 7) & 7, def = (d >> 4) & 7, ghi = d & 7;
+  unsigned d2, d1, d0;
+  if (!bit(3)) {
+    d2 = abc; d1 = def; d0 = ghi;
+  } else {
+    switch ((d >> 1) & 3) {
+      case 0: d2 = abc; d1 = def; d0 = 8 + bit(0); break;
+      case 1: d2 = abc; d1 = 8 + bit(4); d0 = (bit(6) << 2) | (bit(5) << 1) | bit(0); break;
+      case 2: d2 = 8 + bit(7); d1 = def; d0 = (bit(9) << 2) | (bit(8) << 1) | bit(0); break;
+      default:
+        switch ((d >> 5) & 3) {
+          case 0: d2 = 8 + bit(7); d1 = 8 + bit(4); d0 = (bit(9) << 2) | (bit(8) << 1) | bit(0); break;
+          case 1: d2 = 8 + bit(7); d1 = (bit(9) << 2) | (bit(8) << 1) | bit(4); d0 = 8 + bit(0); break;
+          case 2: d2 = abc; d1 = 8 + bit(4); d0 = 8 + bit(0); break;
+          default: d2 = 8 + bit(7); d1 = 8 + bit(4); d0 = 8 + bit(0); break;
+        }
+    }
+  }
+  three[0] = static_cast<char>('0' + d2);
+  three[1] = static_cast<char>('0' + d1);
+  three[2] = static_cast<char>('0' + d0);
+}
+
+// Bits [from, from + count) of a big-endian bit string, counted from its least significant end.
+unsigned bitsAt(const uint8_t* p, size_t n, size_t from, unsigned count) {
+  unsigned v = 0;
+  for (unsigned i = 0; i < count; ++i) {
+    size_t b = from + i;
+    unsigned bit = (p[n - 1 - b / 8] >> (b % 8)) & 1u;
+    v |= bit << i;
+  }
+  return v;
+}
+
+}  // namespace
+
+bool decfloatText(const uint8_t* p, size_t n, std::string& out) {
+  if (n != 8 && n != 16) return false;
+  const size_t bits = n * 8;
+  const unsigned expCont = n == 8 ? 8 : 12;
+  const int bias = n == 8 ? 398 : 6176;
+  const size_t declets = n == 8 ? 5 : 11;
+
+  bool negative = (p[0] & 0x80) != 0;
+  unsigned comb = bitsAt(p, n, bits - 6, 5);
+  out = negative ? "-" : "";
+  if ((comb & 0x1E) == 0x1E) {
+    if (comb == 0x1E) out += "Infinity";
+    else out += (p[0] & 0x02) ? "sNaN" : "NaN";
+    return true;
+  }
+  unsigned expHigh, msd;
+  if ((comb & 0x18) != 0x18) {
+    expHigh = comb >> 3;
+    msd = comb & 7;
+  } else {
+    expHigh = (comb >> 1) & 3;
+    msd = 8 + (comb & 1);
+  }
+  int exponent = static_cast<int>((expHigh << expCont) | bitsAt(p, n, bits - 6 - expCont, expCont)) - bias;
+
+  std::string coef(1, static_cast<char>('0' + msd));
+  for (size_t i = declets; i-- > 0;) {
+    char three[3];
+    declet(bitsAt(p, n, 10 * i, 10), three);
+    coef.append(three, 3);
+  }
+  size_t first = coef.find_first_not_of('0');
+  if (first == std::string::npos) {
+    out += "0";
+    return true;
+  }
+  coef.erase(0, first);
+  // The shortest exact form: trailing zeros go into the exponent.
+  while (coef.size() > 1 && coef.back() == '0') {
+    coef.pop_back();
+    ++exponent;
+  }
+  const int len = static_cast<int>(coef.size());
+  std::string plain;
+  if (exponent >= 0) {
+    plain = coef + std::string(static_cast<size_t>(exponent), '0');
+  } else if (-exponent < len) {
+    plain = coef.substr(0, static_cast<size_t>(len + exponent)) + "." + coef.substr(static_cast<size_t>(len + exponent));
+  } else {
+    plain = "0." + std::string(static_cast<size_t>(-exponent - len), '0') + coef;
+  }
+  std::string sci = coef.substr(0, 1);
+  if (len > 1) sci += "." + coef.substr(1);
+  int adjusted = exponent + len - 1;
+  sci += adjusted < 0 ? "E-" : "E+";
+  sci += std::to_string(adjusted < 0 ? -adjusted : adjusted);
+  out += sci.size() < plain.size() ? sci : plain;
+  return true;
+}
+
+std::string doubleText(double v, bool single) {
+  char s[64];
+  std::snprintf(s, sizeof s, "%.*E", single ? 5 : 14, v);
+  std::string text = s;
+  size_t e = text.find('E');
+  // "E+" or "E-" then the digits: keep two exponent digits where three were written.
+  if (e != std::string::npos && text.size() - e == 5 && text[e + 2] == '0') text.erase(e + 2, 1);
+  return text;
+}
+
+// ---------------------------------------------------------------------------------------------
+// The value printer.
+
+namespace {
+
+// Integer of `n` bytes in the sender's order; short data is reported as the runtime's integer
+// reads report it.
+template <typename T>
+int32_t readInt(const QMsg& m, const uint8_t* p, size_t len, T& v, const char* read, const char* step,
+                const char* function) {
+  if (len < sizeof(T)) {
+    reportShortRead(sizeof(T), read);
+    reportFailure(step, function, kRcShortRead);
+    return kRcShortRead;
+  }
+  MsgReader r(const_cast<uint8_t*>(p), len, m.swap());
+  if constexpr (sizeof(T) == 2) return r.i16(0, v, read);
+  else if constexpr (sizeof(T) == 4) return r.i32(0, v, read);
+  else return r.i64(0, v, read);
+}
+
+// Converts text from the column's code page and prints it as it stands.
+int32_t printText(QMsg& m, const uint8_t* p, size_t n, int32_t codePage, const char* step,
+                  const char* function, const char* label) {
+  ConvText text;
+  int32_t rc = convertText(m, p, n, text, step, function, label, codePage);
+  if (rc == 0) std::fprintf(m.out, "%.*s", text.size(), text.data());
+  return rc;
+}
+
+// A u16 count (sender's order) then `unit`-byte characters: the length-prefixed values.
+int32_t prefixed(const QMsg& m, const uint8_t* p, size_t len, size_t unit, size_t& n, const char* field) {
+  MsgReader r(const_cast<uint8_t*>(p), len, m.swap());
+  uint16_t count = 0;
+  int32_t rc = r.u16(0, count, field);
+  if (rc != 0) return rc;
+  n = size_t{count} * unit;
+  if (n > len - 2) return r.tooLong(0, n, len - 2, field);
+  return 0;
+}
+
+void printHexDigits(FILE* out, const uint8_t* p, size_t n) {
+  for (size_t i = 0; i < n; ++i) std::fprintf(out, "%02X", p[i]);
+}
+
+}  // namespace
+
+int32_t printColumnValue(QMsg& m, const ColumnInfo& col, const uint8_t* p, size_t len, const char* step) {
+  RPL_TRACE(kCompPrinters, 31);
+  FILE* out = m.out;
+  if (len == 0 || p == nullptr) {
+    std::fputs("NULL", out);
+    return 0;
+  }
+  const int32_t cp = col.codePage;
+  int32_t rc = 0;
+  switch (col.type & ~1u) {
+    case kColSmallint: {
+      int16_t v = 0;
+      rc = readInt(m, p, len, v, "getPtr(sizeof(short))", step, "ConvMgr::readShortPtr");
+      if (rc == 0) std::fprintf(out, "%hd", v);
+      break;
+    }
+    case kColInteger: {
+      int32_t v = 0;
+      rc = readInt(m, p, len, v, "getPtr4(sizeof(int))", step, "ConvMgr::readIntPtr");
+      if (rc == 0) std::fprintf(out, "%d", v);
+      break;
+    }
+    case kColBigint: {
+      int64_t v = 0;
+      rc = readInt(m, p, len, v, "getPtr8(sizeof(UINT64))", step, "ConvMgr::readIntPtr");
+      if (rc == 0) std::fprintf(out, "%" PRId64, v);
+      break;
+    }
+    case kColDouble: {
+      if (len == 4) {
+        int32_t bits = 0;
+        rc = readInt(m, p, len, bits, "getPtr4(sizeof(float))", step, "ConvMgr::readIntPtr");
+        float f = 0;
+        std::memcpy(&f, &bits, 4);
+        if (rc == 0) std::fputs(doubleText(f, true).c_str(), out);
+      } else {
+        int64_t bits = 0;
+        rc = readInt(m, p, len, bits, "getPtr8(sizeof(double))", step, "ConvMgr::readIntPtr");
+        double d = 0;
+        std::memcpy(&d, &bits, 8);
+        if (rc == 0) std::fputs(doubleText(d, false).c_str(), out);
+      }
+      break;
+    }
+    case kColDecimal:
+    case kColDecimal504: {
+      size_t n = col.precision > 0 ? size_t{col.precision} / 2 + 1 : len;
+      std::string text;
+      if (n > len) {
+        reportShortRead(n, "packed decimal value");
+        rc = kRcShortRead;
+      } else if (!packedDecimalText(p, n, col.scale, text)) {
+        reportFailure(step, "packed decimal", kRcShortRead, "Cannot convert DECIMAL data");
+        rc = kRcShortRead;
+      } else {
+        std::fputs(text.c_str(), out);
+      }
+      break;
+    }
+    case kColDecfloat: {
+      // Stored in the sender's byte order: turned most significant byte first.
+      uint8_t be[16];
+      std::string text;
+      constexpr bool kMachineLittle = __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__;
+      bool senderLittle = kMachineLittle != m.swap();
+      if (len == 8 || len == 16) {
+        for (size_t i = 0; i < len; ++i) be[i] = senderLittle ? p[len - 1 - i] : p[i];
+        decfloatText(be, len, text);
+        std::fputs(text.c_str(), out);
+      } else {
+        reportShortRead(len < 8 ? 8 : 16, "DECFLOAT value");
+        rc = kRcShortRead;
+      }
+      break;
+    }
+    case kColDate:
+    case kColTime:
+    case kColTimestamp:
+    case kColTimestampTz:
+    case kColCString:
+      rc = printText(m, p, len, cp, step, "ConvMgr::cpcvc", "DATE, TIME, TIMESTAMP or CSTR");
+      break;
+    case kColChar:
+    case kColClob:
+    case kColXml:
+      rc = printText(m, p, len, cp, step, "ConvMgr::cpcvc", "CHAR data");
+      break;
+    case kColVarchar:
+    case kColLongVarchar: {
+      size_t n = 0;
+      rc = prefixed(m, p, len, 1, n, "VARCHAR value length");
+      if (rc == 0) rc = printText(m, p + 2, n, cp, step, "ConvMgr::cpcvl", "LONG or VARCHAR data");
+      break;
+    }
+    case kColGraphic:
+    case kColDbclob:
+      rc = printText(m, p, len & ~size_t{1}, cp, step, "ConvMgr::cpcvc", "GRAPHIC data");
+      break;
+    case kColVargraphic:
+    case kColLongVargraphic: {
+      size_t n = 0;
+      rc = prefixed(m, p, len, 2, n, "VARGRAPHIC value length");
+      if (rc == 0) rc = printText(m, p + 2, n, cp, step, "ConvMgr::cpcvl", "LONGGRAPH or VARGRAPH data");
+      break;
+    }
+    case kColBoolean:
+      std::fputs(p[0] != 0 ? "TRUE" : "FALSE", out);
+      break;
+    case kColVarbinary: {
+      size_t n = 0;
+      rc = prefixed(m, p, len, 1, n, "VARBINARY value length");
+      if (rc == 0) printHexDigits(out, p + 2, n);
+      break;
+    }
+    default:  // BINARY, BLOB and codes without a print form of their own
+      printHexDigits(out, p, len);
+      break;
+  }
+  return rplTrace_.ret(rc);
+}

@@ -1,0 +1,36 @@
+// Column values: the print form of one value by its SQL type code.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "qmsg/msg.h"
+
+// What the value printer needs to know about a column.
+struct ColumnInfo {
+  uint16_t type = 0;       // SQL type code as stored (bit 0: nullable, ignored here)
+  int32_t codePage = 0;    // code page of the value's characters
+  uint8_t precision = 0;   // DECIMAL only
+  uint8_t scale = 0;       // DECIMAL only
+};
+
+// Prints one value (no line end) by the column's type: "NULL" when there is no data. Character
+// values are converted from the column's code page to the output encoding; integers are read in
+// the sender's byte order. Failures are reported with `step` and returned.
+int32_t printColumnValue(QMsg& m, const ColumnInfo& col, const uint8_t* p, size_t len, const char* step);
+
+// Packed decimal (two digits a byte, sign in the last half-byte: 0xB or 0xD negative) as
+// digits with the point at `scale`: no leading zeros but one before the point, "-" only when
+// the value is not zero and negative. False when a digit half-byte is not 0-9.
+bool packedDecimalText(const uint8_t* p, size_t n, unsigned scale, std::string& out);
+
+// IEEE 754 decimal64 (n 8) or decimal128 (n 16) in densely packed decimal encoding, its bytes
+// given most significant first, in its shortest exact decimal form: "Infinity", "NaN", "sNaN"
+// (signed when negative), else the digits in plain or exponent notation, whichever is
+// shorter (plain on a tie). False for any other length.
+bool decfloatText(const uint8_t* p, size_t n, std::string& out);
+
+// DOUBLE: "%.5E" for a 4-byte single-precision value, "%.14E" for a double; an exponent
+// written with three digits loses a leading zero.
+std::string doubleText(double v, bool single);
