@@ -1,0 +1,332 @@
+// rplqmfmt end to end: command line, reading loop, printers and output errors, through the
+// real local queue manager.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "kx/kxm_admin.h"
+#include "tests/driver/harness.h"
+
+namespace {
+
+const char* const kUsage =
+    "Usage: rplqmfmt <qname> <qmgr name> [-o <output file name>|-oenc <output encoding name>|"
+    "-l <number>|-help|-hex|-kxmd|-delmsg|-msghdr]\n"
+    "-o  :    Redirect output to a file.\n"
+    "-l  :    Limit output messages as specified.\n"
+    "-hex:    See hex dump of the messages.\n"
+    "-kxmd:   Display KX descriptor.\n"
+    "-oenc:   Output encoding name.\n"
+    "-delmsg: Delete messages after formatting.\n"
+    "-msghdr: Display message header only.\n"
+    "-help:   Display this help.\n";
+
+// Standard error without the notice that the middleware library was loaded (message 585,
+// issued on every run).
+std::string reports(const std::string& err) {
+  std::string kept;
+  size_t at = 0;
+  while (at < err.size()) {
+    size_t end = err.find('\n', at);
+    end = end == std::string::npos ? err.size() : end + 1;
+    std::string line = err.substr(at, end - at);
+    if (line.find("RPL0585I") == std::string::npos) kept += line;
+    at = end;
+  }
+  return kept;
+}
+
+std::string textMsg(int n, const std::string& text) {
+  return "\n\n**** Message number: " + std::to_string(n) + "\n**** Message size:   " +
+         std::to_string(text.size() + 364) + "\n\n" + text + "\n";
+}
+
+// A KXHRF2 header of `strucLength` bytes: the fixed 36 bytes, then the folders given.
+std::string rfh2(uint32_t strucLength, const std::string& folders) {
+  std::string h(36, '\0');
+  std::memcpy(h.data(), "RFH ", 4);
+  uint32_t version = 2;
+  std::memcpy(h.data() + 4, &version, 4);
+  std::memcpy(h.data() + 8, &strucLength, 4);
+  std::memcpy(h.data() + 28, "KXSTR   ", 8);
+  return h + folders;
+}
+
+std::string folder(uint32_t length, const std::string& text) {
+  std::string f(4, '\0');
+  std::memcpy(f.data(), &length, 4);
+  return f + text;
+}
+
+using CommandLineTest = QueueTest;
+
+TEST_F(CommandLineTest, UsageAndHelpExitZeroWithoutConnecting) {
+  for (const std::vector<std::string>& words :
+       {std::vector<std::string>{}, {"-help"}, {"Q", "NOQM", "-help"}, {"Q", "NOQM", "-hex", "-help", "-bad"}}) {
+    RunResult r = run(words);
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out, kUsage);  // no connection message: NOQM does not exist
+    EXPECT_EQ(reports(r.err), "");
+  }
+}
+
+TEST_F(CommandLineTest, ErrorsReportTheirTextPrintTheUsageAndExitMinusOne) {
+  struct Case { std::vector<std::string> words; const char* text; };
+  const Case cases[] = {
+      {{"Q1"}, "One or all of these required parameters are missing: queue name and queue manager name."},
+      {{"Q1", "QM1", "-l", "5x"}, "Limit 5x specified is not valid."},
+      {{"Q1", "QM1", "-s", "x"}, "SkipNum x specified is not valid."},
+      {{"Q1", "QM1", "-o", "-x"}, "Unknown option -o."},
+      {{"Q1", "QM1", "-o", "-hex"}, "Option -o must be followed by a file name."},
+      {{"Q1", "QM1", "-o"}, "Option -o must be followed by a file name."},
+      {{"Q1", "QM1", "-oenc", "-l"}, "Option -oenc must be followed by an encoding name."},
+      {{"Q1", "QM1", "-oenc", "-utf8"}, "Unknown option -oenc."},
+      {{"Q1", "QM1", "-hex", "bogus"}, "Unknown option bogus."},
+  };
+  put("never read");
+  for (const Case& c : cases) {
+    RunResult r = run(c.words);
+    EXPECT_EQ(r.status, 255) << c.text;
+    EXPECT_EQ(r.out, kUsage) << c.text;
+    EXPECT_NE(r.err.find(c.text), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("RPL0589E"), std::string::npos) << r.err;
+  }
+  EXPECT_EQ(depth(), 1);
+}
+
+TEST_F(CommandLineTest, ConnectionFailureIsPrintedOnStandardOutputAndReported) {
+  RunResult r = run({"Q1", "NOQM"});
+  EXPECT_EQ(r.status, 255);
+  EXPECT_EQ(r.out, "Connection to the queue manager NOQM failed, Velora KX cc=2, rc=2058.\n");
+  EXPECT_NE(r.err.find("Connection to the queue manager NOQM failed"), std::string::npos);
+  EXPECT_NE(r.err.find("\"KXCONN\""), std::string::npos);
+}
+
+TEST_F(CommandLineTest, LimitWithoutValueIsOneAndKeepsTheNextOption) {
+  put("first");
+  put("second");
+  RunResult r = run({"Q1", "QM1", "-l", "-hex"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(occurrences(r.out, "**** Message number:"), 1);
+  EXPECT_NE(r.out.find("**** Message Descriptor: \n"), std::string::npos);
+  EXPECT_NE(r.out.find("**** Message Content: size:   5\n"), std::string::npos);
+}
+
+TEST_F(CommandLineTest, LongQueueNameIsCutTo48Characters) {
+  const std::string name48(48, 'L');
+  char msg[256];
+  ASSERT_EQ(kxmCreateQueue(kQmgr, name48.c_str(), -1, msg, sizeof msg), 0) << msg;
+  RunResult r = run({name48 + "EXTRA-IGNORED", "QM1"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(reports(r.err), "");
+}
+
+TEST_F(CommandLineTest, UnknownQueueIsAnOpenFailure) {
+  RunResult r = run({"NOQ", "QM1"});
+  EXPECT_EQ(r.status, 255);
+  EXPECT_NE(r.err.find("Open queue NOQ failed, Velora cc=2, rc=2085."), std::string::npos) << r.err;
+}
+
+TEST_F(CommandLineTest, OutputFileAndUnopenableFile) {
+  put("into a file");
+  const std::string file = dir_ + "/out.txt";
+  RunResult r = run({"Q1", "QM1", "-o", file});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out, "");
+  EXPECT_EQ(readFile(file), textMsg(1, "into a file"));
+  r = run({"Q1", "QM1", "-o", dir_ + "/no/such/dir/out.txt"});
+  EXPECT_EQ(r.status, 255);
+  EXPECT_NE(r.err.find("Output file " + dir_ + "/no/such/dir/out.txt cannot be opened."), std::string::npos);
+}
+
+using ReadLoopTest = QueueTest;
+
+TEST_F(ReadLoopTest, EmptyQueuePrintsNothing) {
+  RunResult r = run({"Q1", "QM1"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out, "");
+  EXPECT_EQ(reports(r.err), "");
+}
+
+TEST_F(ReadLoopTest, LimitAndSkipCountTogether) {
+  for (int i = 1; i <= 7; ++i) put("m" + std::to_string(i));
+  RunResult r = run({"Q1", "QM1", "-l", "2", "-s", "3"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out, textMsg(4, "m4") + textMsg(5, "m5"));
+  r = run({"Q1", "QM1", "-l", "0"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out, "");
+  r = run({"Q1", "QM1"});
+  EXPECT_EQ(occurrences(r.out, "**** Message number:"), 7);
+  EXPECT_EQ(depth(), 7);  // browsing leaves the queue whole
+}
+
+TEST_F(ReadLoopTest, BufferGrowsOnlyForMessagesThatDoNotFit) {
+  put(std::string(4096, 'a'));
+  put(std::string(10000, 'b'));
+  put(std::string(4096, 'c'));
+  const std::string log = dir_ + "/gets.log";
+  RunResult r = run({"Q1", "QM1", "-l", "0"}, {"LD_LIBRARY_PATH=" KXSHIM_DIR, "KXSHIM_LOG=" + log});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(readFile(log), "");  // a limit of 0 reads nothing
+  r = run({"Q1", "QM1"}, {"LD_LIBRARY_PATH=" KXSHIM_DIR, "KXSHIM_LOG=" + log});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(readFile(log),
+            "KXGET 4096 0 0 4096\n"       // fits exactly: one get
+            "KXGET 4096 2 2080 10000\n"   // too long: the message stays
+            "KXGET 10000 0 0 10000\n"     // and is read again into a buffer of its size
+            "KXGET 10000 0 0 4096\n"
+            "KXGET 10000 2 2033 0\n");
+  EXPECT_EQ(r.out, textMsg(1, std::string(4096, 'a')) + textMsg(2, std::string(10000, 'b')) +
+                       textMsg(3, std::string(4096, 'c')));
+}
+
+TEST_F(ReadLoopTest, ZeroLengthUnknownFormatAndText) {
+  put("", KXFMT_COMPACT);
+  put("", "WHATEVER");
+  put("skipped", "WHATEVER");
+  put("abc");
+  RunResult r = run({"Q1", "QM1", "-l", "3"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out, "\n\n**** Message number: 1\n**** Message size:   0\n\n"
+                   "\n\n**** Message number: 2\n**** Message size:   0\n\n" + textMsg(3, "abc"));
+  EXPECT_NE(r.out.find("**** Message size:   367\n"), std::string::npos);
+  EXPECT_EQ(occurrences(r.err, "Unknown message format. Message won't be displayed."), 1);
+}
+
+TEST_F(ReadLoopTest, DeleteEmptiesTheQueue) {
+  for (int i = 1; i <= 3; ++i) put("d" + std::to_string(i));
+  RunResult r = run({"Q1", "QM1", "-delmsg", "-l", "2"});
+  EXPECT_EQ(r.out, textMsg(1, "d1") + textMsg(2, "d2"));
+  EXPECT_EQ(depth(), 1);
+  r = run({"Q1", "QM1", "-delmsg"});
+  EXPECT_EQ(r.out, textMsg(1, "d3"));
+  EXPECT_EQ(depth(), 0);
+}
+
+using PrinterTest = QueueTest;
+
+TEST_F(PrinterTest, DescriptorFullAndHeaderOnly) {
+  KXMD md = KXMD_DEFAULT;
+  std::memcpy(md.Format, KXFMT_STRING, 8);
+  md.CodedCharSetId = 1208;
+  md.Priority = 4;
+  md.Persistence = 1;
+  md.Report = 7;
+  md.Feedback = 3;
+  for (int i = 0; i < 24; ++i) {
+    md.MsgId[i] = static_cast<KXBYTE>(i + 1);
+    md.CorrelId[i] = static_cast<KXBYTE>(0xA0 + i);
+  }
+  putMd(md, "x");
+  const std::string ids =
+      "    MsgId           0102030405060708090a0b0c0d0e0f101112131415161718\n"
+      "    CorrelId        a0a1a2a3a4a5a6a7a8a9aaabacadaeafb0b1b2b3b4b5b6b7\n";
+  RunResult r = run({"Q1", "QM1", "-kxmd"});
+  EXPECT_EQ(r.out,
+            "\n\n**** Descriptor for message number: 1\n"
+            "    StrucId         MD   \n" + ids + "\n"
+            "    Version         2 \n"
+            "    Report          7 \n"
+            "    MsgType         8 \n"
+            "    Expiry          -1 \n"
+            "    Feedback        3 \n"
+            "    Encoding        546 \n"
+            "    CodedCharSetId  1208 \n"
+            "    Format          KXSTR    \n"
+            "    Priority        4 \n"
+            "    Persistence     1 \n"
+            "\n" + textMsg(1, "x"));
+  r = run({"Q1", "QM1", "-msghdr"});
+  EXPECT_EQ(r.out, "\n\n**** Descriptor for message number: 1\n" + ids + textMsg(1, "x"));
+}
+
+TEST_F(PrinterTest, HexRowsLineUp) {
+  put("ABCDEFGHIJKLMNOPQRSTUVWXY", "ODDFMT  ");
+  RunResult r = run({"Q1", "QM1", "-hex"});
+  EXPECT_EQ(r.status, 0);
+  const std::string content =
+      "**** Message Content: size:   25\n\n"
+      " 00000000 41424344 45464748 494A4B4C 4D4E4F50 51525354  ABCDEFGHIJKLMNOPQRST\n"
+      " 00000014 55565758 59                                   UVWXY\n";
+  ASSERT_GE(r.out.size(), content.size());
+  EXPECT_EQ(r.out.substr(r.out.size() - content.size()), content);
+  EXPECT_NE(r.out.find("**** Message Descriptor: \n 00000000 4D442020 02000000"), std::string::npos);
+  EXPECT_NE(r.out.find(" 00000168 "), std::string::npos);  // last descriptor row at byte 360
+  EXPECT_EQ(reports(r.err), "");  // an unknown format is dumped, not refused
+}
+
+TEST_F(PrinterTest, HeaderFolders) {
+  const std::string mcd = "<mcd><Msd>jms</Msd></mcd>       ";  // 32 bytes
+  std::string cut = "<usr><a>1</a></usr>";
+  cut += std::string(13, '\0');
+  put(rfh2(36, "") + "<a/>", KXFMT_RFH2);
+  put(rfh2(36 + 36 + 36, folder(32, mcd) + folder(0x8020, cut)) + "<b>t</b>", KXFMT_RFH2);
+  RunResult r = run({"Q1", "QM1"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(reports(r.err), "");
+  const std::string first = "\nRFH2 Header\n\n\n**** Message number: 1\n**** Message size:   368\n\n";
+  ASSERT_EQ(r.out.substr(0, first.size()), first);
+  const std::string second =
+      "\nRFH2 Header\n"
+      "    mcd Folder : <mcd><Msd>jms</Msd></mcd>       \n"
+      "    usr Folder : <usr><a>1</a></usr>\n"
+      "\n\n**** Message number: 2\n**** Message size:   372\n\n";
+  EXPECT_NE(r.out.find(second), std::string::npos) << r.out;
+}
+
+TEST_F(PrinterTest, FolderPassingTheEndStopsTheRun) {
+  put(rfh2(36 + 4 + 8, folder(200, "<mcd></mcd>")), KXFMT_RFH2);
+  put("not reached");
+  RunResult r = run({"Q1", "QM1"});
+  EXPECT_EQ(r.status, 801 & 0xFF);
+  EXPECT_NE(r.err.find("RPL0543"), std::string::npos) << r.err;
+  EXPECT_NE(r.err.find("Cannot decode RFH2 header"), std::string::npos) << r.err;
+  EXPECT_EQ(r.out.find("not reached"), std::string::npos);
+}
+
+TEST_F(PrinterTest, XmlDocumentsAndParseErrors) {
+  put("<a/>");
+  put("<broken>");
+  put("<doc><v>\xC3\xA9</v></doc>");
+  RunResult r = run({"Q1", "QM1"}, {"LANG=C", "LC_ALL=C"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out.substr(0, 60).find("\n\n**** Message number: 1\n**** Message size:   368\n\n"), 0u)
+      << r.out;
+  EXPECT_NE(r.out.find("<a/>"), std::string::npos);
+  EXPECT_NE(r.out.find("**** Message number: 2\n"), std::string::npos);  // the broken one takes no number
+  EXPECT_EQ(r.out.find("**** Message number: 3\n"), std::string::npos);
+  EXPECT_NE(r.out.find("encoding=\"UTF-8\""), std::string::npos);
+  EXPECT_NE(r.out.find("<v>\xC3\xA9</v>"), std::string::npos);  // written in UTF-8
+  EXPECT_EQ(r.out.find("broken"), std::string::npos);
+  EXPECT_NE(r.err.find("Message:"), std::string::npos) << r.err;
+
+  r = run({"Q1", "QM1", "-oenc", "ISO-8859-1"});
+  EXPECT_NE(r.out.find("<v>\xE9</v>"), std::string::npos);
+}
+
+using OutputTest = QueueTest;
+
+TEST_F(OutputTest, FullDiskStopsTheRun) {
+  for (int i = 0; i < 3; ++i) put("message " + std::to_string(i));
+  RunResult r = run({"Q1", "QM1"}, {}, "/dev/full");
+  EXPECT_NE(r.status, 0);
+  EXPECT_NE(r.err.find("The output cannot be written"), std::string::npos) << r.err;
+  EXPECT_EQ(depth(), 3);
+  r = run({"Q1", "QM1", "-o", "/dev/full", "-delmsg"});
+  EXPECT_NE(r.status, 0);
+  EXPECT_NE(r.err.find("No space left on device"), std::string::npos) << r.err;
+  EXPECT_EQ(depth(), 2);  // only the message whose report failed was removed
+}
+
+TEST_F(OutputTest, ClosedPipeStopsTheRun) {
+  for (int i = 0; i < 3; ++i) put("message " + std::to_string(i));
+  RunResult r = run({"Q1", "QM1", "-delmsg"}, {}, nullptr, true);
+  EXPECT_NE(r.status, 0);
+  EXPECT_NE(r.err.find("Broken pipe"), std::string::npos) << r.err;
+  EXPECT_EQ(depth(), 2);
+}
+
+}  // namespace
