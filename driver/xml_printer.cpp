@@ -161,6 +161,10 @@ void printXmlMsg(const char* doc, uint32_t length, const char* /*queueName*/, FI
                                       {XMLUni::fgDOMWRTFormatPrettyPrint}};
         for (const auto& f : features)
           if (config->canSetParameter(f[0], true)) config->setParameter(f[0], true);
+        // The library's own pretty-print extension puts a blank line between elements; the
+        // standard pretty print indents without it.
+        if (config->canSetParameter(XMLUni::fgDOMWRTXercesPrettyPrint, false))
+          config->setParameter(XMLUni::fgDOMWRTXercesPrettyPrint, false);
         if (config->canSetParameter(XMLUni::fgDOMWRTBOM, false))
           config->setParameter(XMLUni::fgDOMWRTBOM, false);
         serializer->write(document, output);
