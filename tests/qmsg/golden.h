@@ -50,6 +50,11 @@ inline Decoded decodeAs(std::vector<uint8_t> msg, ByteOrder order, int32_t ccsid
   encodingInfo enc = senderContext(order, ccsid, outCcsid);
   Capture out, reports;
   msgLogger* logger = rplLogger();
+  if (logger == nullptr) {
+    logger = msgLogger::create(13, 0);
+    logger->loadCatalog(kRplCatalog);
+    setRplLogger(logger);
+  }
   FILE* saved = logger->output();
   logger->setOutput(reports.file());
   int32_t counter = 0;
