@@ -1,9 +1,12 @@
 /* fakekx.c - a stand-in middleware library for the binding tests.
  *
  * KXCONN answers with the reason in FAKEKX_CONN_REASON (0 when unset) and counts its calls;
- * the connection handle is FAKEKX_ID, so a test can tell which library answered. Built once
- * whole and once without KXINQ (FAKEKX_OMIT_INQ), to show an entry that cannot be resolved.
+ * the connection handle is FAKEKX_ID, so a test can tell which library answered. KXGET finds
+ * no message, or faults when FAKEKX_GET_FAULT is set. Built whole, without KXINQ
+ * (FAKEKX_OMIT_INQ) to show an entry that cannot be resolved, and as a libkxm.so to stand in
+ * for the local queue manager through LD_LIBRARY_PATH.
  */
+#include <signal.h>
 #include <stdlib.h>
 
 #include "kx/kxc.h"
@@ -51,6 +54,7 @@ void KXCLOSE(KXHCONN h, KXHOBJ *ho, KXLONG o, KXLONG *cc, KXLONG *reason) {
 void KXGET(KXHCONN h, KXHOBJ ho, KXMD *md, KXGMO *g, KXLONG bl, void *b, KXLONG *dl, KXLONG *cc,
            KXLONG *reason) {
   (void)h, (void)ho, (void)md, (void)g, (void)bl, (void)b;
+  if (getenv("FAKEKX_GET_FAULT") != NULL) raise(SIGSEGV);
   *dl = 0;
   *cc = KXCC_FAILED;
   *reason = KXRC_NO_MSG_AVAILABLE;

@@ -330,3 +330,27 @@ TEST_F(OutputTest, ClosedPipeStopsTheRun) {
 }
 
 }  // namespace
+
+namespace {
+
+using MiddlewareTest = QueueTest;
+
+TEST_F(MiddlewareTest, LibraryThatCannotBeLoadedGivesTheConnectionMessageWith2195) {
+  // An unusable libkxm.so first on the library path hides the bundled one.
+  RunResult r = run({"Q1", "QM1"}, {"LD_LIBRARY_PATH=" BROKEN_LIBRARY_DIR});
+  EXPECT_EQ(r.status, 255);
+  EXPECT_EQ(r.out, "Connection to the queue manager QM1 failed, Velora KX cc=2, rc=2195.\n");
+  EXPECT_NE(r.err.find("RPL0584E"), std::string::npos) << r.err;
+  EXPECT_NE(r.err.find("KX library/dll is not found (or) KX function address is NULL"), std::string::npos);
+}
+
+TEST_F(MiddlewareTest, FaultInTheMiddlewareEndsTheRunThroughTheRecoveryPoint) {
+  RunResult r = run({"Q1", "QM1"}, {"LD_LIBRARY_PATH=" FAKEKXM_DIR});
+  EXPECT_EQ(r.status, 0) << r.err;  // the stand-in queue is empty
+  r = run({"Q1", "QM1"}, {"LD_LIBRARY_PATH=" FAKEKXM_DIR, "FAKEKX_GET_FAULT=1"});
+  EXPECT_EQ(r.status, 2009 & 0xFF);
+  EXPECT_EQ(occurrences(r.err, "\"setRecoveryPoint\""), 1) << r.err;
+  EXPECT_NE(r.err.find("\"2009\""), std::string::npos) << r.err;
+}
+
+}  // namespace
