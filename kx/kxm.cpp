@@ -113,10 +113,10 @@ Object* findObject(Connection& c, KXHOBJ h) {
   return c.objects[size_t(h) - 1].get();
 }
 
-int64_t nowMs() {
+int64_t nowUs() {
   timespec ts;
   clock_gettime(CLOCK_MONOTONIC, &ts);
-  return int64_t(ts.tv_sec) * 1000 + ts.tv_nsec / 1'000'000;
+  return int64_t(ts.tv_sec) * 1'000'000 + ts.tv_nsec / 1000;
 }
 
 bool allZero(const uint8_t* p, size_t n) {
@@ -605,7 +605,7 @@ KXLONG connect(KXCHAR* name, KXHCONN* hconn) {
   c->thread = std::this_thread::get_id();
   c->qmgr = qmgr;
   while (c->token <= 0) {
-    if (getrandom(&c->token, sizeof c->token, 0) != sizeof c->token) c->token = nowMs();
+    if (getrandom(&c->token, sizeof c->token, 0) != sizeof c->token) c->token = nowUs();
     c->token &= INT64_MAX;
   }
   if (int rc = registerOwner(*c)) return reasonOf(rc);
@@ -739,16 +739,17 @@ KXENTRY void KXGET(KXHCONN Hconn, KXHOBJ Hobj, KXMD* MsgDesc, KXGMO* GetMsgOpts,
       return;
     }
     // Wait: poll with short sleeps, without the lock, until a message comes or time is up.
-    int64_t now = nowMs();
+    int64_t now = nowUs();
     if (deadline < 0)
-      deadline = a.gmo->WaitInterval == KXWI_UNLIMITED ? INT64_MAX : now + a.gmo->WaitInterval;
+      deadline = a.gmo->WaitInterval == KXWI_UNLIMITED ? INT64_MAX
+                                                        : now + int64_t(a.gmo->WaitInterval) * 1000;
     if (now >= deadline) {
       failed(CompCode, Reason, r);
       return;
     }
     lock.unlock();
-    int64_t nap = std::min<int64_t>(sleepMs, deadline - now);
-    usleep(useconds_t(nap * 1000));
+    int64_t nap = std::min<int64_t>(int64_t(sleepMs) * 1000, deadline - now);
+    usleep(useconds_t(nap));
     sleepMs = std::min(sleepMs * 2, 20);
     lock.lock();
   }
