@@ -31,6 +31,8 @@ class BindingTest : public ::testing::Test {
     resetCalls(FAKEKX_SERVER);
   }
   void TearDown() override {
+    unsetenv("RPLUSEKXCLIENT");
+    unsetenv("FAKEKX_CONN_REASON");
     rplkx::cleanup();
     rplkx::setLibraryNames(nullptr, nullptr);
     rplkx::setRetryDelayMs(rplkx::kConnectRetryDelayMs);
