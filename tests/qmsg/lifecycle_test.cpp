@@ -263,4 +263,12 @@ TEST(Lifecycle, EveryCutIsReportedNeverReadPast) {
   }
 }
 
+TEST(CreateSub, DemoSamplePrintsTheSameFromEitherSender) {
+  Decoded little = decode(sampleCreateSubMsg(ByteOrder::Little, 1208));
+  Decoded big = decode(sampleCreateSubMsg(ByteOrder::Big, 37));
+  EXPECT_EQ(little.rc, 0);
+  EXPECT_EQ(little.reports + big.reports, "");
+  EXPECT_EQ(little.out, big.out);
+}
+
 }  // namespace

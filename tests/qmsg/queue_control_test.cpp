@@ -246,4 +246,12 @@ TEST(QueueControl, EveryCutIsReportedNeverReadPast) {
   }
 }
 
+TEST(Heartbeat, DemoSamplePrintsTheSameFromEitherSender) {
+  Decoded little = decode(sampleHeartbeatMsg(ByteOrder::Little, 1208));
+  Decoded big = decode(sampleHeartbeatMsg(ByteOrder::Big, 37));
+  EXPECT_EQ(little.rc, 0);
+  EXPECT_EQ(little.reports + big.reports, "");
+  EXPECT_EQ(little.out, big.out);
+}
+
 }  // namespace

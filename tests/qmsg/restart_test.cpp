@@ -125,7 +125,7 @@ TEST(Restart, NoPartitionsAndNoSendQueues) {
                        "  qRestartMsg.lastCommitLSN:  0000\n"
                        "  qRestartMsg.lastCommitTime: 2025-11-21-10.20.00.000005\n"
                        "  qRestartMsg.reuseLSN:       0000\n"
-                       "  qRestartMsg.reuseTime:      2026-11-21-10.20.00\n"
+                       "  qRestartMsg.reuseTime:      2025-11-21-10.19.58\n"
                        "  Number of send queues at restart: 0\n");
 }
 
@@ -158,6 +158,14 @@ TEST(Restart, EveryCutIsReportedNeverReadPast) {
   std::string reports;
   EXPECT_EQ(printAlone(w.bytes(), reports), kRcShortRead);
   EXPECT_NE(reports.find("qRestartMsg.sendq"), std::string::npos) << reports;
+}
+
+TEST(Restart, DemoSamplePrintsCleanly) {
+  for (int32_t ccsid : {1208, 37}) {
+    Decoded d = decode(sampleRestartMsg(ByteOrder::Little, ccsid));
+    EXPECT_EQ(d.reports, "");
+    EXPECT_NE(d.out.find("  [   1] sendq name:"), std::string::npos) << d.out;
+  }
 }
 
 }  // namespace

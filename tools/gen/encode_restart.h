@@ -40,7 +40,7 @@ struct RestartMsgFields {
   uint32_t lastCommitSeconds = 1763720400;
   uint32_t lastCommitMicros = 0;
   LogPosition reuseLsn;
-  std::string reuseTime = "2026-11-21-10.20.00.000000";  // text, the first 20 bytes are kept
+  std::string reuseTime = "2025-11-21-10.19.58.000000";  // text, the first 20 bytes are kept
   std::string behindQueue;  // empty: the message belongs to the main log reader
   std::vector<LogPosition> partitions;
   std::vector<RestartSendqEntry> sendqs;
