@@ -277,6 +277,19 @@ TEST_F(PrinterTest, HeaderFolders) {
   EXPECT_NE(r.out.find(second), std::string::npos) << r.out;
 }
 
+TEST_F(PrinterTest, FoldersInAnotherCodePageAndByteOrder) {
+  // "<mcd></mcd>" in EBCDIC (CCSID 37), integers big-endian (Encoding 273).
+  const std::string ebcdic = "\x4C\x94\x83\x84\x6E\x4C\x61\x94\x83\x84\x6E\x40";
+  std::string header = rfh2(0, "") + std::string("\x00\x00\x00\x0C", 4) + ebcdic;
+  const uint32_t strucLength = __builtin_bswap32(static_cast<uint32_t>(header.size()));
+  std::memcpy(header.data() + 8, &strucLength, 4);
+  put(header + "<a/>", PutOptions{KXFMT_RFH2, 37, KXENC_BIG_ENDIAN});
+  RunResult r = run({"Q1", "QM1", "-oenc", "UTF-8"});
+  EXPECT_EQ(reports(r.err), "");
+  EXPECT_EQ(r.out.rfind("\nRFH2 Header\n    mcd Folder : <mcd></mcd> \n\n\n**** Message number: 1\n", 0), 0u)
+      << r.out;
+}
+
 TEST_F(PrinterTest, FolderPassingTheEndStopsTheRun) {
   put(rfh2(36 + 4 + 8, folder(200, "<mcd></mcd>")), KXFMT_RFH2);
   put("not reached");
