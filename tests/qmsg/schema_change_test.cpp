@@ -151,15 +151,6 @@ TEST(AddColumn, HasDefaultOtherThanOnePrintsNoDefault) {
   EXPECT_EQ(d.out.find("ColName:     "), std::string::npos);
 }
 
-TEST(AddColumn, NoTransactionContext) {
-  AddColumnFields f = fullAddColumn();
-  f.trans.flags = 1;
-  Decoded d = decode(encodeAddColumnMsg(f, ByteOrder::Little, 1208));
-  EXPECT_NE(d.out.find("  qMsgHeader.msgVersion: 14\n    qGenericTransInfo:  NO Transaction context.\n  sub_id:"),
-            std::string::npos)
-      << d.out;
-}
-
 TEST(AddColumn, ConversionFailureStopsBeforeTheLines) {
   AddColumnFields f = fullAddColumn();
   f.defaultVal = "\xFF\xFE";  // not UTF-8
