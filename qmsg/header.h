@@ -101,7 +101,8 @@ enum : uint8_t { kDdlAddColumn = 0, kDdlAlterColumn = 1, kDdlDropColumn = 2, kDd
 struct qMsgHeader {
   // Prints "  qMsgHeader.msgFamily:  ", "  qMsgHeader.msgtype:    ", "  qMsgHeader.msgVersion: "
   // and for type 6 "  qMsgHeader.msgDDLType:    ". Swaps the version into machine order first
-  // and converts the family text. On failure reports "Cannot print message header".
+  // and converts the family text; a failed conversion is reported as "Cannot convert msgFamily"
+  // and the caller reports "Cannot print message header".
   static int32_t printMe(QMsg& m);
   // The family, type and version lines alone (no DDL line, no failure report); used by
   // printers that print the header in their own form.

@@ -43,7 +43,9 @@ TEST(Dispatch, EveryNamedTypeReachesItsPrinter) {
       auto msg = headerOnly(static_cast<uint8_t>(t.value), 0, 1, order, 1024);
       Decoded d = decodeAs(msg, order, 1208);
       EXPECT_EQ(d.out.find("Unknown msg types"), std::string::npos) << t.name << "\n" << d.out;
-      if (t.value != kTypeDdl) EXPECT_NE(d.rc, kRcUnknownType) << t.name;  // DDL sub-type 0 is unknown
+      if (t.value != kTypeDdl) {  // DDL sub-type 0 is unknown
+        EXPECT_NE(d.rc, kRcUnknownType) << t.name;
+      }
     }
   }
 }
