@@ -10,16 +10,6 @@
 
 namespace {
 
-// Reports go through the process-wide logger, which a test binary has to create itself.
-const bool kLoggerReady = [] {
-  if (rplLogger() == nullptr) {
-    msgLogger* l = msgLogger::create(13, 0);
-    if (l != nullptr) l->loadCatalog(kRplCatalog);
-    setRplLogger(l);
-  }
-  return true;
-}();
-
 std::string header(const char* type, int version) {
   return "  qMsgHeader.msgFamily:  KXRP\n  qMsgHeader.msgtype:    " + std::string(type) +
          "\n  qMsgHeader.msgVersion: " + std::to_string(version) + "\n";

@@ -8,20 +8,15 @@
 
 namespace {
 
-// Reports go through the process-wide logger, which a test binary has to create itself.
-const bool kLoggerReady = [] {
-  if (rplLogger() == nullptr) {
-    msgLogger* l = msgLogger::create(13, 0);
-    if (l != nullptr) l->loadCatalog(kRplCatalog);
-    setRplLogger(l);
-  }
-  return true;
-}();
-
 // The restart printer called on its own, for its result code (the dispatch drops it).
 int32_t printAlone(std::vector<uint8_t> msg, std::string& reports) {
   Capture out, rep;
   msgLogger* logger = rplLogger();
+  if (logger == nullptr) {
+    logger = msgLogger::create(13, 0);
+    logger->loadCatalog(kRplCatalog);
+    setRplLogger(logger);
+  }
   FILE* saved = logger->output();
   logger->setOutput(rep.file());
   QMsg m(msg.data(), msg.size(), out.file(), nullptr, nullptr);
