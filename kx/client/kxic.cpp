@@ -1,0 +1,711 @@
+// kxic.cpp - the KX API of the client library: a queue manager held by a Redis server.
+//
+// One KX connection is one hiredis connection. Every get, put and end of a unit of work is one
+// Lua script on the server (scripts.h), so two clients never take the same message. Browsing
+// reads visible messages in batches behind the cursor (the id of the last message returned) and
+// hands them out one per get; a batch is a snapshot, the next one starts after the last entry
+// it scanned.
+#include <sys/random.h>
+#include <sys/types.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kx/client/keys.h"
+#include "kx/client/link.h"
+#include "kx/client/scripts.h"
+#include "kx/kxc.h"
+
+namespace kxic {
+namespace {
+
+// A unit of work not refreshed for this long counts as abandoned by a dead process.
+constexpr int kOwnerTtlMs = 120000;
+// Browse batches grow from the first to the last size, and stop at about this many data bytes.
+constexpr int kFirstBatch = 32;
+constexpr int kLastBatch = 512;
+constexpr int kBatchByteCap = 4 << 20;
+// A wait blocks on the server in slices of at most this long, then looks again.
+constexpr int kWaitSliceMs = 1000;
+
+constexpr KXLONG kOpenInputOptions = KXOO_INPUT_AS_Q_DEF | KXOO_INPUT_SHARED | KXOO_INPUT_EXCLUSIVE;
+constexpr KXLONG kOpenKnownOptions = kOpenInputOptions | KXOO_BROWSE | KXOO_OUTPUT | KXOO_INQUIRE |
+                                     KXOO_SET | KXOO_FAIL_IF_QUIESCING;
+constexpr KXLONG kGetKnownOptions = KXGMO_WAIT | KXGMO_SYNCPOINT | KXGMO_NO_SYNCPOINT |
+                                    KXGMO_BROWSE_FIRST | KXGMO_BROWSE_NEXT |
+                                    KXGMO_ACCEPT_TRUNCATED_MSG | KXGMO_FAIL_IF_QUIESCING;
+constexpr KXLONG kPutKnownOptions = KXPMO_SYNCPOINT | KXPMO_NO_SYNCPOINT | KXPMO_NEW_MSG_ID |
+                                    KXPMO_SET_ALL_CONTEXT | KXPMO_FAIL_IF_QUIESCING;
+
+struct Object {
+  std::string name;
+  QueueKeys keys;
+  int64_t maxLength = 0;
+  KXLONG options = 0;
+  std::string cursor;   // id of the last message browsed; empty before the first
+  Reply batch;          // {last scanned, id, md, data, ...} of the current browse batch
+  size_t pos = 1;       // next message in the batch
+  std::string scanEnd;  // the batch scanned the stream up to this id
+  int batchSize = kFirstBatch;
+};
+
+struct Work {  // what a unit of work did on one queue
+  std::vector<std::string> gets, puts;
+};
+
+struct Connection {
+  std::mutex mutex;
+  pid_t pid = 0;
+  std::thread::id thread;
+  std::string qmgr;
+  std::string prefix;
+  std::string token;  // names this connection's units of work on the server
+  Link link;
+  bool closed = false;
+  Script get{kGetScript, {}}, browse{kBrowseScript, {}}, put{kPutScript, {}}, end{kEndScript, {}},
+      setMax{kSetMaxScript, {}}, depth{kDepthScript, {}};
+  std::vector<std::unique_ptr<Object>> objects;  // handle = index + 1
+  std::map<std::string, Work> work;              // by queue name
+};
+
+std::mutex gTable;
+std::vector<std::shared_ptr<Connection>> gConnections;  // handle = index + 1
+std::mutex gIdLock;
+uint64_t gMsgCounter = 0;
+
+void setResult(KXLONG* cc, KXLONG* rc, KXLONG c, KXLONG r) {
+  if (cc) *cc = c;
+  if (rc) *rc = r;
+}
+
+void failed(KXLONG* cc, KXLONG* rc, KXLONG reason) { setResult(cc, rc, KXCC_FAILED, reason); }
+
+bool strucIdIs(const char* id, const char* want) { return memcmp(id, want, 4) == 0; }
+
+std::string_view bytes(const void* p, size_t n) {
+  return std::string_view(static_cast<const char*>(p), n);
+}
+
+std::string_view text(const redisReply* r) {
+  return r && r->str ? std::string_view(r->str, r->len) : std::string_view();
+}
+
+int64_t nowMs() {
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return int64_t(ts.tv_sec) * 1000 + ts.tv_nsec / 1'000'000;
+}
+
+bool allZero(const uint8_t* p, size_t n) {
+  for (size_t i = 0; i < n; ++i)
+    if (p[i]) return false;
+  return true;
+}
+
+// "KXC " + microseconds since the epoch (big-endian) + process id + a per-process counter that
+// starts at a random value, so that ids from several machines do not meet.
+void newMsgId(uint8_t* id) {
+  timespec ts;
+  clock_gettime(CLOCK_REALTIME, &ts);
+  uint64_t us = uint64_t(ts.tv_sec) * 1'000'000 + uint64_t(ts.tv_nsec) / 1000;
+  uint64_t n;
+  {
+    std::lock_guard<std::mutex> lock(gIdLock);
+    if (gMsgCounter == 0) {
+      if (getrandom(&gMsgCounter, sizeof gMsgCounter, 0) != sizeof gMsgCounter) gMsgCounter = us;
+      gMsgCounter &= 0x0000ffffffffffffull;
+    }
+    n = ++gMsgCounter;
+  }
+  uint32_t pid = uint32_t(getpid());
+  memcpy(id, "KXC ", 4);
+  for (int i = 0; i < 8; ++i) id[4 + i] = uint8_t(us >> (56 - 8 * i));
+  for (int i = 0; i < 4; ++i) id[12 + i] = uint8_t(pid >> (24 - 8 * i));
+  for (int i = 0; i < 8; ++i) id[16 + i] = uint8_t(n >> (56 - 8 * i));
+}
+
+// PutDate "YYYYMMDD" and PutTime "HHMMSSTH" in UTC.
+void stampPutTime(KXMD& md) {
+  timespec ts;
+  clock_gettime(CLOCK_REALTIME, &ts);
+  struct tm tm;
+  gmtime_r(&ts.tv_sec, &tm);
+  char buf[64];
+  snprintf(buf, sizeof buf, "%04d%02d%02d%02d%02d%02d%02d", (tm.tm_year + 1900) % 10000,
+           tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec,
+           int(ts.tv_nsec / 10'000'000));
+  memcpy(md.PutDate, buf, 8);
+  memcpy(md.PutTime, buf + 8, 8);
+}
+
+// The reason for a failed command: a lost connection or an error reply.
+KXLONG failureOf(const Reply& r) {
+  if (!r) return KXRC_Q_MGR_NOT_AVAILABLE;
+  if (r->type == REDIS_REPLY_ERROR) return errorReason(r.get());
+  return KXRC_UNEXPECTED_ERROR;
+}
+
+std::shared_ptr<Connection> findConnection(KXHCONN h) {
+  std::lock_guard<std::mutex> lock(gTable);
+  if (h < 1 || size_t(h) > gConnections.size()) return nullptr;
+  std::shared_ptr<Connection> c = gConnections[size_t(h) - 1];
+  // A child process must not use the connections it inherited from its parent.
+  if (!c || c->pid != getpid()) return nullptr;
+  return c;
+}
+
+Object* findObject(Connection& c, KXHOBJ h) {
+  if (h < 1 || size_t(h) > c.objects.size()) return nullptr;
+  return c.objects[size_t(h) - 1].get();
+}
+
+// ---- Getting ------------------------------------------------------------------------------------
+
+struct GetArgs {
+  KXMD* md;
+  KXGMO* gmo;
+  KXLONG bufferLength;
+  void* buffer;
+  KXLONG* dataLength;
+};
+
+// Hands one message to the caller. Returns the reason: 0, 2079 or 2080.
+KXLONG deliver(const GetArgs& a, std::string_view md, int64_t length, const char* data) {
+  memcpy(a.md, md.data(), kMdLength);
+  *a.dataLength = KXLONG(std::min<int64_t>(length, INT32_MAX));
+  if (length > a.bufferLength && !(a.gmo->Options & KXGMO_ACCEPT_TRUNCATED_MSG)) {
+    a.gmo->ReturnedLength = 0;
+    return KXRC_TRUNCATED_MSG_FAILED;
+  }
+  int64_t n = std::min<int64_t>(length, a.bufferLength);
+  if (n > 0) memcpy(a.buffer, data, size_t(n));
+  a.gmo->ReturnedLength = KXLONG(n);
+  return n < length ? KXRC_TRUNCATED_MSG_ACCEPTED : 0;
+}
+
+bool matches(const GetArgs& a, std::string_view md) {
+  if ((a.gmo->MatchOptions & KXMO_MATCH_MSG_ID) &&
+      md.substr(offsetof(KXMD, MsgId), kMsgIdLength) != bytes(a.md->MsgId, kMsgIdLength))
+    return false;
+  if ((a.gmo->MatchOptions & KXMO_MATCH_CORREL_ID) &&
+      md.substr(offsetof(KXMD, CorrelId), kMsgIdLength) != bytes(a.md->CorrelId, kMsgIdLength))
+    return false;
+  return true;
+}
+
+// Where a waiting get blocks: the top ids of the queue's stream and of its wake-up stream.
+struct WaitPoint {
+  std::string q = "0-0", w = "0-0";
+};
+
+KXLONG getDestructive(Connection& c, Object& o, const GetArgs& a, bool syncpoint, WaitPoint& wp) {
+  bool accept = a.gmo->Options & KXGMO_ACCEPT_TRUNCATED_MSG;
+  std::string limit = accept ? "-1" : std::to_string(a.bufferLength);
+  std::string ttl = std::to_string(kOwnerTtlMs);
+  std::string_view mid, cid;
+  if (a.gmo->MatchOptions & KXMO_MATCH_MSG_ID) mid = bytes(a.md->MsgId, kMsgIdLength);
+  if (a.gmo->MatchOptions & KXMO_MATCH_CORREL_ID) cid = bytes(a.md->CorrelId, kMsgIdLength);
+  std::string owners = c.prefix + "owners";
+  Reply r = evalScript(c.link, c.get, {o.keys.q, o.keys.gl, o.keys.pl, owners, o.keys.w},
+                       {limit, syncpoint ? std::string_view(c.token) : "", ttl, mid, cid});
+  if (!r || r->type != REDIS_REPLY_ARRAY || r->elements < 3 ||
+      r->element[0]->type != REDIS_REPLY_INTEGER)
+    return failureOf(r);
+  redisReply** e = r->element;
+  switch (e[0]->integer) {
+    case 0:
+      wp.q = text(e[1]);
+      wp.w = text(e[2]);
+      return KXRC_NO_MSG_AVAILABLE;
+    case 1:
+    case 2:
+      if (r->elements != 4 || text(e[2]).size() != size_t(kMdLength)) return KXRC_UNEXPECTED_ERROR;
+      break;
+    default:
+      return KXRC_UNEXPECTED_ERROR;
+  }
+  if (e[0]->integer == 2) {
+    memcpy(a.md, e[2]->str, kMdLength);
+    *a.dataLength = KXLONG(std::min<long long>(e[3]->integer, INT32_MAX));
+    a.gmo->ReturnedLength = 0;
+    return KXRC_TRUNCATED_MSG_FAILED;
+  }
+  KXLONG reason = deliver(a, text(e[2]), int64_t(e[3]->len), e[3]->str);
+  if (syncpoint) c.work[o.name].gets.emplace_back(text(e[1]));
+  return reason;
+}
+
+// Reads the next browse batch after `from` (an id, or empty for the start of the queue).
+KXLONG fetchBatch(Connection& c, Object& o, const std::string& from) {
+  std::string start = from.empty() ? "-" : "(" + from;
+  std::string count = std::to_string(o.batchSize);
+  std::string cap = std::to_string(kBatchByteCap);
+  std::string owners = c.prefix + "owners";
+  o.batch.reset();
+  Reply r = evalScript(c.link, c.browse, {o.keys.q, o.keys.gl, o.keys.pl, owners},
+                       {start, count, cap});
+  if (!r || r->type != REDIS_REPLY_ARRAY || r->elements < 1 || (r->elements - 1) % 3 != 0)
+    return failureOf(r);
+  for (size_t i = 1; i < r->elements; i += 3)
+    if (text(r->element[i + 1]).size() != size_t(kMdLength)) return KXRC_UNEXPECTED_ERROR;
+  std::string_view last = text(r->element[0]);
+  if (!last.empty()) o.scanEnd = last;
+  o.batch = std::move(r);
+  o.pos = 1;
+  o.batchSize = std::min(o.batchSize * 2, kLastBatch);
+  return 0;
+}
+
+// Browse without match options: the next message of the batch, reading batches as needed.
+KXLONG browseNext(Connection& c, Object& o, const GetArgs& a) {
+  bool fetched = false;
+  if (!o.batch) {
+    o.scanEnd = o.cursor;
+    if (KXLONG r = fetchBatch(c, o, o.cursor)) return r;
+    fetched = true;
+  }
+  for (;;) {
+    if (o.pos + 2 < o.batch->elements) {
+      redisReply** e = o.batch->element + o.pos;
+      KXLONG reason = deliver(a, text(e[1]), int64_t(e[2]->len), e[2]->str);
+      if (reason == KXRC_TRUNCATED_MSG_FAILED) return reason;
+      o.cursor = text(e[0]);
+      o.pos += 3;
+      return reason;
+    }
+    // The batch is used up: a fresh batch that scanned nothing means the end of the queue.
+    if (fetched && text(o.batch->element[0]).empty()) return KXRC_NO_MSG_AVAILABLE;
+    if (KXLONG r = fetchBatch(c, o, o.scanEnd)) return r;
+    fetched = true;
+  }
+}
+
+// Browse with match options: scans from the cursor for the next matching message.
+KXLONG browseMatching(Connection& c, Object& o, const GetArgs& a) {
+  o.batch.reset();
+  std::string from = o.cursor;
+  o.batchSize = kLastBatch;
+  for (;;) {
+    if (KXLONG r = fetchBatch(c, o, from)) return r;
+    redisReply* b = o.batch.get();
+    for (size_t i = 1; i + 2 < b->elements; i += 3) {
+      if (!matches(a, text(b->element[i + 1]))) continue;
+      KXLONG reason = deliver(a, text(b->element[i + 1]), int64_t(b->element[i + 2]->len),
+                              b->element[i + 2]->str);
+      if (reason != KXRC_TRUNCATED_MSG_FAILED) o.cursor = text(b->element[i]);
+      o.batch.reset();  // the next plain browse reads again from the cursor
+      return reason;
+    }
+    if (text(b->element[0]).empty()) {
+      o.batch.reset();
+      return KXRC_NO_MSG_AVAILABLE;
+    }
+    from = o.scanEnd;
+  }
+}
+
+// `first`: a browse-first that has not yet started over (a waiting browse-first starts over
+// once, then goes on like a browse-next).
+KXLONG tryGet(Connection& c, Object& o, const GetArgs& a, bool first, WaitPoint& wp) {
+  KXLONG opts = a.gmo->Options;
+  if (opts & (KXGMO_BROWSE_FIRST | KXGMO_BROWSE_NEXT)) {
+    if (first) {
+      o.cursor.clear();
+      o.batch.reset();
+      o.batchSize = kFirstBatch;
+    }
+    KXLONG r = a.gmo->MatchOptions == KXMO_NONE ? browseNext(c, o, a) : browseMatching(c, o, a);
+    if (r == KXRC_NO_MSG_AVAILABLE && (opts & KXGMO_WAIT)) {
+      std::vector<Reply> tops = c.link.pipeline({{"XREVRANGE", o.keys.q, "+", "-", "COUNT", "1"},
+                                                 {"XREVRANGE", o.keys.w, "+", "-", "COUNT", "1"}});
+      if (tops.size() != 2) return KXRC_Q_MGR_NOT_AVAILABLE;
+      for (int i = 0; i < 2; ++i) {
+        redisReply* t = tops[size_t(i)].get();
+        std::string& id = i == 0 ? wp.q : wp.w;
+        if (t->type == REDIS_REPLY_ARRAY && t->elements == 1 &&
+            t->element[0]->type == REDIS_REPLY_ARRAY && t->element[0]->elements == 2)
+          id = text(t->element[0]->element[0]);
+      }
+    }
+    return r;
+  }
+  return getDestructive(c, o, a, opts & KXGMO_SYNCPOINT, wp);
+}
+
+// Blocks on the server until the queue or its wake-up stream moves past `wp`, or `ms` pass.
+KXLONG waitForChange(Connection& c, Object& o, const WaitPoint& wp, int64_t ms) {
+  std::string block = std::to_string(std::max<int64_t>(ms, 1));
+  Reply r = c.link.commandWithin(
+      {"XREAD", "BLOCK", block, "STREAMS", o.keys.q, o.keys.w, wp.q, wp.w}, int(ms));
+  if (!r || r->type == REDIS_REPLY_ERROR) return failureOf(r);
+  return 0;
+}
+
+// Checks a get's arguments; returns 0 or the reason.
+KXLONG checkGet(const Object& o, const GetArgs& a) {
+  if (!a.md || !strucIdIs(a.md->StrucId, "MD  ")) return KXRC_MD_ERROR;
+  if (!a.gmo || !strucIdIs(a.gmo->StrucId, "GMO ") || a.gmo->Version < 1) return KXRC_GMO_ERROR;
+  KXLONG opts = a.gmo->Options;
+  if (opts & ~kGetKnownOptions) return KXRC_OPTIONS_ERROR;
+  if ((opts & KXGMO_SYNCPOINT) && (opts & KXGMO_NO_SYNCPOINT)) return KXRC_OPTIONS_ERROR;
+  bool browse = opts & (KXGMO_BROWSE_FIRST | KXGMO_BROWSE_NEXT);
+  if ((opts & KXGMO_BROWSE_FIRST) && (opts & KXGMO_BROWSE_NEXT)) return KXRC_OPTIONS_ERROR;
+  if (browse && (opts & KXGMO_SYNCPOINT)) return KXRC_OPTIONS_ERROR;
+  if (a.gmo->MatchOptions & ~(KXMO_MATCH_MSG_ID | KXMO_MATCH_CORREL_ID)) return KXRC_OPTIONS_ERROR;
+  if ((opts & KXGMO_WAIT) && a.gmo->WaitInterval < 0 && a.gmo->WaitInterval != KXWI_UNLIMITED)
+    return KXRC_WAIT_INTERVAL_ERROR;
+  if (browse && !(o.options & KXOO_BROWSE)) return KXRC_NOT_OPEN_FOR_BROWSE;
+  if (!browse && !(o.options & kOpenInputOptions)) return KXRC_NOT_OPEN_FOR_INPUT;
+  if (a.bufferLength < 0) return KXRC_BUFFER_LENGTH_ERROR;
+  if (a.bufferLength > 0 && !a.buffer) return KXRC_BUFFER_ERROR;
+  if (!a.dataLength) return KXRC_DATA_LENGTH_ERROR;
+  return 0;
+}
+
+// ---- Putting ------------------------------------------------------------------------------------
+
+KXLONG putMessage(Connection& c, Object& o, KXMD* md, KXPMO* pmo, KXLONG length, void* buffer) {
+  if (!md || !strucIdIs(md->StrucId, "MD  ")) return KXRC_MD_ERROR;
+  if (!pmo || !strucIdIs(pmo->StrucId, "PMO ")) return KXRC_PMO_ERROR;
+  KXLONG opts = pmo->Options;
+  if (opts & ~kPutKnownOptions) return KXRC_OPTIONS_ERROR;
+  if ((opts & KXPMO_SYNCPOINT) && (opts & KXPMO_NO_SYNCPOINT)) return KXRC_OPTIONS_ERROR;
+  if (!(o.options & KXOO_OUTPUT)) return KXRC_NOT_OPEN_FOR_OUTPUT;
+  if (length < 0) return KXRC_BUFFER_LENGTH_ERROR;
+  if (length > 0 && !buffer) return KXRC_BUFFER_ERROR;
+  if (length > o.maxLength) return KXRC_MSG_TOO_BIG_FOR_Q;
+  if (!(opts & KXPMO_SET_ALL_CONTEXT)) {
+    if ((opts & KXPMO_NEW_MSG_ID) || allZero(md->MsgId, kMsgIdLength)) newMsgId(md->MsgId);
+    stampPutTime(*md);
+  }
+  bool syncpoint = opts & KXPMO_SYNCPOINT;
+  std::string ttl = std::to_string(kOwnerTtlMs);
+  std::string queues = c.prefix + "queues", owners = c.prefix + "owners";
+  Reply r = evalScript(c.link, c.put, {queues, o.keys.q, o.keys.pl, owners},
+                       {o.name, bytes(md, kMdLength), length ? bytes(buffer, size_t(length)) : "",
+                        syncpoint ? std::string_view(c.token) : "", ttl});
+  if (r && r->type == REDIS_REPLY_NIL) return KXRC_Q_DELETED;
+  if (!r || r->type != REDIS_REPLY_STRING) return failureOf(r);
+  if (syncpoint) c.work[o.name].puts.emplace_back(text(r.get()));
+  return 0;
+}
+
+// ---- Units of work ------------------------------------------------------------------------------
+
+// Commits (or backs out) the unit of work in one script. Returns 0, KXRC_BACKED_OUT when a
+// commit found its unit taken over, or the failure.
+KXLONG endWork(Connection& c, bool commit) {
+  if (c.work.empty()) return 0;
+  std::vector<std::string> keyStore{c.prefix + "owners"};
+  std::vector<std::string> argStore{c.token, commit ? "c" : "b"};
+  for (const auto& [name, w] : c.work) {
+    QueueKeys k = queueKeys(c.qmgr, name);
+    keyStore.insert(keyStore.end(), {k.q, k.gl, k.pl, k.w});
+    argStore.push_back(std::to_string(w.gets.size()));
+    argStore.insert(argStore.end(), w.gets.begin(), w.gets.end());
+    argStore.push_back(std::to_string(w.puts.size()));
+    argStore.insert(argStore.end(), w.puts.begin(), w.puts.end());
+  }
+  c.work.clear();
+  std::vector<std::string_view> keys(keyStore.begin(), keyStore.end());
+  std::vector<std::string_view> args(argStore.begin(), argStore.end());
+  Reply r = evalScript(c.link, c.end, keys, args);
+  if (!r || r->type != REDIS_REPLY_INTEGER) return failureOf(r);
+  return commit && r->integer != 1 ? KXRC_BACKED_OUT : 0;
+}
+
+// ---- Opening ------------------------------------------------------------------------------------
+
+KXLONG openQueue(Connection& c, KXOD* od, KXLONG options, KXHOBJ* hobj) {
+  if (!od || !strucIdIs(od->StrucId, "OD  ") || od->Version < 1) return KXRC_OD_ERROR;
+  if (od->ObjectType != KXOT_Q) return KXRC_OBJECT_TYPE_ERROR;
+  if (options & ~kOpenKnownOptions) return KXRC_OPTIONS_ERROR;
+  KXLONG input = options & kOpenInputOptions;
+  if (input & (input - 1)) return KXRC_OPTIONS_ERROR;  // more than one input option
+  if (!(options & ~KXOO_FAIL_IF_QUIESCING)) return KXRC_OPTIONS_ERROR;
+  std::string target = fieldName(od->ObjectQMgrName, kNameLength);
+  if (!target.empty() && target != c.qmgr) return KXRC_UNKNOWN_OBJECT_NAME;
+  std::string name = fieldName(od->ObjectName, kNameLength);
+  if (!validQueueName(name)) return KXRC_UNKNOWN_OBJECT_NAME;
+  Reply r = c.link.command({"HGET", c.prefix + "queues", name});
+  if (r && r->type == REDIS_REPLY_NIL) return KXRC_UNKNOWN_OBJECT_NAME;
+  if (!r || r->type != REDIS_REPLY_STRING) return failureOf(r);
+  auto o = std::make_unique<Object>();
+  o->maxLength = strtoll(r->str, nullptr, 10);
+  o->name = name;
+  o->keys = queueKeys(c.qmgr, name);
+  o->options = options;
+  size_t slot = 0;
+  while (slot < c.objects.size() && c.objects[slot]) ++slot;
+  if (slot == c.objects.size()) c.objects.emplace_back();
+  c.objects[slot] = std::move(o);
+  *hobj = KXHOBJ(slot + 1);
+  return 0;
+}
+
+// ---- Connecting ---------------------------------------------------------------------------------
+
+KXLONG connect(KXCHAR* name, KXHCONN* hconn) {
+  if (!hconn) return KXRC_HCONN_ERROR;
+  std::string qmgr = fieldName(name, kNameLength);
+  {
+    std::lock_guard<std::mutex> lock(gTable);
+    for (size_t i = 0; i < gConnections.size(); ++i) {
+      Connection* c = gConnections[i].get();
+      // A connection whose server went away is not handed out again: the next connect
+      // makes a new one.
+      if (c && c->pid == getpid() && c->thread == std::this_thread::get_id() && c->qmgr == qmgr) {
+        std::lock_guard<std::mutex> cl(c->mutex);
+        if (c->link.usable()) {
+          *hconn = KXHCONN(i + 1);
+          return KXRC_CONN_ALREADY_EXISTS;
+        }
+      }
+    }
+  }
+  if (!validQmgrName(qmgr)) return KXRC_Q_MGR_NAME_ERROR;
+  auto c = std::make_shared<Connection>();
+  ServerAddress addr;
+  std::string why;
+  if (KXLONG r = resolveServer(qmgr, addr, why)) return r;
+  if (KXLONG r = c->link.open(addr, why)) return r;
+  c->pid = getpid();
+  c->thread = std::this_thread::get_id();
+  c->qmgr = qmgr;
+  c->prefix = qmgrPrefix(qmgr);
+  Reply r = c->link.command({"EXISTS", c->prefix + "qmgr"});
+  if (!r || r->type != REDIS_REPLY_INTEGER) return failureOf(r);
+  if (r->integer != 1) return KXRC_Q_MGR_NAME_ERROR;
+  uint64_t t[2] = {0, 0};
+  if (getrandom(t, sizeof t, 0) != sizeof t) {
+    t[0] = uint64_t(nowMs());
+    t[1] = uint64_t(getpid());
+  }
+  char token[40];
+  snprintf(token, sizeof token, "%016llx%016llx", (unsigned long long)t[0],
+           (unsigned long long)t[1]);
+  c->token = token;
+  std::lock_guard<std::mutex> lock(gTable);
+  size_t slot = 0;
+  while (slot < gConnections.size() && gConnections[slot]) ++slot;
+  if (slot == gConnections.size()) gConnections.emplace_back();
+  gConnections[slot] = std::move(c);
+  *hconn = KXHCONN(slot + 1);
+  return 0;
+}
+
+// Runs `fn` on the connection under its lock; a lost server gives 2059 at once.
+template <typename Fn>
+void withConnection(KXHCONN h, KXLONG* cc, KXLONG* rc, Fn fn) {
+  std::shared_ptr<Connection> c = findConnection(h);
+  if (!c) return failed(cc, rc, KXRC_HCONN_ERROR);
+  std::lock_guard<std::mutex> lock(c->mutex);
+  if (c->closed) return failed(cc, rc, KXRC_HCONN_ERROR);
+  if (!c->link.usable()) return failed(cc, rc, KXRC_Q_MGR_NOT_AVAILABLE);
+  KXLONG r = fn(*c);
+  if (r == 0) return setResult(cc, rc, KXCC_OK, 0);
+  if (r == KXRC_TRUNCATED_MSG_ACCEPTED) return setResult(cc, rc, KXCC_WARNING, r);
+  failed(cc, rc, r);
+}
+
+}  // namespace
+}  // namespace kxic
+
+using namespace kxic;
+
+// ---- The entry points ---------------------------------------------------------------------------
+
+extern "C" {
+
+KXENTRY void KXCONN(KXCHAR* QMgrName, KXHCONN* Hconn, KXLONG* CompCode, KXLONG* Reason) {
+  KXLONG r = connect(QMgrName, Hconn);
+  if (r == KXRC_CONN_ALREADY_EXISTS) return setResult(CompCode, Reason, KXCC_WARNING, r);
+  if (r) {
+    if (Hconn) *Hconn = -1;
+    return failed(CompCode, Reason, r);
+  }
+  setResult(CompCode, Reason, KXCC_OK, 0);
+}
+
+KXENTRY void KXCONNX(KXCHAR* QMgrName, KXCNO* ConnectOpts, KXHCONN* Hconn, KXLONG* CompCode,
+                     KXLONG* Reason) {
+  if (!ConnectOpts || !strucIdIs(ConnectOpts->StrucId, "CNO "))
+    return failed(CompCode, Reason, KXRC_CNO_ERROR);
+  if (ConnectOpts->Options != KXCNO_NONE) return failed(CompCode, Reason, KXRC_OPTIONS_ERROR);
+  KXCONN(QMgrName, Hconn, CompCode, Reason);
+}
+
+KXENTRY void KXDISC(KXHCONN* Hconn, KXLONG* CompCode, KXLONG* Reason) {
+  std::shared_ptr<Connection> c = Hconn ? findConnection(*Hconn) : nullptr;
+  if (!c) return failed(CompCode, Reason, KXRC_HCONN_ERROR);
+  {
+    std::lock_guard<std::mutex> lock(gTable);
+    gConnections[size_t(*Hconn) - 1].reset();
+  }
+  std::lock_guard<std::mutex> lock(c->mutex);
+  // A connection that lost its server ends quietly: its unit of work expires on the server.
+  KXLONG r = c->link.usable() ? endWork(*c, true) : 0;
+  c->closed = true;
+  c->objects.clear();
+  c->link.close();
+  *Hconn = -1;
+  if (r) return setResult(CompCode, Reason, KXCC_WARNING, r);
+  setResult(CompCode, Reason, KXCC_OK, 0);
+}
+
+KXENTRY void KXOPEN(KXHCONN Hconn, KXOD* ObjDesc, KXLONG Options, KXHOBJ* Hobj, KXLONG* CompCode,
+                    KXLONG* Reason) {
+  withConnection(Hconn, CompCode, Reason, [&](Connection& c) -> KXLONG {
+    if (!Hobj) return KXRC_HOBJ_ERROR;
+    KXLONG r = openQueue(c, ObjDesc, Options, Hobj);
+    if (r) *Hobj = -1;
+    return r;
+  });
+}
+
+KXENTRY void KXCLOSE(KXHCONN Hconn, KXHOBJ* Hobj, KXLONG Options, KXLONG* CompCode,
+                     KXLONG* Reason) {
+  std::shared_ptr<Connection> c = findConnection(Hconn);
+  if (!c) return failed(CompCode, Reason, KXRC_HCONN_ERROR);
+  std::lock_guard<std::mutex> lock(c->mutex);
+  // Closing needs no server, so it works on a connection that lost its server too.
+  if (c->closed) return failed(CompCode, Reason, KXRC_HCONN_ERROR);
+  if (!Hobj || !findObject(*c, *Hobj)) return failed(CompCode, Reason, KXRC_HOBJ_ERROR);
+  if (Options != KXCO_NONE) return failed(CompCode, Reason, KXRC_OPTIONS_ERROR);
+  c->objects[size_t(*Hobj) - 1].reset();
+  *Hobj = -1;
+  setResult(CompCode, Reason, KXCC_OK, 0);
+}
+
+KXENTRY void KXGET(KXHCONN Hconn, KXHOBJ Hobj, KXMD* MsgDesc, KXGMO* GetMsgOpts,
+                   KXLONG BufferLength, void* Buffer, KXLONG* DataLength, KXLONG* CompCode,
+                   KXLONG* Reason) {
+  GetArgs a{MsgDesc, GetMsgOpts, BufferLength, Buffer, DataLength};
+  withConnection(Hconn, CompCode, Reason, [&](Connection& c) -> KXLONG {
+    Object* o = findObject(c, Hobj);
+    if (!o) return KXRC_HOBJ_ERROR;
+    if (KXLONG r = checkGet(*o, a)) return r;
+    int64_t deadline = -1;
+    bool first = a.gmo->Options & KXGMO_BROWSE_FIRST;
+    for (;;) {
+      WaitPoint wp;
+      KXLONG r = tryGet(c, *o, a, first, wp);
+      first = false;
+      if (r != KXRC_NO_MSG_AVAILABLE || !(a.gmo->Options & KXGMO_WAIT)) return r;
+      int64_t now = nowMs();
+      if (deadline < 0)
+        deadline = a.gmo->WaitInterval == KXWI_UNLIMITED ? INT64_MAX : now + a.gmo->WaitInterval;
+      if (now >= deadline) return r;
+      if (KXLONG w = waitForChange(c, *o, wp, std::min<int64_t>(deadline - now, kWaitSliceMs)))
+        return w;
+    }
+  });
+}
+
+KXENTRY void KXPUT(KXHCONN Hconn, KXHOBJ Hobj, KXMD* MsgDesc, KXPMO* PutMsgOpts,
+                   KXLONG BufferLength, void* Buffer, KXLONG* CompCode, KXLONG* Reason) {
+  withConnection(Hconn, CompCode, Reason, [&](Connection& c) -> KXLONG {
+    Object* o = findObject(c, Hobj);
+    if (!o) return KXRC_HOBJ_ERROR;
+    return putMessage(c, *o, MsgDesc, PutMsgOpts, BufferLength, Buffer);
+  });
+}
+
+KXENTRY void KXPUT1(KXHCONN Hconn, KXOD* ObjDesc, KXMD* MsgDesc, KXPMO* PutMsgOpts,
+                    KXLONG BufferLength, void* Buffer, KXLONG* CompCode, KXLONG* Reason) {
+  withConnection(Hconn, CompCode, Reason, [&](Connection& c) -> KXLONG {
+    KXHOBJ h = -1;
+    KXLONG r = openQueue(c, ObjDesc, KXOO_OUTPUT, &h);
+    if (r) return r;
+    r = putMessage(c, *findObject(c, h), MsgDesc, PutMsgOpts, BufferLength, Buffer);
+    c.objects[size_t(h) - 1].reset();
+    return r;
+  });
+}
+
+KXENTRY void KXINQ(KXHCONN Hconn, KXHOBJ Hobj, KXLONG SelectorCount, KXLONG* Selectors,
+                   KXLONG IntAttrCount, KXLONG* IntAttrs, KXLONG CharAttrLength,
+                   KXCHAR* CharAttrs, KXLONG* CompCode, KXLONG* Reason) {
+  withConnection(Hconn, CompCode, Reason, [&](Connection& c) -> KXLONG {
+    Object* o = findObject(c, Hobj);
+    if (!o) return KXRC_HOBJ_ERROR;
+    if (!(o->options & KXOO_INQUIRE)) return KXRC_NOT_OPEN_FOR_INQUIRE;
+    if (SelectorCount < 0 || (SelectorCount > 0 && !Selectors)) return KXRC_SELECTOR_COUNT_ERROR;
+    if (IntAttrCount < 0 || (IntAttrCount > 0 && !IntAttrs)) return KXRC_INT_ATTR_COUNT_ERROR;
+    if (CharAttrLength < 0 || (CharAttrLength > 0 && !CharAttrs))
+      return KXRC_CHAR_ATTR_LENGTH_ERROR;
+    KXLONG ints = 0, chars = 0;
+    for (KXLONG i = 0; i < SelectorCount; ++i) {
+      KXLONG sel = Selectors[i];
+      if (sel == KXCA_Q_NAME) {
+        if (chars + kNameLength > CharAttrLength) return KXRC_CHAR_ATTR_LENGTH_ERROR;
+        memset(CharAttrs + chars, ' ', kNameLength);
+        memcpy(CharAttrs + chars, o->name.data(), o->name.size());
+        chars += kNameLength;
+        continue;
+      }
+      if (sel != KXIA_CURRENT_Q_DEPTH && sel != KXIA_MAX_MSG_LENGTH) return KXRC_SELECTOR_ERROR;
+      if (ints >= IntAttrCount) return KXRC_INT_ATTR_COUNT_ERROR;
+      if (sel == KXIA_MAX_MSG_LENGTH) {
+        IntAttrs[ints++] = KXLONG(o->maxLength);
+        continue;
+      }
+      Reply r = evalScript(c.link, c.depth, {o->keys.q, o->keys.pl}, {});
+      if (!r || r->type != REDIS_REPLY_INTEGER) return failureOf(r);
+      IntAttrs[ints++] = KXLONG(std::clamp<long long>(r->integer, 0, INT32_MAX));
+    }
+    return 0;
+  });
+}
+
+KXENTRY void KXSET(KXHCONN Hconn, KXHOBJ Hobj, KXLONG SelectorCount, KXLONG* Selectors,
+                   KXLONG IntAttrCount, KXLONG* IntAttrs, KXLONG CharAttrLength,
+                   KXCHAR* CharAttrs, KXLONG* CompCode, KXLONG* Reason) {
+  withConnection(Hconn, CompCode, Reason, [&](Connection& c) -> KXLONG {
+    Object* o = findObject(c, Hobj);
+    if (!o) return KXRC_HOBJ_ERROR;
+    if (!(o->options & KXOO_SET)) return KXRC_NOT_OPEN_FOR_SET;
+    if (SelectorCount < 0 || (SelectorCount > 0 && !Selectors)) return KXRC_SELECTOR_COUNT_ERROR;
+    if (IntAttrCount < SelectorCount || (IntAttrCount > 0 && !IntAttrs))
+      return KXRC_INT_ATTR_COUNT_ERROR;
+    // Only the maximum message length can be set.
+    for (KXLONG i = 0; i < SelectorCount; ++i) {
+      if (Selectors[i] != KXIA_MAX_MSG_LENGTH) return KXRC_SELECTOR_ERROR;
+      if (IntAttrs[i] < 0 || IntAttrs[i] > 999000000) return KXRC_OPTIONS_ERROR;
+    }
+    for (KXLONG i = 0; i < SelectorCount; ++i) {
+      std::string value = std::to_string(IntAttrs[i]);
+      Reply r = evalScript(c.link, c.setMax, {c.prefix + "queues"}, {o->name, value});
+      if (!r || r->type != REDIS_REPLY_INTEGER) return failureOf(r);
+      if (r->integer != 1) return KXRC_Q_DELETED;
+      o->maxLength = IntAttrs[i];
+    }
+    return 0;
+  });
+}
+
+KXENTRY void KXBEGIN(KXHCONN Hconn, KXBO* BeginOpts, KXLONG* CompCode, KXLONG* Reason) {
+  withConnection(Hconn, CompCode, Reason, [&](Connection&) -> KXLONG {
+    if (BeginOpts && !strucIdIs(BeginOpts->StrucId, "BO  ")) return KXRC_BO_ERROR;
+    if (BeginOpts && BeginOpts->Options != KXBO_NONE) return KXRC_OPTIONS_ERROR;
+    // A unit of work begins with the first get or put under syncpoint; nothing to do here.
+    return 0;
+  });
+}
+
+KXENTRY void KXCMIT(KXHCONN Hconn, KXLONG* CompCode, KXLONG* Reason) {
+  withConnection(Hconn, CompCode, Reason, [&](Connection& c) { return endWork(c, true); });
+}
+
+KXENTRY void KXBACK(KXHCONN Hconn, KXLONG* CompCode, KXLONG* Reason) {
+  withConnection(Hconn, CompCode, Reason, [&](Connection& c) { return endWork(c, false); });
+}
+
+}  // extern "C"

@@ -1,0 +1,216 @@
+// scripts.h - the server-side Lua scripts: each get, put and end of a unit of work is one script,
+// so it is atomic against every other client of the server.
+//
+// Keys of queue manager QM (the braces keep them in one cluster slot):
+//   kx:{QM}:qmgr         hash: created, ccsid           the queue manager exists
+//   kx:{QM}:queues       hash: queue name -> maximum message length
+//   kx:{QM}:owners       hash: unit-of-work token -> expiry (server ms)
+//   kx:{QM}:q:NAME       stream: the messages, entry fields "md" (364 bytes) and "data"
+//   kx:{QM}:gl:NAME      hash: entry id -> token, got under syncpoint (hidden, kept in place)
+//   kx:{QM}:pl:NAME      hash: entry id -> token, put under syncpoint (hidden until commit)
+//   kx:{QM}:w:NAME       stream of one entry: wakes waiting getters on commit and back-out
+//
+// A message got under syncpoint stays in its stream (a stream cannot take an id below its top
+// again, so deleting it would lose its place); it is hidden by its lock until the commit
+// deletes it or the back-out drops the lock. A unit of work whose owner stopped refreshing its
+// expiry (the process died) is backed out by the next get that meets its locks.
+#pragma once
+
+namespace kxic {
+
+// Shared helpers, prefixed to every script.
+#define KXIC_LUA_COMMON                                                                       \
+  "local function now_ms()\n"                                                                 \
+  "  local t = redis.call('TIME')\n"                                                          \
+  "  return tonumber(t[1]) * 1000 + math.floor(tonumber(t[2]) / 1000)\n"                      \
+  "end\n"                                                                                     \
+  "local alive_cache = {}\n"                                                                  \
+  "local function alive(owners, token, now)\n"                                                \
+  "  local a = alive_cache[token]\n"                                                          \
+  "  if a == nil then\n"                                                                      \
+  "    local d = redis.call('HGET', owners, token)\n"                                         \
+  "    a = (d and tonumber(d) > now) and true or false\n"                                     \
+  "    alive_cache[token] = a\n"                                                              \
+  "  end\n"                                                                                   \
+  "  return a\n"                                                                              \
+  "end\n"                                                                                     \
+  "local function fields(e)\n"                                                                \
+  "  local f, md, data = e[2], nil, nil\n"                                                    \
+  "  for i = 1, #f, 2 do\n"                                                                   \
+  "    if f[i] == 'md' then md = f[i + 1] elseif f[i] == 'data' then data = f[i + 1] end\n"   \
+  "  end\n"                                                                                   \
+  "  return md, data\n"                                                                       \
+  "end\n"
+
+// Destructive get of the first visible message (matching MsgId/CorrelId when given).
+// KEYS: q, gl, pl, owners, w. ARGV: limit (-1 any length), token ('' no syncpoint), ttl ms,
+// msgid (''), correlid ('').
+// Reply: {1, id, md, data} taken; {2, id, md, length} longer than limit, left alone;
+//        {0, top id of q, top id of w} nothing there.
+inline constexpr const char* kGetScript = KXIC_LUA_COMMON
+    "local q, gl, pl, owners, w = KEYS[1], KEYS[2], KEYS[3], KEYS[4], KEYS[5]\n"
+    "local limit, token, ttl = tonumber(ARGV[1]), ARGV[2], tonumber(ARGV[3])\n"
+    "local mid, cid = ARGV[4], ARGV[5]\n"
+    "local locks = redis.call('HLEN', gl) + redis.call('HLEN', pl)\n"
+    "local now = now_ms()\n"
+    "local count = 1\n"
+    "if locks > 0 or mid ~= '' or cid ~= '' then count = 64 end\n"
+    "local start = '-'\n"
+    "while true do\n"
+    "  local batch = redis.call('XRANGE', q, start, '+', 'COUNT', count)\n"
+    "  for _, e in ipairs(batch) do\n"
+    "    local id, take = e[1], true\n"
+    "    if locks > 0 then\n"
+    "      local o = redis.call('HGET', pl, id)\n"
+    "      if o then\n"
+    "        take = false\n"
+    "        if not alive(owners, o, now) then\n"
+    "          redis.call('XDEL', q, id)\n"
+    "          redis.call('HDEL', pl, id)\n"
+    "        end\n"
+    "      else\n"
+    "        o = redis.call('HGET', gl, id)\n"
+    "        if o then\n"
+    "          if alive(owners, o, now) then take = false else redis.call('HDEL', gl, id) end\n"
+    "        end\n"
+    "      end\n"
+    "    end\n"
+    "    local md, data\n"
+    "    if take then\n"
+    "      md, data = fields(e)\n"
+    "      if not md or not data then take = false\n"
+    "      elseif mid ~= '' and string.sub(md, 49, 72) ~= mid then take = false\n"
+    "      elseif cid ~= '' and string.sub(md, 73, 96) ~= cid then take = false end\n"
+    "    end\n"
+    "    if take then\n"
+    "      if limit >= 0 and #data > limit then return {2, id, md, #data} end\n"
+    "      if token ~= '' then\n"
+    "        redis.call('HSET', gl, id, token)\n"
+    "        redis.call('HSET', owners, token, now + ttl)\n"
+    "      else\n"
+    "        redis.call('XDEL', q, id)\n"
+    "      end\n"
+    "      return {1, id, md, data}\n"
+    "    end\n"
+    "  end\n"
+    "  if #batch < count then break end\n"
+    "  start = '(' .. batch[#batch][1]\n"
+    "end\n"
+    "local top = redis.call('XREVRANGE', q, '+', '-', 'COUNT', 1)\n"
+    "local wtop = redis.call('XREVRANGE', w, '+', '-', 'COUNT', 1)\n"
+    "return {0, top[1] and top[1][1] or '0-0', wtop[1] and wtop[1][1] or '0-0'}\n";
+
+// Browse batch: visible messages after a start id, up to a count and about a byte cap (at
+// least one message).
+// KEYS: q, gl, pl, owners. ARGV: start ('-' or '(' id), count, cap.
+// Reply: {last id scanned or '', id1, md1, data1, id2, ...}.
+inline constexpr const char* kBrowseScript = KXIC_LUA_COMMON
+    "local q, gl, pl, owners = KEYS[1], KEYS[2], KEYS[3], KEYS[4]\n"
+    "local count, cap = tonumber(ARGV[2]), tonumber(ARGV[3])\n"
+    "local locks = redis.call('HLEN', gl) + redis.call('HLEN', pl)\n"
+    "local now = 0\n"
+    "if locks > 0 then now = now_ms() end\n"
+    "local batch = redis.call('XRANGE', q, ARGV[1], '+', 'COUNT', count)\n"
+    "local out, total, last = {''}, 0, ''\n"
+    "for _, e in ipairs(batch) do\n"
+    "  local id, show = e[1], true\n"
+    "  if locks > 0 then\n"
+    "    if redis.call('HEXISTS', pl, id) == 1 then show = false\n"
+    "    else\n"
+    "      local o = redis.call('HGET', gl, id)\n"
+    "      if o and alive(owners, o, now) then show = false end\n"
+    "    end\n"
+    "  end\n"
+    "  local md, data\n"
+    "  if show then\n"
+    "    md, data = fields(e)\n"
+    "    if not md or not data then show = false end\n"
+    "  end\n"
+    "  if show then\n"
+    "    if #out > 1 and total + #data > cap then break end\n"
+    "    total = total + #data\n"
+    "    out[#out + 1] = id\n"
+    "    out[#out + 1] = md\n"
+    "    out[#out + 1] = data\n"
+    "  end\n"
+    "  last = id\n"
+    "end\n"
+    "out[1] = last\n"
+    "return out\n";
+
+// Put: appends a message to an existing queue, hidden under the token when given.
+// KEYS: queues, q, pl, owners. ARGV: queue name, md, data, token (''), ttl ms.
+// Reply: the entry id, or nil when the queue no longer exists.
+inline constexpr const char* kPutScript = KXIC_LUA_COMMON
+    "if redis.call('HEXISTS', KEYS[1], ARGV[1]) == 0 then return false end\n"
+    "local id = redis.call('XADD', KEYS[2], '*', 'md', ARGV[2], 'data', ARGV[3])\n"
+    "if ARGV[4] ~= '' then\n"
+    "  redis.call('HSET', KEYS[3], id, ARGV[4])\n"
+    "  redis.call('HSET', KEYS[4], ARGV[4], now_ms() + tonumber(ARGV[5]))\n"
+    "end\n"
+    "return id\n";
+
+// End of a unit of work: commit ('c') or back out ('b'). A commit whose locks were taken over
+// (its owner expired) backs out what is left instead.
+// KEYS: owners, then per queue q, gl, pl, w. ARGV: token, mode, then per queue: number of
+// gets, their ids, number of puts, their ids.
+// Reply: 1 committed, 0 backed out.
+inline constexpr const char* kEndScript =
+    "local token, mode = ARGV[1], ARGV[2]\n"
+    "local a, units = 3, {}\n"
+    "for k = 2, #KEYS, 4 do\n"
+    "  local u = {q = KEYS[k], gl = KEYS[k + 1], pl = KEYS[k + 2], w = KEYS[k + 3],\n"
+    "             gets = {}, puts = {}}\n"
+    "  local n = tonumber(ARGV[a])\n"
+    "  for i = 1, n do u.gets[i] = ARGV[a + i] end\n"
+    "  a = a + n + 1\n"
+    "  n = tonumber(ARGV[a])\n"
+    "  for i = 1, n do u.puts[i] = ARGV[a + i] end\n"
+    "  a = a + n + 1\n"
+    "  units[#units + 1] = u\n"
+    "end\n"
+    "if mode == 'c' then\n"
+    "  for _, u in ipairs(units) do\n"
+    "    for _, id in ipairs(u.gets) do\n"
+    "      if redis.call('HGET', u.gl, id) ~= token then mode = 'b' end\n"
+    "    end\n"
+    "    for _, id in ipairs(u.puts) do\n"
+    "      if redis.call('HGET', u.pl, id) ~= token then mode = 'b' end\n"
+    "    end\n"
+    "  end\n"
+    "end\n"
+    "for _, u in ipairs(units) do\n"
+    "  local wake = false\n"
+    "  for _, id in ipairs(u.gets) do\n"
+    "    if redis.call('HGET', u.gl, id) == token then\n"
+    "      redis.call('HDEL', u.gl, id)\n"
+    "      if mode == 'c' then redis.call('XDEL', u.q, id) else wake = true end\n"
+    "    end\n"
+    "  end\n"
+    "  for _, id in ipairs(u.puts) do\n"
+    "    if redis.call('HGET', u.pl, id) == token then\n"
+    "      redis.call('HDEL', u.pl, id)\n"
+    "      if mode == 'c' then wake = true else redis.call('XDEL', u.q, id) end\n"
+    "    end\n"
+    "  end\n"
+    "  if wake then redis.call('XADD', u.w, 'MAXLEN', 1, '*', 'wake', '1') end\n"
+    "end\n"
+    "redis.call('HDEL', KEYS[1], token)\n"
+    "if mode == 'c' then return 1 end\n"
+    "return 0\n";
+
+// Sets a queue's maximum message length when the queue exists.
+// KEYS: queues. ARGV: name, length. Reply: 1, or 0 when the queue is gone.
+inline constexpr const char* kSetMaxScript =
+    "if redis.call('HEXISTS', KEYS[1], ARGV[1]) == 0 then return 0 end\n"
+    "redis.call('HSET', KEYS[1], ARGV[1], ARGV[2])\n"
+    "return 1\n";
+
+// Current depth: messages in the stream less those put under syncpoint and not committed.
+// KEYS: q, pl. Reply: the depth.
+inline constexpr const char* kDepthScript =
+    "return redis.call('XLEN', KEYS[1]) - redis.call('HLEN', KEYS[2])\n";
+
+#undef KXIC_LUA_COMMON
+
+}  // namespace kxic
