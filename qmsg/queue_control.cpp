@@ -105,7 +105,7 @@ int32_t printHeartbeatMsg(QMsg& m) {
 //   | header | sendQueue (50) |reason|   | sec | usec|    | lastCommitSEQ  |
 //   +--------+----------------+------+---+-----+-----+----+----------------+
 
-inline constexpr ValueName kSyncRequestReasons[] = {
+constexpr ValueName kSyncRequestReasons[] = {
     {1, "  REASON=DATA_APPLIED REQUEST"},
     {2, "  REASON=ISALIVE"},
 };
@@ -201,7 +201,7 @@ int32_t printSequenceTimeResetMsg(QMsg& m) {
 //
 // flags bit 0: the restart information (the two positions and the publishing time) is present.
 
-inline constexpr ValueName kFuncLevelReasons[] = {
+constexpr ValueName kFuncLevelReasons[] = {
     {1, "NOTIFICATION FROM GLEANER"},
     {2, "NOTIFICATION FROM LANDER"},
     {3, "QUERY FROM GLEANER"},
@@ -209,10 +209,10 @@ inline constexpr ValueName kFuncLevelReasons[] = {
     {5, "RESPONSE FROM LANDER FAILED"},
 };
 // Whose level the two level lines show, by reason: the capture side's or the apply side's.
-inline constexpr ValueName kFuncLevelCurrentLabels[] = {
+constexpr ValueName kFuncLevelCurrentLabels[] = {
     {1, "Glean"}, {2, "Land"}, {3, "Glean"}, {4, "Land"}, {5, "Land"},
 };
-inline constexpr ValueName kFuncLevelQueueLabels[] = {
+constexpr ValueName kFuncLevelQueueLabels[] = {
     {1, "Send"}, {2, "Recv"}, {3, "Send"}, {4, "Recv"}, {5, "Recv"},
 };
 
@@ -271,12 +271,12 @@ int32_t printFuncLevelMsg(QMsg& m) {
 // actionTaken and actionToTake are 16-bit words whose first byte, once in machine order, is the
 // action code.
 
-inline constexpr ValueName kActionsTaken[] = {
+constexpr ValueName kActionsTaken[] = {
     {0, "RPLKX_DONE_NOTHING"},
     {1, "RPLKX_DONE_ROW_IGNORED"},
     {2, "RPLKX_DONE_SUB_INVALIDATED"},
 };
-inline constexpr ValueName kActionsToTake[] = {
+constexpr ValueName kActionsToTake[] = {
     {0, "RPLKX_TODO_NOTHING"},
     {1, "RPLKX_TODO_INVALIDATE_SUB"},
     {2, "RPLKX_TODO_INVALIDATE_QUEUE"},
