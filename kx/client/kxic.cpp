@@ -3,8 +3,10 @@
 // One KX connection is one hiredis connection. Every get, put and end of a unit of work is one
 // Lua script on the server (scripts.h), so two clients never take the same message. Browsing
 // reads visible messages in batches behind the cursor (the id of the last message returned) and
-// hands them out one per get; a batch is a snapshot, the next one starts after the last entry
-// it scanned.
+// hands them out one per get. A second connection per KX connection listens on the change
+// channels of the queues being browsed; a change published by any client (a message taken,
+// hidden or given back) drops the batches of that queue, and the next browse reads again from
+// the cursor. Without that listener every browse reads from the server.
 #include <sys/random.h>
 #include <sys/types.h>
 #include <time.h>
@@ -68,6 +70,9 @@ struct Connection {
   std::string prefix;
   std::string token;  // names this connection's units of work on the server
   Link link;
+  Link watch;  // subscribed to the change channels of browsed queues
+  bool watchFailed = false;
+  std::vector<std::string> watched;
   bool closed = false;
   Script get{kGetScript, {}}, browse{kBrowseScript, {}}, put{kPutScript, {}}, end{kEndScript, {}},
       setMax{kSetMaxScript, {}}, depth{kDepthScript, {}};
@@ -166,6 +171,43 @@ Object* findObject(Connection& c, KXHOBJ h) {
   return c.objects[size_t(h) - 1].get();
 }
 
+// Drops the read-ahead of every handle of this connection on the queue with change channel `ch`.
+void dropBatches(Connection& c, const std::string& ch) {
+  for (auto& o : c.objects)
+    if (o && o->keys.c == ch) o->batch.reset();
+}
+
+// Makes sure the queue's changes are heard before its batch is trusted, and takes in the
+// changes heard so far. False when there is no listener: the batch must not be trusted.
+bool watchChanges(Connection& c, Object& o) {
+  if (c.watchFailed) return false;
+  if (!c.watch.usable()) {
+    std::string why;
+    c.watched.clear();
+    if (c.watch.open(c.link.address(), why) != 0) {
+      c.watchFailed = true;
+      return false;
+    }
+  }
+  if (std::find(c.watched.begin(), c.watched.end(), o.keys.c) == c.watched.end()) {
+    Reply r = c.watch.command({"SUBSCRIBE", o.keys.c});
+    if (!r || r->type != REDIS_REPLY_ARRAY) {
+      c.watch.close();
+      c.watchFailed = true;
+      return false;
+    }
+    c.watched.push_back(o.keys.c);
+    o.batch.reset();  // read before anyone listened
+  }
+  std::vector<std::string> channels;
+  if (!c.watch.pollMessages(channels)) {
+    c.watchFailed = true;
+    return false;
+  }
+  for (const std::string& ch : channels) dropBatches(c, ch);
+  return true;
+}
+
 // ---- Getting ------------------------------------------------------------------------------------
 
 struct GetArgs {
@@ -239,6 +281,7 @@ KXLONG getDestructive(Connection& c, Object& o, const GetArgs& a, bool syncpoint
   }
   KXLONG reason = deliver(a, text(e[2]), int64_t(e[3]->len), e[3]->str);
   if (syncpoint) c.work[o.name].gets.emplace_back(text(e[1]));
+  dropBatches(c, o.keys.c);
   return reason;
 }
 
@@ -265,6 +308,7 @@ KXLONG fetchBatch(Connection& c, Object& o, const std::string& from) {
 
 // Browse without match options: the next message of the batch, reading batches as needed.
 KXLONG browseNext(Connection& c, Object& o, const GetArgs& a) {
+  if (!watchChanges(c, o)) o.batch.reset();
   bool fetched = false;
   if (!o.batch) {
     o.scanEnd = o.cursor;
@@ -404,6 +448,7 @@ KXLONG putMessage(Connection& c, Object& o, KXMD* md, KXPMO* pmo, KXLONG length,
 KXLONG endWork(Connection& c, bool commit) {
   if (c.work.empty()) return 0;
   std::vector<std::string> keyStore{c.prefix + "owners"};
+  for (const auto& entry : c.work) dropBatches(c, queueKeys(c.qmgr, entry.first).c);
   std::vector<std::string> argStore{c.token, commit ? "c" : "b"};
   for (const auto& [name, w] : c.work) {
     QueueKeys k = queueKeys(c.qmgr, name);
@@ -555,6 +600,7 @@ KXENTRY void KXDISC(KXHCONN* Hconn, KXLONG* CompCode, KXLONG* Reason) {
   c->closed = true;
   c->objects.clear();
   c->link.close();
+  c->watch.close();
   *Hconn = -1;
   if (r) return setResult(CompCode, Reason, KXCC_WARNING, r);
   setResult(CompCode, Reason, KXCC_OK, 0);

@@ -1,6 +1,7 @@
 // link.cpp - server lookup (KXSERVER, client configuration file) and the hiredis connection.
 #include "kx/client/link.h"
 
+#include <poll.h>
 #include <stdlib.h>
 #include <sys/time.h>
 
@@ -257,6 +258,31 @@ Reply Link::commandWithin(const std::vector<std::string_view>& args, int extraMs
   Reply r = command(args);
   if (ctx_) redisSetTimeout(ctx_, toTimeval(addr_.timeoutMs));
   return r;
+}
+
+bool Link::pollMessages(std::vector<std::string>& channels) {
+  if (!ctx_) return false;
+  for (;;) {
+    void* r = nullptr;
+    if (redisGetReplyFromReader(ctx_, &r) != REDIS_OK) {
+      fail();
+      return false;
+    }
+    if (r) {
+      Reply m(static_cast<redisReply*>(r));
+      // {"message", channel, payload}
+      if (m->type == REDIS_REPLY_ARRAY && m->elements == 3 &&
+          m->element[1]->type == REDIS_REPLY_STRING)
+        channels.emplace_back(m->element[1]->str, m->element[1]->len);
+      continue;
+    }
+    pollfd p{ctx_->fd, POLLIN, 0};
+    if (poll(&p, 1, 0) <= 0) return true;
+    if (redisBufferRead(ctx_) != REDIS_OK) {
+      fail();
+      return false;
+    }
+  }
 }
 
 Reply evalScript(Link& link, Script& script, const std::vector<std::string_view>& keys,

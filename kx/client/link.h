@@ -66,6 +66,10 @@ class Link {
   // Runs `args` with a reply timeout extended by extraMs (blocking reads).
   Reply commandWithin(const std::vector<std::string_view>& args, int extraMs);
 
+  // For a subscribed connection: reads the published messages that have arrived, without
+  // waiting, and appends their channels. False when the connection failed.
+  bool pollMessages(std::vector<std::string>& channels);
+
   const std::string& lastError() const { return lastError_; }
   const ServerAddress& address() const { return addr_; }
 

@@ -9,6 +9,8 @@
 //   kx:{QM}:gl:NAME      hash: entry id -> token, got under syncpoint (hidden, kept in place)
 //   kx:{QM}:pl:NAME      hash: entry id -> token, put under syncpoint (hidden until commit)
 //   kx:{QM}:w:NAME       stream of one entry: wakes waiting getters on commit and back-out
+//   kx:{QM}:c:NAME       channel: published when messages leave, hide or come back, so that
+//                        browsers drop the batches they read ahead
 //
 // A message got under syncpoint stays in its stream (a stream cannot take an id below its top
 // again, so deleting it would lose its place); it is hidden by its lock until the commit
@@ -33,6 +35,9 @@ namespace kxic {
   "    alive_cache[token] = a\n"                                                              \
   "  end\n"                                                                                   \
   "  return a\n"                                                                              \
+  "end\n"                                                                                     \
+  "local function changed(q)\n"                                                                \
+  "  redis.call('PUBLISH', (string.gsub(q, '}:q:', '}:c:', 1)), '1')\n"                       \
   "end\n"                                                                                     \
   "local function fields(e)\n"                                                                \
   "  local f, md, data = e[2], nil, nil\n"                                                    \
@@ -67,11 +72,13 @@ inline constexpr const char* kGetScript = KXIC_LUA_COMMON
     "        if not alive(owners, o, now) then\n"
     "          redis.call('XDEL', q, id)\n"
     "          redis.call('HDEL', pl, id)\n"
+    "          changed(q)\n"
     "        end\n"
     "      else\n"
     "        o = redis.call('HGET', gl, id)\n"
     "        if o then\n"
-    "          if alive(owners, o, now) then take = false else redis.call('HDEL', gl, id) end\n"
+    "          if alive(owners, o, now) then take = false\n"
+    "          else redis.call('HDEL', gl, id) changed(q) end\n"
     "        end\n"
     "      end\n"
     "    end\n"
@@ -90,6 +97,7 @@ inline constexpr const char* kGetScript = KXIC_LUA_COMMON
     "      else\n"
     "        redis.call('XDEL', q, id)\n"
     "      end\n"
+    "      changed(q)\n"
     "      return {1, id, md, data}\n"
     "    end\n"
     "  end\n"
@@ -155,7 +163,7 @@ inline constexpr const char* kPutScript = KXIC_LUA_COMMON
 // KEYS: owners, then per queue q, gl, pl, w. ARGV: token, mode, then per queue: number of
 // gets, their ids, number of puts, their ids.
 // Reply: 1 committed, 0 backed out.
-inline constexpr const char* kEndScript =
+inline constexpr const char* kEndScript = KXIC_LUA_COMMON
     "local token, mode = ARGV[1], ARGV[2]\n"
     "local a, units = 3, {}\n"
     "for k = 2, #KEYS, 4 do\n"
@@ -194,6 +202,7 @@ inline constexpr const char* kEndScript =
     "    end\n"
     "  end\n"
     "  if wake then redis.call('XADD', u.w, 'MAXLEN', 1, '*', 'wake', '1') end\n"
+    "  if #u.gets > 0 or #u.puts > 0 then changed(u.q) end\n"
     "end\n"
     "redis.call('HDEL', KEYS[1], token)\n"
     "if mode == 'c' then return 1 end\n"
