@@ -5,6 +5,8 @@
 // is one write transaction (find the first message, then delete it or mark it got-under-syncpoint),
 // which makes it atomic between processes. Browsing reads ahead in batches behind the cursor (the
 // last sequence number seen) and throws the batch away whenever the file changed since it was read.
+#include <errno.h>
+#include <signal.h>
 #include <sys/random.h>
 #include <sys/types.h>
 #include <time.h>
@@ -256,15 +258,20 @@ int registerOwner(Connection& c) {
     while (rc == SQLITE_OK && sqlite3_step(s) == SQLITE_ROW) {
       pid_t pid = pid_t(sqlite3_column_int64(s, 1));
       int64_t started = sqlite3_column_int64(s, 2);
-      if (processStart(pid) != started) dead.push_back(sqlite3_column_int64(s, 0));
+      // Gone, or the process id now belongs to a process started later.
+      int64_t now = processStart(pid);
+      bool gone = (kill(pid, 0) != 0 && errno == ESRCH) || (now >= 0 && now != started);
+      if (gone) dead.push_back(sqlite3_column_int64(s, 0));
     }
     sqlite3_finalize(s);
   }
   for (int64_t token : dead) {
     std::string t = std::to_string(token);
-    std::string sql = "DELETE FROM messages WHERE owner = " + t + " AND state = 1;" +
+    // "owner <> 0" lets the partial index on owner serve these statements.
+    std::string sql = "DELETE FROM messages WHERE owner = " + t +
+                      " AND owner <> 0 AND state = 1;" +
                       "UPDATE messages SET state = 0, owner = 0 WHERE owner = " + t +
-                      " AND state = 2;" + "DELETE FROM owners WHERE token = " + t + ";";
+                      " AND owner <> 0 AND state = 2;" + "DELETE FROM owners WHERE token = " + t + ";";
     if (rc == SQLITE_OK) rc = c.store.exec(sql.c_str());
   }
   if (rc == SQLITE_OK) {

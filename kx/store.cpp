@@ -208,7 +208,8 @@ int32_t Store::open(const std::string& qmgr, std::string& why) {
   // so it survives the death of the process; only a power failure can lose the last commits.
   rc = exec(
       "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL; PRAGMA cache_size=-16384;"
-      " PRAGMA temp_store=MEMORY; PRAGMA mmap_size=268435456;");
+      " PRAGMA temp_store=MEMORY; PRAGMA mmap_size=268435456;"
+      " PRAGMA journal_size_limit=67108864;");
   if (rc == SQLITE_OK) {
     sqlite3_stmt* s = nullptr;
     rc = prepare(&s, "SELECT value FROM meta WHERE key='format'");
@@ -240,10 +241,10 @@ int32_t Store::open(const std::string& qmgr, std::string& why) {
       {&findQueue, "SELECT id, max_len FROM queues WHERE name = ?1"},
       {&depth, "SELECT count(*) FROM messages WHERE qid = ?1 AND state IN (0, 2)"},
       {&setMaxLen, "UPDATE queues SET max_len = ?2 WHERE id = ?1"},
-      {&commitPuts, "UPDATE messages SET state = 0, owner = 0 WHERE owner = ?1 AND state = 1"},
-      {&commitGets, "DELETE FROM messages WHERE owner = ?1 AND state = 2"},
-      {&backPuts, "DELETE FROM messages WHERE owner = ?1 AND state = 1"},
-      {&backGets, "UPDATE messages SET state = 0, owner = 0 WHERE owner = ?1 AND state = 2"},
+      {&commitPuts, "UPDATE messages SET state = 0, owner = 0 WHERE owner = ?1 AND state = 1 AND owner <> 0"},
+      {&commitGets, "DELETE FROM messages WHERE owner = ?1 AND state = 2 AND owner <> 0"},
+      {&backPuts, "DELETE FROM messages WHERE owner = ?1 AND state = 1 AND owner <> 0"},
+      {&backGets, "UPDATE messages SET state = 0, owner = 0 WHERE owner = ?1 AND state = 2 AND owner <> 0"},
       {&begin_, "BEGIN"},
       {&beginImmediate_, "BEGIN IMMEDIATE"},
       {&commit_, "COMMIT"},

@@ -92,6 +92,7 @@ class Store {
   sqlite3_stmt* findQueue = nullptr;   // id, max_len of queue named ?1
   sqlite3_stmt* depth = nullptr;       // committed messages of queue ?1
   sqlite3_stmt* setMaxLen = nullptr;   // queue ?1 max_len ?2
+  // The statements on an owner repeat "owner <> 0" so that the partial index on owner serves them.
   sqlite3_stmt* commitPuts = nullptr;  // owner ?1: pending puts become visible
   sqlite3_stmt* commitGets = nullptr;  // owner ?1: pending gets are deleted
   sqlite3_stmt* backPuts = nullptr;    // owner ?1: pending puts are deleted
