@@ -419,7 +419,6 @@ int readAhead(Connection& c, Object& o, int64_t after) {
   o.aheadFrom = after;
   o.aheadVersion = version;
   o.aheadWrites = c.writes;
-  o.batchSize = std::min(o.batchSize * 2, kLastBatch);
   return SQLITE_OK;
 }
 
@@ -427,8 +426,8 @@ int readAhead(Connection& c, Object& o, int64_t after) {
 KXLONG browseAhead(Connection& c, Object& o, const GetArgs& a, int64_t after) {
   for (int attempt = 0; attempt < 3; ++attempt) {
     int64_t version = c.store.dataVersion();
-    bool fresh = o.aheadFrom >= 0 && o.aheadFrom <= after && version == o.aheadVersion &&
-                 c.writes == o.aheadWrites;
+    bool unchanged = version == o.aheadVersion && c.writes == o.aheadWrites;
+    bool fresh = o.aheadFrom >= 0 && o.aheadFrom <= after && unchanged;
     if (fresh) {
       while (o.aheadPos < o.ahead.size() && o.ahead[o.aheadPos].seq <= after) ++o.aheadPos;
       if (o.aheadPos == o.ahead.size()) {
@@ -437,6 +436,12 @@ KXLONG browseAhead(Connection& c, Object& o, const GetArgs& a, int64_t after) {
       }
     }
     if (!fresh) {
+      // Batches grow while they are used up, and shrink while others keep changing the file
+      // (a busy putter would otherwise make every browse read a whole batch).
+      if (o.aheadFrom >= 0 && !unchanged && o.aheadPos < o.ahead.size())
+        o.batchSize = std::max(1, o.batchSize / 4);
+      else if (o.aheadFrom >= 0)
+        o.batchSize = std::min(o.batchSize * 2, kLastBatch);
       int rc = readAhead(c, o, after);
       if (rc != SQLITE_OK) return reasonOf(rc);
       if (o.ahead.empty()) return KXRC_NO_MSG_AVAILABLE;

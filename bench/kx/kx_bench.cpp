@@ -2,7 +2,10 @@
 // and drain of 100,000 messages of 1 KiB, in a private data directory.
 //
 // Prints one line per figure for people and one "BENCH kx.<name> msgs_per_s=<n>" line for tools.
+#include <signal.h>
 #include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <time.h>
 
 #include <cstdio>
@@ -102,7 +105,8 @@ int main() {
   setenv("KX_DATA_PATH", tmpl, 1);
   char msg[512];
   if (kxmCreateQmgr("BENCH", msg, sizeof msg) || kxmCreateQueue("BENCH", "PLAIN", -1, msg, sizeof msg) ||
-      kxmCreateQueue("BENCH", "SYNC", -1, msg, sizeof msg)) {
+      kxmCreateQueue("BENCH", "SYNC", -1, msg, sizeof msg) ||
+      kxmCreateQueue("BENCH", "OTHER", -1, msg, sizeof msg)) {
     fprintf(stderr, "kx_bench: %s\n", msg);
     return 1;
   }
@@ -124,13 +128,32 @@ int main() {
       t = seconds();
       int n = readAll(h, "PLAIN", KXGMO_BROWSE_NEXT, buffer);
       report("browse", "browse", n, seconds() - t);
+      // Browse again while another process keeps putting to another queue, so that every
+      // browse finds the file changed.
+      pid_t putter = fork();
+      if (putter == 0) {
+        KXHCONN c;
+        KXCONN(name, &c, &cc, &rc);
+        KXHOBJ o = openQueue(c, "OTHER", KXOO_OUTPUT);
+        KXPMO pmo = KXPMO_DEFAULT;
+        for (;;) {
+          KXMD md = KXMD_DEFAULT;
+          KXPUT(c, o, &md, &pmo, 100, data.data(), &cc, &rc);
+        }
+      }
+      usleep(100000);
+      t = seconds();
+      int busy = readAll(h, "PLAIN", KXGMO_BROWSE_NEXT, buffer);
+      report("browse_busy", "browse while another process puts", busy, seconds() - t);
+      kill(putter, SIGKILL);
+      waitpid(putter, nullptr, 0);
       t = seconds();
       int d = readAll(h, "PLAIN", KXGMO_NO_SYNCPOINT, buffer);
       report("drain", "drain (destructive get), no syncpoint", d, seconds() - t);
       t = seconds();
       int s = readAll(h, "SYNC", KXGMO_SYNCPOINT, buffer);
       report("drain_syncpoint", "drain under syncpoint", s, seconds() - t);
-      result = n == kMessages && d == kMessages && s == kMessages ? 0 : 1;
+      result = n == kMessages && busy == kMessages && d == kMessages && s == kMessages ? 0 : 1;
     }
   }
   KXDISC(&h, &cc, &rc);
