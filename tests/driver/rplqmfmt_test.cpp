@@ -2,6 +2,7 @@
 // real local queue manager.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -367,6 +368,31 @@ TEST_F(MiddlewareTest, FaultInTheMiddlewareEndsTheRunThroughTheRecoveryPoint) {
   EXPECT_EQ(r.status, 2009 & 0xFF);
   EXPECT_EQ(occurrences(r.err, "\"setRecoveryPoint\""), 1) << r.err;
   EXPECT_NE(r.err.find("\"2009\""), std::string::npos) << r.err;
+}
+
+}  // namespace
+
+namespace {
+
+using TrafficTest = QueueTest;
+
+// The generator's demo traffic reads back whole: every message decoded, nothing reported.
+TEST_F(TrafficTest, GeneratedDemoTrafficFormatsWithoutReports) {
+#ifndef RPLQMGEN_PATH
+  GTEST_SKIP() << "rplqmgen is not built";
+#else
+  std::string cmd = std::string(RPLQMGEN_PATH) + " " + kQmgr + " " + kQueue + " --scenario demo >/dev/null";
+  ASSERT_EQ(std::system(cmd.c_str()), 0);
+  const int64_t messages = depth();
+  ASSERT_GT(messages, 0);
+  RunResult r = run({"Q1", "QM1", "-oenc", "UTF-8"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(reports(r.err), "");
+  EXPECT_GT(occurrences(r.out, "**** Message number:"), 0);
+  r = run({"Q1", "QM1", "-delmsg", "-o", dir_ + "/drained.txt"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(depth(), 0);
+#endif
 }
 
 }  // namespace
