@@ -36,6 +36,16 @@ namespace kxic {
   "  end\n"                                                                                   \
   "  return a\n"                                                                              \
   "end\n"                                                                                     \
+  "local function lock_table(hash, locks)\n"                                                  \
+  "  if locks == 0 or locks > 2000 then return nil end\n"                                      \
+  "  local t, all = {}, redis.call('HGETALL', hash)\n"                                         \
+  "  for i = 1, #all, 2 do t[all[i]] = all[i + 1] end\n"                                       \
+  "  return t\n"                                                                               \
+  "end\n"                                                                                     \
+  "local function lock_of(hash, t, id)\n"                                                     \
+  "  if t then return t[id] end\n"                                                             \
+  "  return redis.call('HGET', hash, id)\n"                                                    \
+  "end\n"                                                                                     \
   "local function changed(q)\n"                                                                \
   "  redis.call('PUBLISH', (string.gsub(q, '}:q:', '}:c:', 1)), '1')\n"                       \
   "end\n"                                                                                     \
@@ -57,16 +67,18 @@ inline constexpr const char* kGetScript = KXIC_LUA_COMMON
     "local limit, token, ttl = tonumber(ARGV[1]), ARGV[2], tonumber(ARGV[3])\n"
     "local mid, cid = ARGV[4], ARGV[5]\n"
     "local locks = redis.call('HLEN', gl) + redis.call('HLEN', pl)\n"
+    "local glt, plt = lock_table(gl, locks), lock_table(pl, locks)\n"
     "local now = now_ms()\n"
     "local count = 1\n"
-    "if locks > 0 or mid ~= '' or cid ~= '' then count = 64 end\n"
+    "if locks > 0 then count = math.min(locks + 1, 256) end\n"
+    "if (mid ~= '' or cid ~= '') and count < 64 then count = 64 end\n"
     "local start = '-'\n"
     "while true do\n"
     "  local batch = redis.call('XRANGE', q, start, '+', 'COUNT', count)\n"
     "  for _, e in ipairs(batch) do\n"
     "    local id, take = e[1], true\n"
     "    if locks > 0 then\n"
-    "      local o = redis.call('HGET', pl, id)\n"
+    "      local o = lock_of(pl, plt, id)\n"
     "      if o then\n"
     "        take = false\n"
     "        if not alive(owners, o, now) then\n"
@@ -75,7 +87,7 @@ inline constexpr const char* kGetScript = KXIC_LUA_COMMON
     "          changed(q)\n"
     "        end\n"
     "      else\n"
-    "        o = redis.call('HGET', gl, id)\n"
+    "        o = lock_of(gl, glt, id)\n"
     "        if o then\n"
     "          if alive(owners, o, now) then take = false\n"
     "          else redis.call('HDEL', gl, id) changed(q) end\n"
@@ -116,6 +128,7 @@ inline constexpr const char* kBrowseScript = KXIC_LUA_COMMON
     "local q, gl, pl, owners = KEYS[1], KEYS[2], KEYS[3], KEYS[4]\n"
     "local count, cap = tonumber(ARGV[2]), tonumber(ARGV[3])\n"
     "local locks = redis.call('HLEN', gl) + redis.call('HLEN', pl)\n"
+    "local glt, plt = lock_table(gl, locks), lock_table(pl, locks)\n"
     "local now = 0\n"
     "if locks > 0 then now = now_ms() end\n"
     "local batch = redis.call('XRANGE', q, ARGV[1], '+', 'COUNT', count)\n"
@@ -123,9 +136,9 @@ inline constexpr const char* kBrowseScript = KXIC_LUA_COMMON
     "for _, e in ipairs(batch) do\n"
     "  local id, show = e[1], true\n"
     "  if locks > 0 then\n"
-    "    if redis.call('HEXISTS', pl, id) == 1 then show = false\n"
+    "    if lock_of(pl, plt, id) then show = false\n"
     "    else\n"
-    "      local o = redis.call('HGET', gl, id)\n"
+    "      local o = lock_of(gl, glt, id)\n"
     "      if o and alive(owners, o, now) then show = false end\n"
     "    end\n"
     "  end\n"
