@@ -549,8 +549,14 @@ KXLONG putMessage(Connection& c, Object& o, KXMD* md, KXPMO* pmo, KXLONG length,
     p.data.assign(d, d + length);
     c.pending.push_back(std::move(p));
     c.pendingBytes += size_t(length) + kMdLength;
-    if (c.pendingBytes > kPendingMemoryLimit) return flushPending(c);
-    return 0;
+    if (c.pendingBytes <= kPendingMemoryLimit) return 0;
+    KXLONG r = flushPending(c);
+    if (r) {
+      // This put failed; the earlier ones of the unit of work stay pending.
+      c.pendingBytes -= size_t(length) + kMdLength;
+      c.pending.pop_back();
+    }
+    return r;
   }
   int rc = insertRow(c, o.qid, kVisible, mdBytes, buffer, length);
   if (rc != SQLITE_OK) return reasonOf(rc);

@@ -89,6 +89,20 @@ TEST_F(KxTest, PutWithSetAllContextKeepsTheDescriptorAsGiven) {
   KXMD want = md;
   EXPECT_EQ(memcmp(&g.md, &want, sizeof want), 0);
   EXPECT_EQ(memcmp(g.md.PutDate, "1999123123595999", 16), 0);
+
+  // KXPUT1 opens, puts and closes in one call; the MsgId it generated comes back.
+  KXOD od = KXOD_DEFAULT;
+  kxSetName(od.ObjectName, sizeof od.ObjectName, "Q2");
+  KXMD md1 = KXMD_DEFAULT;
+  KXPMO pmo = KXPMO_DEFAULT;
+  Result r;
+  KXPUT1(h, &od, &md1, &pmo, 3, const_cast<char*>("one"), &r.cc, &r.rc);
+  EXPECT_EQ(r.cc, KXCC_OK);
+  EXPECT_EQ(memcmp(md1.MsgId, "KXM ", 4), 0);
+  KXHOBJ q2 = open(h, "Q2", KXOO_INPUT_SHARED);
+  g = get(h, q2, 0);
+  EXPECT_EQ(g.data, "one");
+  EXPECT_EQ(memcmp(g.md.MsgId, md1.MsgId, 24), 0);
   disconnect(h);
 }
 
