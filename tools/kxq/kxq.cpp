@@ -102,15 +102,15 @@ int failCall(const char* call, const std::string& what, KXLONG cc, KXLONG reason
 
 // ---- Progress on a terminal ---------------------------------------------------------------------
 
+// Shown only on a terminal, and only once the work has taken half a second.
 class Progress {
  public:
-  Progress(const char* verb, int64_t total) : verb_(verb), total_(total), tty_(isatty(2)) {}
+  Progress(const char* verb, int64_t total)
+      : verb_(verb), total_(total), tty_(isatty(2)), startMs_(nowMs()) {}
   void update(int64_t done, bool force = false) {
     if (!tty_) return;
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    int64_t ms = int64_t(ts.tv_sec) * 1000 + ts.tv_nsec / 1'000'000;
-    if (!force && ms - lastMs_ < 200) return;
+    int64_t ms = nowMs();
+    if (!force && (ms - startMs_ < 500 || ms - lastMs_ < 200)) return;
     lastMs_ = ms;
     shown_ = true;
     if (total_ > 0)
@@ -126,9 +126,15 @@ class Progress {
   }
 
  private:
+  static int64_t nowMs() {
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return int64_t(ts.tv_sec) * 1000 + ts.tv_nsec / 1'000'000;
+  }
   const char* verb_;
   int64_t total_;
   bool tty_;
+  int64_t startMs_;
   bool shown_ = false;
   int64_t lastMs_ = 0;
 };
