@@ -17,6 +17,7 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <string>
 #include <thread>
 #include <vector>
@@ -83,8 +84,8 @@ struct Connection {
   std::vector<std::unique_ptr<Object>> objects;  // handle = index + 1
   std::vector<PendingPut> pending;
   size_t pendingBytes = 0;
-  int64_t dbPuts = 0;  // rows in state 1 of this connection
-  int64_t dbGets = 0;  // rows in state 2 of this connection
+  int64_t dbPuts = 0;   // rows in state 1 of this connection
+  int64_t dbGets = 0;   // rows in state 2 of this connection
   uint64_t writes = 0;  // own committed changes (data_version does not count them)
 };
 
@@ -253,8 +254,8 @@ int registerOwner(Connection& c) {
   std::vector<int64_t> dead;
   {
     sqlite3_stmt* s = nullptr;
-    rc = sqlite3_prepare_v2(c.store.db(), "SELECT token, pid, started FROM owners", -1, &s,
-                            nullptr);
+    rc =
+        sqlite3_prepare_v2(c.store.db(), "SELECT token, pid, started FROM owners", -1, &s, nullptr);
     while (rc == SQLITE_OK && sqlite3_step(s) == SQLITE_ROW) {
       pid_t pid = pid_t(sqlite3_column_int64(s, 1));
       int64_t started = sqlite3_column_int64(s, 2);
@@ -268,10 +269,10 @@ int registerOwner(Connection& c) {
   for (int64_t token : dead) {
     std::string t = std::to_string(token);
     // "owner <> 0" lets the partial index on owner serve these statements.
-    std::string sql = "DELETE FROM messages WHERE owner = " + t +
-                      " AND owner <> 0 AND state = 1;" +
+    std::string sql = "DELETE FROM messages WHERE owner = " + t + " AND owner <> 0 AND state = 1;" +
                       "UPDATE messages SET state = 0, owner = 0 WHERE owner = " + t +
-                      " AND owner <> 0 AND state = 2;" + "DELETE FROM owners WHERE token = " + t + ";";
+                      " AND owner <> 0 AND state = 2;" + "DELETE FROM owners WHERE token = " + t +
+                      ";";
     if (rc == SQLITE_OK) rc = c.store.exec(sql.c_str());
   }
   if (rc == SQLITE_OK) {
@@ -487,8 +488,8 @@ KXLONG browseMatching(Connection& c, Object& o, const GetArgs& a, int64_t after)
   if (rc == SQLITE_DONE) return KXRC_NO_MSG_AVAILABLE;
   if (rc != SQLITE_ROW) return reasonOf(rc);
   if (sqlite3_column_bytes(s, 1) != kMdLength) return KXRC_UNEXPECTED_ERROR;
-  KXLONG reason = deliver(a, sqlite3_column_blob(s, 1), sqlite3_column_int64(s, 2),
-                          sqlite3_column_blob(s, 3));
+  KXLONG reason =
+      deliver(a, sqlite3_column_blob(s, 1), sqlite3_column_int64(s, 2), sqlite3_column_blob(s, 3));
   if (reason != KXRC_TRUNCATED_MSG_FAILED) o.cursor = sqlite3_column_int64(s, 0);
   return reason;
 }
@@ -635,6 +636,18 @@ KXLONG connect(KXCHAR* name, KXHCONN* hconn) {
   return 0;
 }
 
+// A call that runs out of memory ends with a reason like any other failure.
+template <typename Body>
+void guarded(KXLONG* cc, KXLONG* rc, Body&& body) {
+  try {
+    body();
+  } catch (const std::bad_alloc&) {
+    failed(cc, rc, KXRC_STORAGE_NOT_AVAILABLE);
+  } catch (...) {
+    failed(cc, rc, KXRC_UNEXPECTED_ERROR);
+  }
+}
+
 }  // namespace
 }  // namespace kxm
 
@@ -645,92 +658,151 @@ using namespace kxm;
 extern "C" {
 
 KXENTRY void KXCONN(KXCHAR* QMgrName, KXHCONN* Hconn, KXLONG* CompCode, KXLONG* Reason) {
-  std::lock_guard<std::mutex> lock(gLock);
-  KXLONG r = connect(QMgrName, Hconn);
-  if (r == KXRC_CONN_ALREADY_EXISTS) return setResult(CompCode, Reason, KXCC_WARNING, r);
-  if (r) {
-    if (Hconn) *Hconn = -1;
-    return setResult(CompCode, Reason, KXCC_FAILED, r);
-  }
-  setResult(CompCode, Reason, KXCC_OK, 0);
+  guarded(CompCode, Reason, [&] {
+    std::lock_guard<std::mutex> lock(gLock);
+    KXLONG r = connect(QMgrName, Hconn);
+    if (r == KXRC_CONN_ALREADY_EXISTS) return setResult(CompCode, Reason, KXCC_WARNING, r);
+    if (r) {
+      if (Hconn) *Hconn = -1;
+      return setResult(CompCode, Reason, KXCC_FAILED, r);
+    }
+    setResult(CompCode, Reason, KXCC_OK, 0);
+  });
 }
 
 KXENTRY void KXCONNX(KXCHAR* QMgrName, KXCNO* ConnectOpts, KXHCONN* Hconn, KXLONG* CompCode,
                      KXLONG* Reason) {
-  if (!ConnectOpts || !strucIdIs(ConnectOpts->StrucId, "CNO ")) {
-    failed(CompCode, Reason, KXRC_CNO_ERROR);
-    return;
-  }
-  if (ConnectOpts->Options != KXCNO_NONE) {
-    failed(CompCode, Reason, KXRC_OPTIONS_ERROR);
-    return;
-  }
-  KXCONN(QMgrName, Hconn, CompCode, Reason);
+  guarded(CompCode, Reason, [&] {
+    if (!ConnectOpts || !strucIdIs(ConnectOpts->StrucId, "CNO ")) {
+      failed(CompCode, Reason, KXRC_CNO_ERROR);
+      return;
+    }
+    if (ConnectOpts->Options != KXCNO_NONE) {
+      failed(CompCode, Reason, KXRC_OPTIONS_ERROR);
+      return;
+    }
+    KXCONN(QMgrName, Hconn, CompCode, Reason);
+  });
 }
 
 KXENTRY void KXDISC(KXHCONN* Hconn, KXLONG* CompCode, KXLONG* Reason) {
-  std::lock_guard<std::mutex> lock(gLock);
-  Connection* c = Hconn ? findConnection(*Hconn) : nullptr;
-  if (!c) {
-    failed(CompCode, Reason, KXRC_HCONN_ERROR);
-    return;
-  }
-  KXLONG r = closeConnection(*c);
-  gConnections[size_t(*Hconn) - 1].reset();
-  *Hconn = -1;
-  if (r) return setResult(CompCode, Reason, KXCC_WARNING, r);
-  setResult(CompCode, Reason, KXCC_OK, 0);
+  guarded(CompCode, Reason, [&] {
+    std::lock_guard<std::mutex> lock(gLock);
+    Connection* c = Hconn ? findConnection(*Hconn) : nullptr;
+    if (!c) {
+      failed(CompCode, Reason, KXRC_HCONN_ERROR);
+      return;
+    }
+    KXLONG r = closeConnection(*c);
+    gConnections[size_t(*Hconn) - 1].reset();
+    *Hconn = -1;
+    if (r) return setResult(CompCode, Reason, KXCC_WARNING, r);
+    setResult(CompCode, Reason, KXCC_OK, 0);
+  });
 }
 
 KXENTRY void KXOPEN(KXHCONN Hconn, KXOD* ObjDesc, KXLONG Options, KXHOBJ* Hobj, KXLONG* CompCode,
                     KXLONG* Reason) {
-  std::lock_guard<std::mutex> lock(gLock);
-  Connection* c = findConnection(Hconn);
-  if (!c) {
-    failed(CompCode, Reason, KXRC_HCONN_ERROR);
-    return;
-  }
-  if (!Hobj) {
-    failed(CompCode, Reason, KXRC_HOBJ_ERROR);
-    return;
-  }
-  if (KXLONG r = openQueue(*c, ObjDesc, Options, Hobj)) {
-    *Hobj = -1;
-    failed(CompCode, Reason, r);
-    return;
-  }
-  setResult(CompCode, Reason, KXCC_OK, 0);
+  guarded(CompCode, Reason, [&] {
+    std::lock_guard<std::mutex> lock(gLock);
+    Connection* c = findConnection(Hconn);
+    if (!c) {
+      failed(CompCode, Reason, KXRC_HCONN_ERROR);
+      return;
+    }
+    if (!Hobj) {
+      failed(CompCode, Reason, KXRC_HOBJ_ERROR);
+      return;
+    }
+    if (KXLONG r = openQueue(*c, ObjDesc, Options, Hobj)) {
+      *Hobj = -1;
+      failed(CompCode, Reason, r);
+      return;
+    }
+    setResult(CompCode, Reason, KXCC_OK, 0);
+  });
 }
 
 KXENTRY void KXCLOSE(KXHCONN Hconn, KXHOBJ* Hobj, KXLONG Options, KXLONG* CompCode,
                      KXLONG* Reason) {
-  std::lock_guard<std::mutex> lock(gLock);
-  Connection* c = findConnection(Hconn);
-  if (!c) {
-    failed(CompCode, Reason, KXRC_HCONN_ERROR);
-    return;
-  }
-  if (!Hobj || !findObject(*c, *Hobj)) {
-    failed(CompCode, Reason, KXRC_HOBJ_ERROR);
-    return;
-  }
-  if (Options != KXCO_NONE) {
-    failed(CompCode, Reason, KXRC_OPTIONS_ERROR);
-    return;
-  }
-  c->objects[size_t(*Hobj) - 1].reset();
-  *Hobj = -1;
-  setResult(CompCode, Reason, KXCC_OK, 0);
+  guarded(CompCode, Reason, [&] {
+    std::lock_guard<std::mutex> lock(gLock);
+    Connection* c = findConnection(Hconn);
+    if (!c) {
+      failed(CompCode, Reason, KXRC_HCONN_ERROR);
+      return;
+    }
+    if (!Hobj || !findObject(*c, *Hobj)) {
+      failed(CompCode, Reason, KXRC_HOBJ_ERROR);
+      return;
+    }
+    if (Options != KXCO_NONE) {
+      failed(CompCode, Reason, KXRC_OPTIONS_ERROR);
+      return;
+    }
+    c->objects[size_t(*Hobj) - 1].reset();
+    *Hobj = -1;
+    setResult(CompCode, Reason, KXCC_OK, 0);
+  });
 }
 
 KXENTRY void KXGET(KXHCONN Hconn, KXHOBJ Hobj, KXMD* MsgDesc, KXGMO* GetMsgOpts,
                    KXLONG BufferLength, void* Buffer, KXLONG* DataLength, KXLONG* CompCode,
                    KXLONG* Reason) {
-  GetArgs a{MsgDesc, GetMsgOpts, BufferLength, Buffer, DataLength};
-  std::unique_lock<std::mutex> lock(gLock);
-  int64_t deadline = -1;
-  int sleepMs = 1;
-  for (;;) {
+  guarded(CompCode, Reason, [&] {
+    GetArgs a{MsgDesc, GetMsgOpts, BufferLength, Buffer, DataLength};
+    std::unique_lock<std::mutex> lock(gLock);
+    int64_t deadline = -1;
+    int sleepMs = 1;
+    for (;;) {
+      Connection* c = findConnection(Hconn);
+      if (!c) {
+        failed(CompCode, Reason, KXRC_HCONN_ERROR);
+        return;
+      }
+      Object* o = findObject(*c, Hobj);
+      if (!o) {
+        failed(CompCode, Reason, KXRC_HOBJ_ERROR);
+        return;
+      }
+      if (KXLONG r = checkGet(*o, a)) {
+        failed(CompCode, Reason, r);
+        return;
+      }
+      KXLONG r = tryGet(*c, *o, a);
+      if (r == 0) return setResult(CompCode, Reason, KXCC_OK, 0);
+      if (r == KXRC_TRUNCATED_MSG_ACCEPTED) return setResult(CompCode, Reason, KXCC_WARNING, r);
+      if (r == KXRC_TRUNCATED_MSG_FAILED) {
+        failed(CompCode, Reason, r);
+        return;
+      }
+      if (r != KXRC_NO_MSG_AVAILABLE || !(a.gmo->Options & KXGMO_WAIT)) {
+        failed(CompCode, Reason, r);
+        return;
+      }
+      // Wait: poll with short sleeps, without the lock, until a message comes or time is up.
+      int64_t now = nowUs();
+      if (deadline < 0)
+        deadline = a.gmo->WaitInterval == KXWI_UNLIMITED
+                       ? INT64_MAX
+                       : now + int64_t(a.gmo->WaitInterval) * 1000;
+      if (now >= deadline) {
+        failed(CompCode, Reason, r);
+        return;
+      }
+      lock.unlock();
+      int64_t nap = std::min<int64_t>(int64_t(sleepMs) * 1000, deadline - now);
+      usleep(useconds_t(nap));
+      sleepMs = std::min(sleepMs * 2, 20);
+      lock.lock();
+    }
+  });
+}
+
+KXENTRY void KXPUT(KXHCONN Hconn, KXHOBJ Hobj, KXMD* MsgDesc, KXPMO* PutMsgOpts,
+                   KXLONG BufferLength, void* Buffer, KXLONG* CompCode, KXLONG* Reason) {
+  guarded(CompCode, Reason, [&] {
+    std::lock_guard<std::mutex> lock(gLock);
     Connection* c = findConnection(Hconn);
     if (!c) {
       failed(CompCode, Reason, KXRC_HCONN_ERROR);
@@ -741,244 +813,212 @@ KXENTRY void KXGET(KXHCONN Hconn, KXHOBJ Hobj, KXMD* MsgDesc, KXGMO* GetMsgOpts,
       failed(CompCode, Reason, KXRC_HOBJ_ERROR);
       return;
     }
-    if (KXLONG r = checkGet(*o, a)) {
+    if (KXLONG r = putMessage(*c, *o, MsgDesc, PutMsgOpts, BufferLength, Buffer)) {
       failed(CompCode, Reason, r);
       return;
     }
-    KXLONG r = tryGet(*c, *o, a);
-    if (r == 0) return setResult(CompCode, Reason, KXCC_OK, 0);
-    if (r == KXRC_TRUNCATED_MSG_ACCEPTED) return setResult(CompCode, Reason, KXCC_WARNING, r);
-    if (r == KXRC_TRUNCATED_MSG_FAILED) {
-      failed(CompCode, Reason, r);
-      return;
-    }
-    if (r != KXRC_NO_MSG_AVAILABLE || !(a.gmo->Options & KXGMO_WAIT)) {
-      failed(CompCode, Reason, r);
-      return;
-    }
-    // Wait: poll with short sleeps, without the lock, until a message comes or time is up.
-    int64_t now = nowUs();
-    if (deadline < 0)
-      deadline = a.gmo->WaitInterval == KXWI_UNLIMITED ? INT64_MAX
-                                                        : now + int64_t(a.gmo->WaitInterval) * 1000;
-    if (now >= deadline) {
-      failed(CompCode, Reason, r);
-      return;
-    }
-    lock.unlock();
-    int64_t nap = std::min<int64_t>(int64_t(sleepMs) * 1000, deadline - now);
-    usleep(useconds_t(nap));
-    sleepMs = std::min(sleepMs * 2, 20);
-    lock.lock();
-  }
-}
-
-KXENTRY void KXPUT(KXHCONN Hconn, KXHOBJ Hobj, KXMD* MsgDesc, KXPMO* PutMsgOpts,
-                   KXLONG BufferLength, void* Buffer, KXLONG* CompCode, KXLONG* Reason) {
-  std::lock_guard<std::mutex> lock(gLock);
-  Connection* c = findConnection(Hconn);
-  if (!c) {
-    failed(CompCode, Reason, KXRC_HCONN_ERROR);
-    return;
-  }
-  Object* o = findObject(*c, Hobj);
-  if (!o) {
-    failed(CompCode, Reason, KXRC_HOBJ_ERROR);
-    return;
-  }
-  if (KXLONG r = putMessage(*c, *o, MsgDesc, PutMsgOpts, BufferLength, Buffer)) {
-    failed(CompCode, Reason, r);
-    return;
-  }
-  setResult(CompCode, Reason, KXCC_OK, 0);
+    setResult(CompCode, Reason, KXCC_OK, 0);
+  });
 }
 
 KXENTRY void KXPUT1(KXHCONN Hconn, KXOD* ObjDesc, KXMD* MsgDesc, KXPMO* PutMsgOpts,
                     KXLONG BufferLength, void* Buffer, KXLONG* CompCode, KXLONG* Reason) {
-  std::lock_guard<std::mutex> lock(gLock);
-  Connection* c = findConnection(Hconn);
-  if (!c) {
-    failed(CompCode, Reason, KXRC_HCONN_ERROR);
-    return;
-  }
-  KXHOBJ h = -1;
-  KXLONG r = openQueue(*c, ObjDesc, KXOO_OUTPUT, &h);
-  if (r == 0) {
-    r = putMessage(*c, *findObject(*c, h), MsgDesc, PutMsgOpts, BufferLength, Buffer);
-    c->objects[size_t(h) - 1].reset();
-  }
-  if (r) {
-    failed(CompCode, Reason, r);
-    return;
-  }
-  setResult(CompCode, Reason, KXCC_OK, 0);
+  guarded(CompCode, Reason, [&] {
+    std::lock_guard<std::mutex> lock(gLock);
+    Connection* c = findConnection(Hconn);
+    if (!c) {
+      failed(CompCode, Reason, KXRC_HCONN_ERROR);
+      return;
+    }
+    KXHOBJ h = -1;
+    KXLONG r = openQueue(*c, ObjDesc, KXOO_OUTPUT, &h);
+    if (r == 0) {
+      r = putMessage(*c, *findObject(*c, h), MsgDesc, PutMsgOpts, BufferLength, Buffer);
+      c->objects[size_t(h) - 1].reset();
+    }
+    if (r) {
+      failed(CompCode, Reason, r);
+      return;
+    }
+    setResult(CompCode, Reason, KXCC_OK, 0);
+  });
 }
 
 KXENTRY void KXINQ(KXHCONN Hconn, KXHOBJ Hobj, KXLONG SelectorCount, KXLONG* Selectors,
-                   KXLONG IntAttrCount, KXLONG* IntAttrs, KXLONG CharAttrLength,
-                   KXCHAR* CharAttrs, KXLONG* CompCode, KXLONG* Reason) {
-  std::lock_guard<std::mutex> lock(gLock);
-  Connection* c = findConnection(Hconn);
-  if (!c) {
-    failed(CompCode, Reason, KXRC_HCONN_ERROR);
-    return;
-  }
-  Object* o = findObject(*c, Hobj);
-  if (!o) {
-    failed(CompCode, Reason, KXRC_HOBJ_ERROR);
-    return;
-  }
-  if (!(o->options & KXOO_INQUIRE)) {
-    failed(CompCode, Reason, KXRC_NOT_OPEN_FOR_INQUIRE);
-    return;
-  }
-  if (SelectorCount < 0 || (SelectorCount > 0 && !Selectors)) {
-    failed(CompCode, Reason, KXRC_SELECTOR_COUNT_ERROR);
-    return;
-  }
-  if (IntAttrCount < 0 || (IntAttrCount > 0 && !IntAttrs)) {
-    failed(CompCode, Reason, KXRC_INT_ATTR_COUNT_ERROR);
-    return;
-  }
-  if (CharAttrLength < 0 || (CharAttrLength > 0 && !CharAttrs)) {
-    failed(CompCode, Reason, KXRC_CHAR_ATTR_LENGTH_ERROR);
-    return;
-  }
-  KXLONG ints = 0, chars = 0;
-  for (KXLONG i = 0; i < SelectorCount; ++i) {
-    KXLONG sel = Selectors[i];
-    if (sel == KXCA_Q_NAME) {
-      if (chars + kNameLength > CharAttrLength) {
-        failed(CompCode, Reason, KXRC_CHAR_ATTR_LENGTH_ERROR);
-        return;
-      }
-      memset(CharAttrs + chars, ' ', kNameLength);
-      memcpy(CharAttrs + chars, o->name.data(), o->name.size());
-      chars += kNameLength;
-      continue;
-    }
-    if (sel != KXIA_CURRENT_Q_DEPTH && sel != KXIA_MAX_MSG_LENGTH) {
-      failed(CompCode, Reason, KXRC_SELECTOR_ERROR);
+                   KXLONG IntAttrCount, KXLONG* IntAttrs, KXLONG CharAttrLength, KXCHAR* CharAttrs,
+                   KXLONG* CompCode, KXLONG* Reason) {
+  guarded(CompCode, Reason, [&] {
+    std::lock_guard<std::mutex> lock(gLock);
+    Connection* c = findConnection(Hconn);
+    if (!c) {
+      failed(CompCode, Reason, KXRC_HCONN_ERROR);
       return;
     }
-    if (ints >= IntAttrCount) {
+    Object* o = findObject(*c, Hobj);
+    if (!o) {
+      failed(CompCode, Reason, KXRC_HOBJ_ERROR);
+      return;
+    }
+    if (!(o->options & KXOO_INQUIRE)) {
+      failed(CompCode, Reason, KXRC_NOT_OPEN_FOR_INQUIRE);
+      return;
+    }
+    if (SelectorCount < 0 || (SelectorCount > 0 && !Selectors)) {
+      failed(CompCode, Reason, KXRC_SELECTOR_COUNT_ERROR);
+      return;
+    }
+    if (IntAttrCount < 0 || (IntAttrCount > 0 && !IntAttrs)) {
       failed(CompCode, Reason, KXRC_INT_ATTR_COUNT_ERROR);
       return;
     }
-    if (sel == KXIA_MAX_MSG_LENGTH) {
-      IntAttrs[ints++] = KXLONG(o->maxLength);
-      continue;
-    }
-    sqlite3_stmt* s = c->store.depth;
-    Use use(s);
-    sqlite3_bind_int64(s, 1, o->qid);
-    int rc = sqlite3_step(s);
-    if (rc != SQLITE_ROW) {
-      failed(CompCode, Reason, reasonOf(rc));
+    if (CharAttrLength < 0 || (CharAttrLength > 0 && !CharAttrs)) {
+      failed(CompCode, Reason, KXRC_CHAR_ATTR_LENGTH_ERROR);
       return;
     }
-    IntAttrs[ints++] = KXLONG(std::min<int64_t>(sqlite3_column_int64(s, 0), INT32_MAX));
-  }
-  setResult(CompCode, Reason, KXCC_OK, 0);
+    KXLONG ints = 0, chars = 0;
+    for (KXLONG i = 0; i < SelectorCount; ++i) {
+      KXLONG sel = Selectors[i];
+      if (sel == KXCA_Q_NAME) {
+        if (chars + kNameLength > CharAttrLength) {
+          failed(CompCode, Reason, KXRC_CHAR_ATTR_LENGTH_ERROR);
+          return;
+        }
+        memset(CharAttrs + chars, ' ', kNameLength);
+        memcpy(CharAttrs + chars, o->name.data(), o->name.size());
+        chars += kNameLength;
+        continue;
+      }
+      if (sel != KXIA_CURRENT_Q_DEPTH && sel != KXIA_MAX_MSG_LENGTH) {
+        failed(CompCode, Reason, KXRC_SELECTOR_ERROR);
+        return;
+      }
+      if (ints >= IntAttrCount) {
+        failed(CompCode, Reason, KXRC_INT_ATTR_COUNT_ERROR);
+        return;
+      }
+      if (sel == KXIA_MAX_MSG_LENGTH) {
+        IntAttrs[ints++] = KXLONG(o->maxLength);
+        continue;
+      }
+      sqlite3_stmt* s = c->store.depth;
+      Use use(s);
+      sqlite3_bind_int64(s, 1, o->qid);
+      int rc = sqlite3_step(s);
+      if (rc != SQLITE_ROW) {
+        failed(CompCode, Reason, reasonOf(rc));
+        return;
+      }
+      IntAttrs[ints++] = KXLONG(std::min<int64_t>(sqlite3_column_int64(s, 0), INT32_MAX));
+    }
+    setResult(CompCode, Reason, KXCC_OK, 0);
+  });
 }
 
 KXENTRY void KXSET(KXHCONN Hconn, KXHOBJ Hobj, KXLONG SelectorCount, KXLONG* Selectors,
-                   KXLONG IntAttrCount, KXLONG* IntAttrs, KXLONG CharAttrLength,
-                   KXCHAR* CharAttrs, KXLONG* CompCode, KXLONG* Reason) {
-  std::lock_guard<std::mutex> lock(gLock);
-  Connection* c = findConnection(Hconn);
-  if (!c) {
-    failed(CompCode, Reason, KXRC_HCONN_ERROR);
-    return;
-  }
-  Object* o = findObject(*c, Hobj);
-  if (!o) {
-    failed(CompCode, Reason, KXRC_HOBJ_ERROR);
-    return;
-  }
-  if (!(o->options & KXOO_SET)) {
-    failed(CompCode, Reason, KXRC_NOT_OPEN_FOR_SET);
-    return;
-  }
-  if (SelectorCount < 0 || (SelectorCount > 0 && !Selectors)) {
-    failed(CompCode, Reason, KXRC_SELECTOR_COUNT_ERROR);
-    return;
-  }
-  if (IntAttrCount < SelectorCount || (IntAttrCount > 0 && !IntAttrs)) {
-    failed(CompCode, Reason, KXRC_INT_ATTR_COUNT_ERROR);
-    return;
-  }
-  // Only the maximum message length can be set.
-  for (KXLONG i = 0; i < SelectorCount; ++i) {
-    if (Selectors[i] != KXIA_MAX_MSG_LENGTH) {
-      failed(CompCode, Reason, KXRC_SELECTOR_ERROR);
+                   KXLONG IntAttrCount, KXLONG* IntAttrs, KXLONG CharAttrLength, KXCHAR* CharAttrs,
+                   KXLONG* CompCode, KXLONG* Reason) {
+  guarded(CompCode, Reason, [&] {
+    std::lock_guard<std::mutex> lock(gLock);
+    Connection* c = findConnection(Hconn);
+    if (!c) {
+      failed(CompCode, Reason, KXRC_HCONN_ERROR);
       return;
     }
-    if (IntAttrs[i] < 0 || IntAttrs[i] > 999000000) {
-      failed(CompCode, Reason, KXRC_OPTIONS_ERROR);
+    Object* o = findObject(*c, Hobj);
+    if (!o) {
+      failed(CompCode, Reason, KXRC_HOBJ_ERROR);
       return;
     }
-  }
-  for (KXLONG i = 0; i < SelectorCount; ++i) {
-    sqlite3_stmt* s = c->store.setMaxLen;
-    Use use(s);
-    sqlite3_bind_int64(s, 1, o->qid);
-    sqlite3_bind_int64(s, 2, IntAttrs[i]);
-    int rc = sqlite3_step(s);
-    if (rc != SQLITE_DONE) {
-      failed(CompCode, Reason, reasonOf(rc));
+    if (!(o->options & KXOO_SET)) {
+      failed(CompCode, Reason, KXRC_NOT_OPEN_FOR_SET);
       return;
     }
-    o->maxLength = IntAttrs[i];
-    ++c->writes;
-  }
-  setResult(CompCode, Reason, KXCC_OK, 0);
+    if (SelectorCount < 0 || (SelectorCount > 0 && !Selectors)) {
+      failed(CompCode, Reason, KXRC_SELECTOR_COUNT_ERROR);
+      return;
+    }
+    if (IntAttrCount < SelectorCount || (IntAttrCount > 0 && !IntAttrs)) {
+      failed(CompCode, Reason, KXRC_INT_ATTR_COUNT_ERROR);
+      return;
+    }
+    // Only the maximum message length can be set.
+    for (KXLONG i = 0; i < SelectorCount; ++i) {
+      if (Selectors[i] != KXIA_MAX_MSG_LENGTH) {
+        failed(CompCode, Reason, KXRC_SELECTOR_ERROR);
+        return;
+      }
+      if (IntAttrs[i] < 0 || IntAttrs[i] > 999000000) {
+        failed(CompCode, Reason, KXRC_OPTIONS_ERROR);
+        return;
+      }
+    }
+    for (KXLONG i = 0; i < SelectorCount; ++i) {
+      sqlite3_stmt* s = c->store.setMaxLen;
+      Use use(s);
+      sqlite3_bind_int64(s, 1, o->qid);
+      sqlite3_bind_int64(s, 2, IntAttrs[i]);
+      int rc = sqlite3_step(s);
+      if (rc != SQLITE_DONE) {
+        failed(CompCode, Reason, reasonOf(rc));
+        return;
+      }
+      o->maxLength = IntAttrs[i];
+      ++c->writes;
+    }
+    setResult(CompCode, Reason, KXCC_OK, 0);
+  });
 }
 
 KXENTRY void KXBEGIN(KXHCONN Hconn, KXBO* BeginOpts, KXLONG* CompCode, KXLONG* Reason) {
-  std::lock_guard<std::mutex> lock(gLock);
-  if (!findConnection(Hconn)) {
-    failed(CompCode, Reason, KXRC_HCONN_ERROR);
-    return;
-  }
-  if (BeginOpts && !strucIdIs(BeginOpts->StrucId, "BO  ")) {
-    failed(CompCode, Reason, KXRC_BO_ERROR);
-    return;
-  }
-  if (BeginOpts && BeginOpts->Options != KXBO_NONE) {
-    failed(CompCode, Reason, KXRC_OPTIONS_ERROR);
-    return;
-  }
-  // A unit of work begins with the first get or put under syncpoint; nothing to do here.
-  setResult(CompCode, Reason, KXCC_OK, 0);
+  guarded(CompCode, Reason, [&] {
+    std::lock_guard<std::mutex> lock(gLock);
+    if (!findConnection(Hconn)) {
+      failed(CompCode, Reason, KXRC_HCONN_ERROR);
+      return;
+    }
+    if (BeginOpts && !strucIdIs(BeginOpts->StrucId, "BO  ")) {
+      failed(CompCode, Reason, KXRC_BO_ERROR);
+      return;
+    }
+    if (BeginOpts && BeginOpts->Options != KXBO_NONE) {
+      failed(CompCode, Reason, KXRC_OPTIONS_ERROR);
+      return;
+    }
+    // A unit of work begins with the first get or put under syncpoint; nothing to do here.
+    setResult(CompCode, Reason, KXCC_OK, 0);
+  });
 }
 
 KXENTRY void KXCMIT(KXHCONN Hconn, KXLONG* CompCode, KXLONG* Reason) {
-  std::lock_guard<std::mutex> lock(gLock);
-  Connection* c = findConnection(Hconn);
-  if (!c) {
-    failed(CompCode, Reason, KXRC_HCONN_ERROR);
-    return;
-  }
-  if (KXLONG r = commitWork(*c)) {
-    failed(CompCode, Reason, r);
-    return;
-  }
-  setResult(CompCode, Reason, KXCC_OK, 0);
+  guarded(CompCode, Reason, [&] {
+    std::lock_guard<std::mutex> lock(gLock);
+    Connection* c = findConnection(Hconn);
+    if (!c) {
+      failed(CompCode, Reason, KXRC_HCONN_ERROR);
+      return;
+    }
+    if (KXLONG r = commitWork(*c)) {
+      failed(CompCode, Reason, r);
+      return;
+    }
+    setResult(CompCode, Reason, KXCC_OK, 0);
+  });
 }
 
 KXENTRY void KXBACK(KXHCONN Hconn, KXLONG* CompCode, KXLONG* Reason) {
-  std::lock_guard<std::mutex> lock(gLock);
-  Connection* c = findConnection(Hconn);
-  if (!c) {
-    failed(CompCode, Reason, KXRC_HCONN_ERROR);
-    return;
-  }
-  if (KXLONG r = backOut(*c)) {
-    failed(CompCode, Reason, r);
-    return;
-  }
-  setResult(CompCode, Reason, KXCC_OK, 0);
+  guarded(CompCode, Reason, [&] {
+    std::lock_guard<std::mutex> lock(gLock);
+    Connection* c = findConnection(Hconn);
+    if (!c) {
+      failed(CompCode, Reason, KXRC_HCONN_ERROR);
+      return;
+    }
+    if (KXLONG r = backOut(*c)) {
+      failed(CompCode, Reason, r);
+      return;
+    }
+    setResult(CompCode, Reason, KXCC_OK, 0);
+  });
 }
 
 }  // extern "C"

@@ -141,9 +141,9 @@ int64_t processStart(pid_t pid) {
 }
 
 Store::~Store() {
-  for (sqlite3_stmt* s : {next, dataOf, insert, remove, mark, findQueue, depth, setMaxLen,
-                          commitPuts, commitGets, backPuts, backGets, begin_, beginImmediate_,
-                          commit_, rollback_, dataVersion_})
+  for (sqlite3_stmt* s :
+       {next, dataOf, insert, remove, mark, findQueue, depth, setMaxLen, commitPuts, commitGets,
+        backPuts, backGets, begin_, beginImmediate_, commit_, rollback_, dataVersion_})
     sqlite3_finalize(s);
   if (db_) sqlite3_close_v2(db_);
 }
@@ -196,8 +196,8 @@ int32_t Store::open(const std::string& qmgr, std::string& why) {
     why = "no access to " + file + ": " + strerror(errno);
     return KXRC_NOT_AUTHORIZED;
   }
-  int rc = sqlite3_open_v2(file.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX,
-                           nullptr);
+  int rc =
+      sqlite3_open_v2(file.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
   if (rc != SQLITE_OK) {
     why = "cannot open " + file + ": " + lastError();
     return KXRC_Q_MGR_NOT_AVAILABLE;
@@ -241,10 +241,12 @@ int32_t Store::open(const std::string& qmgr, std::string& why) {
       {&findQueue, "SELECT id, max_len FROM queues WHERE name = ?1"},
       {&depth, "SELECT count(*) FROM messages WHERE qid = ?1 AND state IN (0, 2)"},
       {&setMaxLen, "UPDATE queues SET max_len = ?2 WHERE id = ?1"},
-      {&commitPuts, "UPDATE messages SET state = 0, owner = 0 WHERE owner = ?1 AND state = 1 AND owner <> 0"},
+      {&commitPuts,
+       "UPDATE messages SET state = 0, owner = 0 WHERE owner = ?1 AND state = 1 AND owner <> 0"},
       {&commitGets, "DELETE FROM messages WHERE owner = ?1 AND state = 2 AND owner <> 0"},
       {&backPuts, "DELETE FROM messages WHERE owner = ?1 AND state = 1 AND owner <> 0"},
-      {&backGets, "UPDATE messages SET state = 0, owner = 0 WHERE owner = ?1 AND state = 2 AND owner <> 0"},
+      {&backGets,
+       "UPDATE messages SET state = 0, owner = 0 WHERE owner = ?1 AND state = 2 AND owner <> 0"},
       {&begin_, "BEGIN"},
       {&beginImmediate_, "BEGIN IMMEDIATE"},
       {&commit_, "COMMIT"},
@@ -278,16 +280,16 @@ int32_t Store::create(const std::string& qmgr, std::string& why) {
   // manager is never seen.
   std::string tmp = file + ".new." + std::to_string(getpid());
   sqlite3* db = nullptr;
-  int rc = sqlite3_open_v2(tmp.c_str(), &db,
-                           SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_EXCLUSIVE,
-                           nullptr);
-  if (rc == SQLITE_OK) rc = sqlite3_exec(db, "PRAGMA journal_mode=DELETE;", nullptr, nullptr, nullptr);
+  int rc =
+      sqlite3_open_v2(tmp.c_str(), &db,
+                      SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_EXCLUSIVE, nullptr);
+  if (rc == SQLITE_OK)
+    rc = sqlite3_exec(db, "PRAGMA journal_mode=DELETE;", nullptr, nullptr, nullptr);
   if (rc == SQLITE_OK) {
     std::string sql = std::string("BEGIN;") + kSchema + "COMMIT;";
     rc = sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr);
   }
-  if (rc == SQLITE_OK)
-    rc = sqlite3_exec(db, "PRAGMA journal_mode=WAL;", nullptr, nullptr, nullptr);
+  if (rc == SQLITE_OK) rc = sqlite3_exec(db, "PRAGMA journal_mode=WAL;", nullptr, nullptr, nullptr);
   std::string err = db ? sqlite3_errmsg(db) : "out of memory";
   sqlite3_close_v2(db);
   if (rc != SQLITE_OK) {
