@@ -63,9 +63,9 @@ class MsgReader {
   int32_t fix16(size_t at, uint16_t& v, const char* field) { return fix(at, v, field); }
   int32_t fix32(size_t at, uint32_t& v, const char* field) { return fix(at, v, field); }
   int32_t fix64(size_t at, uint64_t& v, const char* field) { return fix(at, v, field); }
-  int32_t fix16(size_t at, const char* field) { uint16_t v; return fix(at, v, field); }
-  int32_t fix32(size_t at, const char* field) { uint32_t v; return fix(at, v, field); }
-  int32_t fix64(size_t at, const char* field) { uint64_t v; return fix(at, v, field); }
+  int32_t fix16(size_t at, const char* field) { uint16_t v = 0; return fix(at, v, field); }
+  int32_t fix32(size_t at, const char* field) { uint32_t v = 0; return fix(at, v, field); }
+  int32_t fix64(size_t at, const char* field) { uint64_t v = 0; return fix(at, v, field); }
 
   // n bytes at `at`.
   int32_t bytes(size_t at, size_t n, const uint8_t*& p, const char* field) const {
