@@ -71,7 +71,6 @@ struct Connection {
   std::string token;  // names this connection's units of work on the server
   Link link;
   Link watch;  // subscribed to the change channels of browsed queues
-  bool watchFailed = false;
   std::vector<std::string> watched;
   bool closed = false;
   Script get{kGetScript, {}}, browse{kBrowseScript, {}}, put{kPutScript, {}}, end{kEndScript, {}},
@@ -177,34 +176,38 @@ void dropBatches(Connection& c, const std::string& ch) {
     if (o && o->keys.c == ch) o->batch.reset();
 }
 
-// Makes sure the queue's changes are heard before its batch is trusted, and takes in the
-// changes heard so far. False when there is no listener: the batch must not be trusted.
+// Takes in the changes heard so far. A listener that lost its connection may have missed
+// some: every batch is dropped and the listener is opened again by the next browse.
+void takeChanges(Connection& c) {
+  if (!c.watch.usable()) return;
+  std::vector<std::string> channels;
+  bool ok = c.watch.pollMessages(channels);
+  for (const std::string& ch : channels) dropBatches(c, ch);
+  if (!ok) {
+    c.watched.clear();
+    for (auto& o : c.objects)
+      if (o) o->batch.reset();
+  }
+}
+
+// Makes sure the queue's changes are heard before its batch is trusted. False when there is
+// no listener: the caller must not read ahead.
 bool watchChanges(Connection& c, Object& o) {
-  if (c.watchFailed) return false;
+  takeChanges(c);
   if (!c.watch.usable()) {
     std::string why;
     c.watched.clear();
-    if (c.watch.open(c.link.address(), why) != 0) {
-      c.watchFailed = true;
-      return false;
-    }
+    if (c.watch.open(c.link.address(), why) != 0) return false;
   }
   if (std::find(c.watched.begin(), c.watched.end(), o.keys.c) == c.watched.end()) {
     Reply r = c.watch.command({"SUBSCRIBE", o.keys.c});
     if (!r || r->type != REDIS_REPLY_ARRAY) {
       c.watch.close();
-      c.watchFailed = true;
       return false;
     }
     c.watched.push_back(o.keys.c);
-    o.batch.reset();  // read before anyone listened
+    dropBatches(c, o.keys.c);  // read before anyone listened
   }
-  std::vector<std::string> channels;
-  if (!c.watch.pollMessages(channels)) {
-    c.watchFailed = true;
-    return false;
-  }
-  for (const std::string& ch : channels) dropBatches(c, ch);
   return true;
 }
 
@@ -285,10 +288,11 @@ KXLONG getDestructive(Connection& c, Object& o, const GetArgs& a, bool syncpoint
   return reason;
 }
 
-// Reads the next browse batch after `from` (an id, or empty for the start of the queue).
-KXLONG fetchBatch(Connection& c, Object& o, const std::string& from) {
+// Reads the next browse batch after `from` (an id, or empty for the start of the queue); a
+// browse whose queue is not watched reads one message at a time.
+KXLONG fetchBatch(Connection& c, Object& o, const std::string& from, bool ahead = true) {
   std::string start = from.empty() ? "-" : "(" + from;
-  std::string count = std::to_string(o.batchSize);
+  std::string count = std::to_string(ahead ? o.batchSize : 1);
   std::string cap = std::to_string(kBatchByteCap);
   std::string owners = c.prefix + "owners";
   o.batch.reset();
@@ -308,11 +312,12 @@ KXLONG fetchBatch(Connection& c, Object& o, const std::string& from) {
 
 // Browse without match options: the next message of the batch, reading batches as needed.
 KXLONG browseNext(Connection& c, Object& o, const GetArgs& a) {
-  if (!watchChanges(c, o)) o.batch.reset();
+  bool ahead = watchChanges(c, o);
+  if (!ahead) o.batch.reset();
   bool fetched = false;
   if (!o.batch) {
     o.scanEnd = o.cursor;
-    if (KXLONG r = fetchBatch(c, o, o.cursor)) return r;
+    if (KXLONG r = fetchBatch(c, o, o.cursor, ahead)) return r;
     fetched = true;
   }
   for (;;) {
@@ -326,7 +331,7 @@ KXLONG browseNext(Connection& c, Object& o, const GetArgs& a) {
     }
     // The batch is used up: a fresh batch that scanned nothing means the end of the queue.
     if (fetched && text(o.batch->element[0]).empty()) return KXRC_NO_MSG_AVAILABLE;
-    if (KXLONG r = fetchBatch(c, o, o.scanEnd)) return r;
+    if (KXLONG r = fetchBatch(c, o, o.scanEnd, ahead)) return r;
     fetched = true;
   }
 }
@@ -554,6 +559,7 @@ void withConnection(KXHCONN h, KXLONG* cc, KXLONG* rc, Fn fn) {
   std::lock_guard<std::mutex> lock(c->mutex);
   if (c->closed) return failed(cc, rc, KXRC_HCONN_ERROR);
   if (!c->link.usable()) return failed(cc, rc, KXRC_Q_MGR_NOT_AVAILABLE);
+  takeChanges(*c);  // keeps the listener's socket from filling up
   KXLONG r = fn(*c);
   if (r == 0) return setResult(cc, rc, KXCC_OK, 0);
   if (r == KXRC_TRUNCATED_MSG_ACCEPTED) return setResult(cc, rc, KXCC_WARNING, r);

@@ -2,6 +2,8 @@
 #include "kx/client/link.h"
 
 #include <poll.h>
+#include <pthread.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <sys/time.h>
 
@@ -23,6 +25,38 @@ timeval toTimeval(int ms) {
 }
 
 bool startsWith(std::string_view s, std::string_view p) { return s.substr(0, p.size()) == p; }
+
+// Writing to a server that went away raises SIGPIPE, which would end the calling program:
+// the signal is blocked while a command is written and read, and a SIGPIPE raised meanwhile
+// is taken off the thread before the old mask comes back.
+class NoSigpipe {
+ public:
+  NoSigpipe() {
+    sigemptyset(&pipe_);
+    sigaddset(&pipe_, SIGPIPE);
+    sigset_t pending;
+    sigpending(&pending);
+    pendingBefore_ = sigismember(&pending, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipe_, &old_);
+  }
+  ~NoSigpipe() {
+    if (!pendingBefore_) {
+      sigset_t pending;
+      sigpending(&pending);
+      if (sigismember(&pending, SIGPIPE)) {
+        timespec zero{0, 0};
+        sigtimedwait(&pipe_, nullptr, &zero);
+      }
+    }
+    pthread_sigmask(SIG_SETMASK, &old_, nullptr);
+  }
+  NoSigpipe(const NoSigpipe&) = delete;
+  NoSigpipe& operator=(const NoSigpipe&) = delete;
+
+ private:
+  sigset_t pipe_, old_;
+  bool pendingBefore_ = false;
+};
 
 // Applies the options after the address on a configuration line.
 bool applyOption(std::string_view opt, ServerAddress& out) {
@@ -214,6 +248,7 @@ Reply Link::command(const std::vector<std::string_view>& args) {
     argv[i] = args[i].data();
     lens[i] = args[i].size();
   }
+  NoSigpipe guard;
   void* r = redisCommandArgv(ctx_, int(args.size()), argv.data(), lens.data());
   if (!r) {
     fail();
@@ -240,6 +275,7 @@ std::vector<Reply> Link::pipeline(const std::vector<std::vector<std::string_view
       return out;
     }
   }
+  NoSigpipe guard;
   for (size_t i = 0; i < commands.size(); ++i) {
     void* r = nullptr;
     if (redisGetReply(ctx_, &r) != REDIS_OK || !r) {

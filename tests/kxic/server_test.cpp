@@ -84,10 +84,15 @@ TEST(KxicServer, ARestartBetweenTwoGetsFailsTheGetThenTheNextConnectReconnects) 
   EXPECT_EQ(get(h2, o2, 0).data, numbered(1));
   EXPECT_EQ(disconnect(h).cc, KXCC_OK);
   EXPECT_EQ(get(h2, o2, 0).data, numbered(2));
-  disconnect(h2);
 
-  // A server that went away for good: the connect fails with 2059.
+  // A server that went away for good: a long put is a reason (the broken pipe does not end the
+  // program), and so is the next connect.
+  KXHOBJ out = open(h2, "Q", KXOO_OUTPUT);
+  ASSERT_EQ(put(h2, out, "before").cc, KXCC_OK);
   server.stop();
+  Result p = put(h2, out, std::string(8 << 20, 'p'));
+  EXPECT_EQ(p.rc, KXRC_Q_MGR_NOT_AVAILABLE);
+  EXPECT_EQ(disconnect(h2).cc, KXCC_OK);
   connect("QMR", &r);
   EXPECT_EQ(r.rc, KXRC_Q_MGR_NOT_AVAILABLE);
 }
