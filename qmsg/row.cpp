@@ -275,6 +275,7 @@ void fixTransRow(MsgReader& r, size_t at, uint16_t version) {
   row.u8(6, operation, "");
   row.u8(7, bafter, "");
   if (operation == kOpMassiveStmt) return;  // the statement chunk printer swaps its chunk
+  if (version == 0) return;  // its column sets would start on the row header itself
   size_t pos = rowColumnSetsOffset(version);
   for (const SetKind& kind : kSetKinds) {
     if (!(bafter & kind.bit)) continue;

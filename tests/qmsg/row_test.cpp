@@ -2,6 +2,7 @@
 // print form by column type, spilled rows, and the same transaction from two senders.
 #include <cstdlib>
 #include <ctime>
+#include <random>
 
 #include "qmsg/values.h"
 #include "tests/qmsg/data_golden.h"
@@ -461,6 +462,32 @@ TEST_F(Rows, TruncationIsReportedNeverReadPast) {
     r2.keyBefore = std::vector<ColValue>{valInteger(1, s.order)};
     r2.colsAfter = std::vector<ColValue>{valText("abc", s.ccsid)};
     expectTruncationReported(encodeSpilledRowMsg(8, r2, s.order, s.ccsid), s);
+  }
+}
+
+// Corrupted bytes anywhere in a schema-backed transaction (and in the schema itself) are
+// reported or printed as they stand, never read past (run under the address sanitizer).
+TEST_F(Rows, CorruptedMessagesAreReportedNotReadPast) {
+  std::mt19937 rng(20261121);
+  for (Sender s : {kLittleUtf8, kBigEbcdic}) {
+    SchemaMsgDef schema = typesSchema(s.ccsid);
+    Bytes schemaMsg = encodeSchemaMsg(schema, s.order, s.ccsid);
+    TransMsgDef t;
+    RowDef r = typesRow(s);
+    r.batched = BatchedTransHeaderDef{};
+    (*r.colsAfter)[1].longOffset = true;
+    t.rows = {r, typesRow(s, 64)};
+    Bytes trans = encodeTransMsg(t, s.order, s.ccsid);
+    for (int i = 0; i < 400; ++i) {
+      Bytes sc = schemaMsg, tx = trans;
+      Bytes& victim = i % 4 == 0 ? sc : tx;
+      for (int k = 0; k < 1 + i % 3; ++k)
+        victim[rng() % victim.size()] = static_cast<uint8_t>(rng());
+      releaseSchemaCache();
+      decodeAs(sc, s.order, s.ccsid);
+      Decoded d = decodeAs(tx, s.order, s.ccsid);
+      if (d.rc != 0) EXPECT_NE(d.reports, "") << i;
+    }
   }
 }
 
