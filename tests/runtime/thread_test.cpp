@@ -104,7 +104,8 @@ void miniMain(void (*work)()) {
 
 void nullWrite() {
   // A store to the unmapped first page (not null itself, so that no sanitizer stops it first).
-  volatile int* p = reinterpret_cast<volatile int*>(static_cast<uintptr_t>(8));
+  static volatile uintptr_t badAddress = 8;  // read at run time so the compiler cannot see it
+  volatile int* p = reinterpret_cast<volatile int*>(badAddress);
   *p = 1;
 }
 void divideByZero() { raise(SIGFPE); }
