@@ -279,10 +279,9 @@ int32_t Store::create(const std::string& qmgr, std::string& why) {
   // Build the database under a temporary name and rename it, so that a half-created queue
   // manager is never seen.
   std::string tmp = file + ".new." + std::to_string(getpid());
+  for (const char* suffix : {"", "-wal", "-shm", "-journal"}) unlink((tmp + suffix).c_str());
   sqlite3* db = nullptr;
-  int rc =
-      sqlite3_open_v2(tmp.c_str(), &db,
-                      SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_EXCLUSIVE, nullptr);
+  int rc = sqlite3_open_v2(tmp.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
   if (rc == SQLITE_OK)
     rc = sqlite3_exec(db, "PRAGMA journal_mode=DELETE;", nullptr, nullptr, nullptr);
   if (rc == SQLITE_OK) {
