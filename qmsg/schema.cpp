@@ -50,7 +50,9 @@ int32_t printColSchema(QMsg& m, size_t at, bool partKey) {
 
   std::fprintf(m.out, "  col.colname:  %.*s\n", name.size(), name.data());
   std::fprintf(m.out, "  col.coltype:  %d = %s\n", coltype, columnTypeName(coltype));
-  if ((coltype & ~1u) != kColDecimal) {
+  // Code 504 carries a packed decimal too: its length word holds precision and scale.
+  const uint16_t base = coltype & ~1u;
+  if (base != kColDecimal && base != kColDecimal504) {
     std::fprintf(m.out, "  col.typelen:  %d\n", static_cast<int32_t>(typelen));
   } else if (!m.swap()) {
     // A swapped descriptor has its precision and scale bytes moved by the u32 swap.
