@@ -178,6 +178,14 @@ class Putter {
     return kExitOk;
   }
 
+  // Drops the messages put since the last commit (after a failure).
+  void backout() {
+    if (pending_ == 0 || hconn_ == -1) return;
+    KXLONG cc = 0, rc = 0;
+    KXBACK(hconn_, &cc, &rc);
+    pending_ = 0;
+  }
+
   void close() {
     KXLONG cc = 0, rc = 0;
     if (hobj_ != -1) KXCLOSE(hconn_, &hobj_, KXCO_NONE, &cc, &rc);
@@ -457,6 +465,7 @@ int main(int argc, char** argv) {
   auto start = std::chrono::steady_clock::now();
   rc = o.scenario == "bench" ? runBench(o, p) : runDemo(o, p);
   double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  if (rc != kExitOk) p.backout();
   p.close();
   if (rc != kExitOk) return rc;
   std::printf("rplqmgen: put %" PRIu64 " messages (%" PRIu64 " bytes) on %s in %.2f s\n", p.count(), p.bytes(),
