@@ -18,6 +18,11 @@
 
 #include "kx/kxc.h"
 #include "tools/gen/encode_data.h"
+#include "tools/gen/encode_file_transfer.h"
+#include "tools/gen/encode_lifecycle.h"
+#include "tools/gen/encode_queue_control.h"
+#include "tools/gen/encode_restart.h"
+#include "tools/gen/encode_schema_change.h"
 
 namespace {
 
@@ -302,9 +307,17 @@ RowDef demoRow(uint8_t op, const DemoValues* before, const DemoValues* after, co
 
 // Control messages of the demo: the restart, heartbeat, create-subscription, schema-change and
 // file-transfer families append their messages here as their encoders are written.
+// Control traffic beside the data: the capture program's restart message, a heartbeat, a new
+// subscription, a schema change and a file-transfer payload. The restart message and the
+// file-transfer counts travel in the capture program's own byte order and are never swapped by
+// the reader, so they are sent only by a little-endian sender (this machine's order).
 void appendControlDemo(std::vector<Bytes>& msgs, const Options& o) {
-  (void)msgs;
-  (void)o;
+  const bool native = o.order == ByteOrder::Little;
+  if (native) msgs.push_back(sampleRestartMsg(o.order, o.ccsid).bytes());
+  msgs.push_back(sampleHeartbeatMsg(o.order, o.ccsid).bytes());
+  msgs.push_back(sampleCreateSubMsg(o.order, o.ccsid).bytes());
+  msgs.push_back(sampleAddColumnMsg(o.order, o.ccsid).bytes());
+  if (native) msgs.push_back(sampleXfPayloadMsg(o.order, o.ccsid).bytes());
 }
 
 std::vector<Bytes> demoMessages(const Options& o) {
