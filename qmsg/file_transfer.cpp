@@ -59,12 +59,6 @@ constexpr size_t kChunkOrder = 108;
 constexpr size_t kChunkLsnArea = 64;
 constexpr size_t kChunkUowArea = 50;
 
-// The header lines; a header that cannot be printed is reported for the message's printer.
-int32_t printHeader(QMsg& m, const char* step) {
-  int32_t rc = qMsgHeader::printLines(m, true);
-  if (rc != 0) reportFailure(step, "qMsgHeader::printMe", rc, "Cannot print message header");
-  return rc;
-}
 
 // Swaps the chunk's integers into machine order (when the sender's order differs).
 int32_t fixChunk(MsgReader& c, uint16_t version) {
@@ -179,7 +173,7 @@ int32_t printXfPayloadMsg(QMsg& m) {
   RPL_TRACE(kCompPrinters, 170);
   uint16_t version = 0;
   uint32_t numChunks = 0;
-  int32_t rc = printHeader(m, "xfPayloadMsg::printMe");
+  int32_t rc = qMsgHeader::printFor(m, "xfPayloadMsg::printMe");
   if (rc == 0) rc = m.version(version);
   if (rc == 0) rc = m.r.machine(kCount, numChunks, "xfPayloadMsg.numChunks");
   if (rc != 0) return rplTrace_.ret(rc);
@@ -210,7 +204,7 @@ int32_t printXfAdminMsg(QMsg& m) {
   constexpr size_t kResponseSize = 0, kResponseCode = 4, kResponseChunk = 8;
   uint16_t version = 0;
   uint32_t numResponses = 0;
-  int32_t rc = printHeader(m, "xfAdminMsg::printMe");
+  int32_t rc = qMsgHeader::printFor(m, "xfAdminMsg::printMe");
   if (rc == 0) rc = m.version(version);
   if (rc == 0) rc = m.r.machine(kCount, numResponses, "xfAdminMsg.numResponses");
   if (rc != 0) return rplTrace_.ret(rc);
@@ -242,7 +236,7 @@ int32_t printXfHeartBeatMsg(QMsg& m) {
   const uint8_t* msgId = nullptr;
   std::string lsn;
   uint32_t tmSeq = 0, maxOrder = 0;
-  int32_t rc = printHeader(m, "xfHeartBeatMsg::printMe");
+  int32_t rc = qMsgHeader::printFor(m, "xfHeartBeatMsg::printMe");
   // Nothing of the body is swapped: the fields are printed as they travel.
   if (rc == 0) rc = m.r.bytes(kMaxCoordMsgId, kMsgIdSize, msgId, "xfHeartBeatMsg.maxCoordMsgId");
   if (rc == 0) rc = formatLsnRecord(m.r, kMaxLsn, true, lsn, "xfHeartBeatMsg.maxCrtLRLsn");

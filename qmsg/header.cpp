@@ -29,6 +29,12 @@ int32_t qMsgHeader::printMe(QMsg& m) {
   return rplTrace_.ret(printLines(m, true));
 }
 
+int32_t qMsgHeader::printFor(QMsg& m, const char* step) {
+  int32_t rc = printMe(m);
+  if (rc != 0) reportFailure(step, "qMsgHeader::printMe", rc, "Cannot print message header");
+  return rc;
+}
+
 void qMsgHeader::printFlagLines(QMsg& m) {
   uint8_t type = 0, flag = 0;
   if (m.r.u8(4, type, "qMsgHeader.msgtype") != 0 || m.r.u8(5, flag, "qMsgHeader.msgFlag") != 0) return;

@@ -104,6 +104,8 @@ struct qMsgHeader {
   // and converts the family text; a failed conversion is reported as "Cannot convert msgFamily"
   // and the caller reports "Cannot print message header".
   static int32_t printMe(QMsg& m);
+  // printMe for the printer `step`: a failure is reported as "Cannot print message header".
+  static int32_t printFor(QMsg& m, const char* step);
   // The family, type and version lines alone (no DDL line, no failure report); used by
   // printers that print the header in their own form.
   static int32_t printLines(QMsg& m, bool ddlLine);

@@ -15,31 +15,9 @@
 
 namespace {
 
-constexpr const char* kCpcvl = "ConvMgr::cpcvl";
 constexpr const char* kCpcvc = "ConvMgr::cpcvc";
 
-// Header lines; a failure is reported for the printer `step` and ends the message.
-int32_t printHeader(QMsg& m, const char* step) {
-  int32_t rc = qMsgHeader::printMe(m);
-  if (rc != 0) reportFailure(step, "qMsgHeader::printMe", rc, "Cannot print message header");
-  return rc;
-}
 
-// A name field (its whole room must be in the message) read and converted; an empty name is
-// left as it is.
-int32_t convertName(QMsg& m, size_t at, size_t room, ConvText& out, const char* field,
-                    const char* step, const char* label) {
-  const uint8_t* p = nullptr;
-  uint16_t len = 0;
-  int32_t rc = m.r.bytes(at, room, p, field);
-  if (rc == 0) rc = m.r.name(at, room, p, len, field);
-  if (rc != 0) return rc;
-  if (len == 0) {
-    out.borrow(p, 0);
-    return 0;
-  }
-  return convertText(m, p, len, out, step, kCpcvl, label);
-}
 
 // A one-character field, converted on its own.
 int32_t convertChar(QMsg& m, size_t at, ConvText& out, const char* field, const char* step,
@@ -92,7 +70,7 @@ constexpr size_t kSubnameRoom = 134;
 int32_t printLoadDoneMsg(QMsg& m) {
   RPL_TRACE(kCompPrinters, 330);
   const char* step = "qLoaddoneRcvdMsg::printMe";
-  int32_t rc = printHeader(m, step);
+  int32_t rc = qMsgHeader::printFor(m, step);
   if (rc != 0) return rplTrace_.ret(rc);
   constexpr size_t kTransInfoAt = 24;
   uint16_t version = 0;
@@ -124,13 +102,13 @@ int32_t printLoadDoneMsg(QMsg& m) {
 int32_t printSubDeactivatedMsg(QMsg& m) {
   RPL_TRACE(kCompPrinters, 331);
   const char* step = "qSubDeactivatedMsg::printMe";
-  int32_t rc = printHeader(m, step);
+  int32_t rc = qMsgHeader::printFor(m, step);
   if (rc != 0) return rplTrace_.ret(rc);
   int32_t subId = 0;
   ConvText subname, stateinfo;
   const uint8_t* state = nullptr;
   rc = fixI32(m, 8, subId, "qSubDeactivatedMsg.sub_id");
-  if (rc == 0) rc = convertName(m, 12, kSubnameRoom, subname, "qSubDeactivatedMsg.subname", step, "subname");
+  if (rc == 0) rc = readNameInRoom(m, 12, kSubnameRoom, subname, "qSubDeactivatedMsg.subname", step, "subname");
   if (rc == 0) rc = m.r.bytes(146, 8, state, "qSubDeactivatedMsg.stateinfo");
   // No state was produced when the field starts with a zero byte: the text stays empty.
   if (rc == 0 && state[0] != 0) rc = convertText(m, state, 8, stateinfo, step, kCpcvc, "stateinfo");
@@ -159,7 +137,7 @@ int32_t printSubDeactivatedMsg(QMsg& m) {
 int32_t printCreateSubMsg(QMsg& m) {
   RPL_TRACE(kCompPrinters, 332);
   const char* step = "qCreateSubMsg::printMe";
-  int32_t rc = printHeader(m, step);
+  int32_t rc = qMsgHeader::printFor(m, step);
   if (rc != 0) return rplTrace_.ret(rc);
 
   int32_t subId = 0;
@@ -176,23 +154,23 @@ int32_t printCreateSubMsg(QMsg& m) {
 
   ConvText subName, srcDbName, srcOwner, srcName, subType, conflictRule, conflictAction,
       errorAction, spillQ, okSqlStates, subGroup, hasLoadPhase, modelQ, schemaSubName;
-  rc = convertName(m, 12, 134, subName, "qCreateSubMsg.subName", step, "subname");
-  if (rc == 0) rc = convertName(m, 146, 20, srcDbName, "qCreateSubMsg.srcDbName", step, "srcDbName");
-  if (rc == 0) rc = convertName(m, 166, 130, srcOwner, "qCreateSubMsg.srcOwner", step, "srcOwner");
-  if (rc == 0) rc = convertName(m, 296, 130, srcName, "qCreateSubMsg.srcName", step, "srcName");
+  rc = readNameInRoom(m, 12, 134, subName, "qCreateSubMsg.subName", step, "subname");
+  if (rc == 0) rc = readNameInRoom(m, 146, 20, srcDbName, "qCreateSubMsg.srcDbName", step, "srcDbName");
+  if (rc == 0) rc = readNameInRoom(m, 166, 130, srcOwner, "qCreateSubMsg.srcOwner", step, "srcOwner");
+  if (rc == 0) rc = readNameInRoom(m, 296, 130, srcName, "qCreateSubMsg.srcName", step, "srcName");
   if (rc == 0) rc = convertChar(m, 428, subType, "qCreateSubMsg.subType", step, "subType");
   if (rc == 0) rc = convertChar(m, 429, conflictRule, "qCreateSubMsg.conflictRule", step, "conflictRule");
   if (rc == 0)
     rc = convertChar(m, 430, conflictAction, "qCreateSubMsg.conflictAction", step, "conflictAction");
   if (rc == 0) rc = convertChar(m, 431, errorAction, "qCreateSubMsg.errorAction", step, "errorAction");
-  if (rc == 0) rc = convertName(m, 432, 50, spillQ, "qCreateSubMsg.spillQ", step, "spillQ");
+  if (rc == 0) rc = readNameInRoom(m, 432, 50, spillQ, "qCreateSubMsg.spillQ", step, "spillQ");
   if (rc == 0)
-    rc = convertName(m, 482, 130, okSqlStates, "qCreateSubMsg.oksqlstates", step, "oksqlstates");
-  if (rc == 0) rc = convertName(m, 612, 32, subGroup, "qCreateSubMsg.subGroup", step, "subGroup");
+    rc = readNameInRoom(m, 482, 130, okSqlStates, "qCreateSubMsg.oksqlstates", step, "oksqlstates");
+  if (rc == 0) rc = readNameInRoom(m, 612, 32, subGroup, "qCreateSubMsg.subGroup", step, "subGroup");
   if (rc == 0) rc = convertChar(m, 760, hasLoadPhase, "qCreateSubMsg.hasLoadPhase", step, "hasLoadPhase");
-  if (rc == 0) rc = convertName(m, 652, 38, modelQ, "qCreateSubMsg.modelQ", step, "modelQ");
+  if (rc == 0) rc = readNameInRoom(m, 652, 38, modelQ, "qCreateSubMsg.modelQ", step, "modelQ");
   if (rc == 0)
-    rc = convertName(m, 690, 66, schemaSubName, "qCreateSubMsg.schemaSubName", step, "schema subname");
+    rc = readNameInRoom(m, 690, 66, schemaSubName, "qCreateSubMsg.schemaSubName", step, "schema subname");
   if (rc != 0) return rplTrace_.ret(rc);
 
   FILE* out = m.out;
@@ -232,7 +210,7 @@ int32_t printCreateSubMsg(QMsg& m) {
 int32_t printDropSubMsg(QMsg& m) {
   RPL_TRACE(kCompPrinters, 333);
   const char* step = "qDropSubMsg::printMe";
-  int32_t rc = printHeader(m, step);
+  int32_t rc = qMsgHeader::printFor(m, step);
   if (rc != 0) return rplTrace_.ret(rc);
 
   int32_t subId = 0;
@@ -244,10 +222,10 @@ int32_t printDropSubMsg(QMsg& m) {
   if (rc == 0) rc = fixI16(m, 250, source, "qDropSubMsg.sourceNode");
   if (rc == 0) rc = fixI16(m, 252, target, "qDropSubMsg.targetNode");
   ConvText subName, schemaSubName, subGroup;
-  if (rc == 0) rc = convertName(m, 12, 134, subName, "qDropSubMsg.subName", step, "subname");
+  if (rc == 0) rc = readNameInRoom(m, 12, 134, subName, "qDropSubMsg.subName", step, "subname");
   if (rc == 0)
-    rc = convertName(m, 146, 66, schemaSubName, "qDropSubMsg.schemaSubName", step, "schemaSubName");
-  if (rc == 0) rc = convertName(m, 212, 32, subGroup, "qDropSubMsg.subGroup", step, "subGroup");
+    rc = readNameInRoom(m, 146, 66, schemaSubName, "qDropSubMsg.schemaSubName", step, "schemaSubName");
+  if (rc == 0) rc = readNameInRoom(m, 212, 32, subGroup, "qDropSubMsg.subGroup", step, "subGroup");
   if (rc != 0) return rplTrace_.ret(rc);
 
   FILE* out = m.out;
@@ -278,7 +256,7 @@ int32_t printDropSubMsg(QMsg& m) {
 int32_t printP2pJoinUsMsg(QMsg& m) {
   RPL_TRACE(kCompPrinters, 334);
   const char* step = "p2pJoinUsMsg::printMe";
-  int32_t rc = printHeader(m, step);
+  int32_t rc = qMsgHeader::printFor(m, step);
   if (rc != 0) return rplTrace_.ret(rc);
   uint16_t version = 0;
   int16_t source = 0, target = 0;
@@ -290,7 +268,7 @@ int32_t printP2pJoinUsMsg(QMsg& m) {
   if (rc == 0) rc = m.r.bytes(148, 8, members, "p2pJoinUsMsg.groupMembers");
   if (rc == 0 && version >= 2) rc = fixI32(m, 404, subId, "p2pJoinUsMsg.sub_id");
   ConvText subname, subType, loadPhase;
-  if (rc == 0) rc = convertName(m, 8, kSubnameRoom, subname, "p2pJoinUsMsg.subname", step, "subname");
+  if (rc == 0) rc = readNameInRoom(m, 8, kSubnameRoom, subname, "p2pJoinUsMsg.subname", step, "subname");
   if (rc == 0) rc = convertChar(m, 146, subType, "p2pJoinUsMsg.subType", step, "subType");
   if (rc == 0) rc = convertChar(m, 147, loadPhase, "p2pJoinUsMsg.loadPhase", step, "loadPhase");
   if (rc != 0) return rplTrace_.ret(rc);
@@ -312,12 +290,12 @@ int32_t printP2pJoinUsMsg(QMsg& m) {
 int32_t printP2pSpoolingMsg(QMsg& m) {
   RPL_TRACE(kCompPrinters, 335);
   const char* step = "p2pSpoolingMsg::printMe";
-  int32_t rc = printHeader(m, step);
+  int32_t rc = qMsgHeader::printFor(m, step);
   if (rc != 0) return rplTrace_.ret(rc);
   int16_t newNode = 0;
   ConvText subname;
   rc = fixI16(m, 142, newNode, "p2pSpoolingMsg.newNode");
-  if (rc == 0) rc = convertName(m, 8, kSubnameRoom, subname, "p2pSpoolingMsg.subname", step, "subname");
+  if (rc == 0) rc = readNameInRoom(m, 8, kSubnameRoom, subname, "p2pSpoolingMsg.subname", step, "subname");
   if (rc != 0) return rplTrace_.ret(rc);
   put(m.out, "  subname:    %.*s\n", subname);
   std::fprintf(m.out, "  newNode:    %d\n", newNode);
@@ -327,7 +305,7 @@ int32_t printP2pSpoolingMsg(QMsg& m) {
 int32_t printP2pLoadDoneMsg(QMsg& m) {
   RPL_TRACE(kCompPrinters, 336);
   const char* step = "p2pLoadDoneMsg::printMe";
-  int32_t rc = printHeader(m, step);
+  int32_t rc = qMsgHeader::printFor(m, step);
   if (rc != 0) return rplTrace_.ret(rc);
   int32_t subId = 0;
   ConvText role;
@@ -361,10 +339,10 @@ int32_t printP2pCapStopMsg(QMsg& m) {
 int32_t printP2pSubStoppingMsg(QMsg& m) {
   RPL_TRACE(kCompPrinters, 338);
   const char* step = "p2pSubStoppingMsg::printMe";
-  int32_t rc = printHeader(m, step);
+  int32_t rc = qMsgHeader::printFor(m, step);
   if (rc != 0) return rplTrace_.ret(rc);
   ConvText subname;
-  rc = convertName(m, 8, kSubnameRoom, subname, "p2pSubStoppingMsg.subname", step, "subname");
+  rc = readNameInRoom(m, 8, kSubnameRoom, subname, "p2pSubStoppingMsg.subname", step, "subname");
   if (rc != 0) return rplTrace_.ret(rc);
   put(m.out, "  subname:    %.*s\n", subname);
   return rplTrace_.ret(0);
@@ -373,12 +351,12 @@ int32_t printP2pSubStoppingMsg(QMsg& m) {
 int32_t printP2pReadyToStopMsg(QMsg& m) {
   RPL_TRACE(kCompPrinters, 339);
   const char* step = "p2pReadytostopMsg::printMe";
-  int32_t rc = printHeader(m, step);
+  int32_t rc = qMsgHeader::printFor(m, step);
   if (rc != 0) return rplTrace_.ret(rc);
   int32_t subId = 0;
   ConvText subname;
   rc = fixI32(m, 8, subId, "p2pReadytostopMsg.sub_id");
-  if (rc == 0) rc = convertName(m, 12, kSubnameRoom, subname, "p2pReadytostopMsg.subname", step, "subname");
+  if (rc == 0) rc = readNameInRoom(m, 12, kSubnameRoom, subname, "p2pReadytostopMsg.subname", step, "subname");
   if (rc != 0) return rplTrace_.ret(rc);
   put(m.out, "  subname:    %.*s\n", subname);
   std::fprintf(m.out, "  sub_id:     %d\n", subId);
@@ -389,7 +367,7 @@ int32_t printP2pSubDeactivatedMsg(QMsg& m) {
   RPL_TRACE(kCompPrinters, 340);
   // The capture side sends it without conversion context: read as stored.
   QMsg raw(m.r.data(), m.r.size(), m.out, nullptr, nullptr);
-  int32_t rc = printHeader(raw, "p2pSubDeactivatedMsg::printMe");
+  int32_t rc = qMsgHeader::printFor(raw, "p2pSubDeactivatedMsg::printMe");
   if (rc != 0) return rplTrace_.ret(rc);
   int32_t subId = 0;
   rc = raw.r.i32(8, subId, "p2pSubDeactivatedMsg.sub_id");

@@ -34,3 +34,17 @@ int32_t readName(const QMsg& m, size_t at, size_t room, ConvText& out, const cha
   if (rc != 0) return rc;
   return convertText(m, p, len, out, step, function, label);
 }
+
+int32_t readNameInRoom(const QMsg& m, size_t at, size_t room, ConvText& out, const char* field,
+                       const char* step, const char* label) {
+  const uint8_t* p = nullptr;
+  uint16_t len = 0;
+  int32_t rc = m.r.bytes(at, room, p, field);
+  if (rc == 0) rc = m.r.name(at, room, p, len, field);
+  if (rc != 0) return rc;
+  if (len == 0) {
+    out.borrow(p, 0);
+    return 0;
+  }
+  return convertText(m, p, len, out, step, "ConvMgr::cpcvl", label);
+}

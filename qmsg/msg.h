@@ -88,3 +88,8 @@ int32_t convertText(const QMsg& m, const uint8_t* p, size_t n, ConvText& out, co
 // bytes) and converts it as convertText does.
 int32_t readName(const QMsg& m, size_t at, size_t room, ConvText& out, const char* field,
                  const char* step, const char* function, const char* label);
+
+// A name field whose whole fixed room must lie in the message, read and converted with
+// "ConvMgr::cpcvl"; an empty name is left as it is.
+int32_t readNameInRoom(const QMsg& m, size_t at, size_t room, ConvText& out, const char* field,
+                       const char* step, const char* label);

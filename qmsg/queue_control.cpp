@@ -16,29 +16,8 @@
 
 namespace {
 
-constexpr const char* kCpcvl = "ConvMgr::cpcvl";
 
-// Header lines; a failure is reported for the printer `step` and ends the message.
-int32_t printHeader(QMsg& m, const char* step) {
-  int32_t rc = qMsgHeader::printMe(m);
-  if (rc != 0) reportFailure(step, "qMsgHeader::printMe", rc, "Cannot print message header");
-  return rc;
-}
 
-// A queue name (its whole room must be in the message), read and converted.
-int32_t convertName(QMsg& m, size_t at, size_t room, ConvText& out, const char* field,
-                    const char* step, const char* label) {
-  const uint8_t* p = nullptr;
-  uint16_t len = 0;
-  int32_t rc = m.r.bytes(at, room, p, field);
-  if (rc == 0) rc = m.r.name(at, room, p, len, field);
-  if (rc != 0) return rc;
-  if (len == 0) {
-    out.borrow(p, 0);
-    return 0;
-  }
-  return convertText(m, p, len, out, step, kCpcvl, label);
-}
 
 void put(FILE* out, const char* format, const ConvText& t) { std::fprintf(out, format, t.size(), t.data()); }
 
@@ -70,7 +49,7 @@ int32_t fixTime(QMsg& m, size_t at, uint32_t& seconds, uint32_t& micros, const c
 int32_t printHeartbeatMsg(QMsg& m) {
   RPL_TRACE(kCompPrinters, 350);
   const char* step = "qHeartBeatMsg::printMe";
-  int32_t rc = printHeader(m, step);
+  int32_t rc = qMsgHeader::printFor(m, step);
   if (rc != 0) return rplTrace_.ret(rc);
   uint16_t version = 0;
   uint32_t seconds = 0, micros = 0, hbInterval = 0, cmtInterval = 0;
@@ -83,7 +62,7 @@ int32_t printHeartbeatMsg(QMsg& m) {
     if (rc == 0) rc = fixAndFormatLsn(m, 72, lsn, "qHeartBeatMsg.last_log_cmtlsn");
     if (rc == 0) rc = m.r.fix32(96, cmtInterval, "qHeartBeatMsg.kxcmt_interval_millisec");
   }
-  if (rc == 0) rc = convertName(m, 8, 52, sendq, "qHeartBeatMsg.sendq", step, "sendq");
+  if (rc == 0) rc = readNameInRoom(m, 8, 52, sendq, "qHeartBeatMsg.sendq", step, "sendq");
   if (rc != 0) return rplTrace_.ret(rc);
 
   put(m.out, "  heartbeat.sendq:       %.*s\n", sendq);
@@ -113,7 +92,7 @@ constexpr ValueName kSyncRequestReasons[] = {
 int32_t printRequestSyncOnQueueMsg(QMsg& m) {
   RPL_TRACE(kCompPrinters, 351);
   const char* step = "qRequestSyncOnQueueMsg::printMe";
-  int32_t rc = printHeader(m, step);
+  int32_t rc = qMsgHeader::printFor(m, step);
   if (rc != 0) return rplTrace_.ret(rc);
   uint8_t reason = 0;
   uint32_t seconds = 0, micros = 0;
@@ -122,7 +101,7 @@ int32_t printRequestSyncOnQueueMsg(QMsg& m) {
   rc = m.r.u8(58, reason, "qRequestSyncOnQueueMsg.reason");
   if (rc == 0) rc = fixTime(m, 60, seconds, micros, "qRequestSyncOnQueueMsg.lastTxPublishedTS");
   if (rc == 0) rc = fixAndFormatLsn(m, 72, lsn, "qRequestSyncOnQueueMsg.lastCommitSEQ");
-  if (rc == 0) rc = convertName(m, 8, 50, sendQueue, "qRequestSyncOnQueueMsg.sendQueue", step, "sendQ");
+  if (rc == 0) rc = readNameInRoom(m, 8, 50, sendQueue, "qRequestSyncOnQueueMsg.sendQueue", step, "sendQ");
   if (rc != 0) return rplTrace_.ret(rc);
 
   std::fprintf(m.out, "%s\n", nameOf(kSyncRequestReasons, reason, ""));
@@ -143,12 +122,12 @@ int32_t printRequestSyncOnQueueMsg(QMsg& m) {
 int32_t printSyncResponseMsg(QMsg& m) {
   RPL_TRACE(kCompPrinters, 352);
   const char* step = "qSyncResponseMsg::printMe";
-  int32_t rc = printHeader(m, step);
+  int32_t rc = qMsgHeader::printFor(m, step);
   if (rc != 0) return rplTrace_.ret(rc);
   uint8_t response = 0;
   ConvText sendQueue;
   rc = m.r.u8(58, response, "qSyncResponseMsg.responseCode");
-  if (rc == 0) rc = convertName(m, 8, 50, sendQueue, "qSyncResponseMsg.sendQueue", step, "sendQ");
+  if (rc == 0) rc = readNameInRoom(m, 8, 50, sendQueue, "qSyncResponseMsg.sendQueue", step, "sendQ");
   if (rc != 0) return rplTrace_.ret(rc);
 
   std::fputc('\n', m.out);
@@ -170,7 +149,7 @@ int32_t printSyncResponseMsg(QMsg& m) {
 
 int32_t printSequenceTimeResetMsg(QMsg& m) {
   RPL_TRACE(kCompPrinters, 353);
-  int32_t rc = printHeader(m, "qSequenceTimeResetMsg::printMe");
+  int32_t rc = qMsgHeader::printFor(m, "qSequenceTimeResetMsg::printMe");
   if (rc != 0) return rplTrace_.ret(rc);
   uint8_t flags = 0, current = 0, maximum = 0;
   uint32_t seconds = 0;
@@ -219,7 +198,7 @@ constexpr ValueName kFuncLevelQueueLabels[] = {
 int32_t printFuncLevelMsg(QMsg& m) {
   RPL_TRACE(kCompPrinters, 354);
   const char* step = "qFuncLevelMsg::printMe";
-  int32_t rc = printHeader(m, step);
+  int32_t rc = qMsgHeader::printFor(m, step);
   if (rc != 0) return rplTrace_.ret(rc);
   uint8_t reason = 0, flags = 0;
   uint32_t seconds = 0, micros = 0;
@@ -233,9 +212,9 @@ int32_t printFuncLevelMsg(QMsg& m) {
   if (rc == 0) rc = fixAndFormatLsn(m, 256, lastCommit, "qFuncLevelMsg.lastCommitLSN");
   if (rc == 0) rc = fixAndFormatLsn(m, 280, restart, "qFuncLevelMsg.restartLSN");
   ConvText sendQueue, recvQueue, qmap;
-  if (rc == 0) rc = convertName(m, 8, 50, sendQueue, "qFuncLevelMsg.sendQueue", step, "sendQ");
-  if (rc == 0) rc = convertName(m, 58, 50, recvQueue, "qFuncLevelMsg.recvQueue", step, "recvQ");
-  if (rc == 0) rc = convertName(m, 108, 130, qmap, "qFuncLevelMsg.qmap", step, "qmap");
+  if (rc == 0) rc = readNameInRoom(m, 8, 50, sendQueue, "qFuncLevelMsg.sendQueue", step, "sendQ");
+  if (rc == 0) rc = readNameInRoom(m, 58, 50, recvQueue, "qFuncLevelMsg.recvQueue", step, "recvQ");
+  if (rc == 0) rc = readNameInRoom(m, 108, 130, qmap, "qFuncLevelMsg.qmap", step, "qmap");
   if (rc != 0) return rplTrace_.ret(rc);
 
   FILE* out = m.out;
@@ -288,7 +267,7 @@ constexpr ValueName kActionsToTake[] = {
 int32_t printAdminQMsg(QMsg& m) {
   RPL_TRACE(kCompPrinters, 355);
   const char* step = "qAdminQMsg::printMe";
-  int32_t rc = printHeader(m, step);
+  int32_t rc = qMsgHeader::printFor(m, step);
   if (rc != 0) return rplTrace_.ret(rc);
   uint16_t version = 0, serviceLen = 0;
   uint8_t taken = 0, toTake = 0;
@@ -315,9 +294,9 @@ int32_t printAdminQMsg(QMsg& m) {
   int16_t textLen = static_cast<int16_t>(serviceLen);
   ConvText sendq, subname, tokens, service;
   rc = m.r.machine(196, msgNum, "qAdminQMsg.msgNum");
-  if (rc == 0) rc = convertName(m, 58, 134, subname, "qAdminQMsg.subname", step, "subname");
-  if (rc == 0) rc = convertName(m, 8, 50, sendq, "qAdminQMsg.sendq", step, "sendq");
-  if (rc == 0) rc = convertName(m, 198, 258, tokens, "qAdminQMsg.msgTokens", step, "msgTokens");
+  if (rc == 0) rc = readNameInRoom(m, 58, 134, subname, "qAdminQMsg.subname", step, "subname");
+  if (rc == 0) rc = readNameInRoom(m, 8, 50, sendq, "qAdminQMsg.sendq", step, "sendq");
+  if (rc == 0) rc = readNameInRoom(m, 198, 258, tokens, "qAdminQMsg.msgTokens", step, "msgTokens");
   if (rc == 0 && textLen > 0) {
     const uint8_t* p = nullptr;
     rc = m.r.bytes(458, static_cast<size_t>(textLen), p, "qAdminQMsg.serviceText");

@@ -45,12 +45,6 @@
 
 namespace {
 
-// The header lines; a header that cannot be printed is reported for the message's printer.
-int32_t printHeader(QMsg& m, const char* step) {
-  int32_t rc = qMsgHeader::printLines(m, true);
-  if (rc != 0) reportFailure(step, "qMsgHeader::printMe", rc, "Cannot print message header");
-  return rc;
-}
 
 // ---------------------------------------------------------------------------------------------
 // Add column.
@@ -127,7 +121,7 @@ int32_t printAddColumnMsg(QMsg& m) {
   int32_t rc = m.version(version);
   if (rc == 0) rc = needFixed(m, addColumnSize(version), "qAddColumnMsg");
   if (rc == 0) rc = fixAddColumn(m, version);
-  if (rc == 0) rc = printHeader(m, kStep);
+  if (rc == 0) rc = qMsgHeader::printFor(m, kStep);
   if (rc != 0) return rplTrace_.ret(rc);
 
   int32_t subId = 0, typeLen = 0, codepage = 0;
@@ -203,7 +197,7 @@ int32_t printAddReplKeyColMsg(QMsg& m) {
   RPL_TRACE(kCompPrinters, 151);
   int32_t rc = needFixed(m, kKeyColName + kKeyColNameRoom, "qAddReplKeyColumnMsg");
   if (rc == 0) rc = m.r.fix32(kKeyColSubId, "qAddReplKeyColumnMsg.sub_id");
-  if (rc == 0) rc = printHeader(m, "qAddReplKeyColumnMsg::printMe");
+  if (rc == 0) rc = qMsgHeader::printFor(m, "qAddReplKeyColumnMsg::printMe");
   if (rc != 0) return rplTrace_.ret(rc);
 
   int32_t subId = 0;
@@ -224,7 +218,7 @@ int32_t printAddReplKeyColMsg(QMsg& m) {
 namespace {
 
 int32_t printDdlBodyDump(QMsg& m, const char* step) {
-  int32_t rc = printHeader(m, step);
+  int32_t rc = qMsgHeader::printFor(m, step);
   if (rc != 0) return rc;
   // Offsets in the dump are those of the message, so that they can be told apart from the header.
   dumpHex(m.r.size() - kHeaderSize, m.r.data() + kHeaderSize, m.out, true, kHeaderSize);
@@ -265,7 +259,7 @@ int32_t printDropColumnMsg(QMsg& m) {
   if (rc == 0) rc = m.r.fix16(kDropSqlLen, "qDropColumnMsg.sqlTextLen");
   if (rc == 0) rc = m.r.fix16(kDropReserved, "qDropColumnMsg.reserved");
   if (rc == 0 && version >= 8) rc = fixGenericTransInfo(m, kDropTransInfo);
-  if (rc == 0) rc = printHeader(m, kStep);
+  if (rc == 0) rc = qMsgHeader::printFor(m, kStep);
   if (rc != 0) return rplTrace_.ret(rc);
 
   int32_t subId = 0;
@@ -296,7 +290,7 @@ int32_t printTruncateTableMsg(QMsg& m) {
   constexpr size_t kSubId = 8;
   uint32_t subId = 0;
   int32_t rc = m.r.fix32(kSubId, subId, "qTruncateTableMsg.subId");
-  if (rc == 0) rc = printHeader(m, "qTruncateTableMsg::printMe");
+  if (rc == 0) rc = qMsgHeader::printFor(m, "qTruncateTableMsg::printMe");
   if (rc != 0) return rplTrace_.ret(rc);
   std::fprintf(m.out, "  truncateTable.subId: %d\n", static_cast<int32_t>(subId));
   return rplTrace_.ret(0);
@@ -321,7 +315,7 @@ int32_t printRedefineReplKeyMsg(QMsg& m) {
   if (rc == 0) rc = m.r.fix16(kRedefNCols, nCols, "qRedefineReplKeyMsg.nCols");
   for (size_t i = 0; rc == 0 && i < nCols; ++i)
     rc = m.r.fix16(kRedefOffsets + 2 * i, "qRedefineReplKeyMsg.colOffset");
-  if (rc == 0) rc = printHeader(m, "qRedefineReplKeyMsg::printMe");
+  if (rc == 0) rc = qMsgHeader::printFor(m, "qRedefineReplKeyMsg::printMe");
   if (rc != 0) return rplTrace_.ret(rc);
 
   std::fprintf(m.out, "  sub_id:      %d\n", static_cast<int32_t>(subId));
