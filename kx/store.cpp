@@ -209,7 +209,7 @@ int32_t Store::open(const std::string& qmgr, std::string& why) {
   rc = exec(
       "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL; PRAGMA cache_size=-16384;"
       " PRAGMA temp_store=MEMORY; PRAGMA mmap_size=268435456;"
-      " PRAGMA journal_size_limit=67108864;");
+      " PRAGMA journal_size_limit=67108864; PRAGMA wal_autocheckpoint=8192;");
   if (rc == SQLITE_OK) {
     sqlite3_stmt* s = nullptr;
     rc = prepare(&s, "SELECT value FROM meta WHERE key='format'");
