@@ -16,10 +16,10 @@
 extern "C" {
 #endif
 
-#define KXM_RC_ALREADY_EXISTS 4001 /* queue manager or queue exists */
-#define KXM_RC_NAME_ERROR 4002     /* name empty, too long, or with characters not allowed */
+#define KXM_RC_ALREADY_EXISTS 4001  /* queue manager or queue exists */
+#define KXM_RC_NAME_ERROR 4002      /* name empty, too long, or with characters not allowed */
 #define KXM_RC_DATA_PATH_ERROR 4003 /* the data directory cannot be created or used */
-#define KXM_RC_LENGTH_ERROR 4004   /* maximum message length out of range */
+#define KXM_RC_LENGTH_ERROR 4004    /* maximum message length out of range */
 
 /* Default and largest maximum message length of a queue. */
 #define KXM_DEFAULT_MAX_MSG_LENGTH (100 * 1024 * 1024)
@@ -32,16 +32,15 @@ KXENTRY int32_t kxmCreateQmgr(const char *qmgr, char *msg, size_t msgLen);
 KXENTRY int32_t kxmDeleteQmgr(const char *qmgr, char *msg, size_t msgLen);
 
 /* maxMsgLength below 0 gives the default. */
-KXENTRY int32_t kxmCreateQueue(const char *qmgr, const char *queue, int64_t maxMsgLength,
-                               char *msg, size_t msgLen);
+KXENTRY int32_t kxmCreateQueue(const char *qmgr, const char *queue, int64_t maxMsgLength, char *msg,
+                               size_t msgLen);
 /* Deletes the queue and every message on it. */
 KXENTRY int32_t kxmDeleteQueue(const char *qmgr, const char *queue, char *msg, size_t msgLen);
 
 /* Calls fn once per queue in name order with its depth (committed messages) and maximum
  * message length; a non-zero result from fn stops the listing and is returned. */
 typedef int32_t (*KXMQUEUEFN)(const char *queue, int64_t depth, int64_t maxMsgLength, void *ctx);
-KXENTRY int32_t kxmListQueues(const char *qmgr, KXMQUEUEFN fn, void *ctx, char *msg,
-                              size_t msgLen);
+KXENTRY int32_t kxmListQueues(const char *qmgr, KXMQUEUEFN fn, void *ctx, char *msg, size_t msgLen);
 
 #ifdef __cplusplus
 }

@@ -85,13 +85,13 @@ class Store {
   // seq, md, length(data), data when length(data) <= ?3 -- of queue ?1 after seq ?2, visible,
   // matching MsgId ?4 and CorrelId ?5 when these are bound, at most ?6 rows.
   sqlite3_stmt* next = nullptr;
-  sqlite3_stmt* dataOf = nullptr;      // data of visible message ?1
-  sqlite3_stmt* insert = nullptr;      // ?1 qid ?2 state ?3 owner ?4 msgid ?5 correlid ?6 md ?7 data
-  sqlite3_stmt* remove = nullptr;      // delete message ?1
-  sqlite3_stmt* mark = nullptr;        // message ?1 got under syncpoint by owner ?2
-  sqlite3_stmt* findQueue = nullptr;   // id, max_len of queue named ?1
-  sqlite3_stmt* depth = nullptr;       // committed messages of queue ?1
-  sqlite3_stmt* setMaxLen = nullptr;   // queue ?1 max_len ?2
+  sqlite3_stmt* dataOf = nullptr;     // data of visible message ?1
+  sqlite3_stmt* insert = nullptr;     // ?1 qid ?2 state ?3 owner ?4 msgid ?5 correlid ?6 md ?7 data
+  sqlite3_stmt* remove = nullptr;     // delete message ?1
+  sqlite3_stmt* mark = nullptr;       // message ?1 got under syncpoint by owner ?2
+  sqlite3_stmt* findQueue = nullptr;  // id, max_len of queue named ?1
+  sqlite3_stmt* depth = nullptr;      // committed messages of queue ?1
+  sqlite3_stmt* setMaxLen = nullptr;  // queue ?1 max_len ?2
   // The statements on an owner repeat "owner <> 0" so that the partial index on owner serves them.
   sqlite3_stmt* commitPuts = nullptr;  // owner ?1: pending puts become visible
   sqlite3_stmt* commitGets = nullptr;  // owner ?1: pending gets are deleted

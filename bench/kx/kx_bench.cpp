@@ -6,8 +6,8 @@
 #include <stdlib.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
-#include <unistd.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <filesystem>
@@ -121,7 +121,8 @@ int main() {
   }
   setenv("KX_DATA_PATH", tmpl, 1);
   char msg[512];
-  if (kxmCreateQmgr("BENCH", msg, sizeof msg) || kxmCreateQueue("BENCH", "PLAIN", -1, msg, sizeof msg) ||
+  if (kxmCreateQmgr("BENCH", msg, sizeof msg) ||
+      kxmCreateQueue("BENCH", "PLAIN", -1, msg, sizeof msg) ||
       kxmCreateQueue("BENCH", "SYNC", -1, msg, sizeof msg) ||
       kxmCreateQueue("BENCH", "OTHER", -1, msg, sizeof msg)) {
     fprintf(stderr, "kx_bench: %s\n", msg);
@@ -134,7 +135,8 @@ int main() {
   KXCONN(name, &h, &cc, &rc);
   if (!check("KXCONN", cc, rc)) return 1;
   std::vector<char> data(kLength, 'x'), buffer(4096);
-  printf("kx_bench: %d messages of %d bytes, units of work of %d\n", kMessages, kLength, kUnitOfWork);
+  printf("kx_bench: %d messages of %d bytes, units of work of %d\n", kMessages, kLength,
+         kUnitOfWork);
   int result = 1;
   gCpuStart = cpuSeconds();
   double t = seconds();

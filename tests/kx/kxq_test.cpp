@@ -56,8 +56,10 @@ void fillQ1() {
     md.CorrelId[0] = uint8_t(i);
     md.Fields2[i] = 0xee;
     std::string data;
-    if (i == 7) data.clear();
-    else if (i == 9) data.assign(300000, 'L');
+    if (i == 7)
+      data.clear();
+    else if (i == 9)
+      data.assign(300000, 'L');
     else
       for (int b = 0; b < 50 + i; ++b) data.push_back(char((b * 37 + i) & 0xff));
     ASSERT_EQ(put(h, o, data, 0, &md).cc, KXCC_OK);
@@ -141,7 +143,8 @@ TEST_F(KxTest, KxqCommandsFailWithANonZeroExit) {
   EXPECT_EQ(runKxq("frobnicate"), 2);
   EXPECT_EQ(runKxq("--help"), 0);
 
-  EXPECT_EQ(runKxq("put QM1 Q1 --format KXSTR --ccsid 819 --msgid 0a0b --correlid ff /dev/null"), 0);
+  EXPECT_EQ(runKxq("put QM1 Q1 --format KXSTR --ccsid 819 --msgid 0a0b --correlid ff /dev/null"),
+            0);
   std::vector<Message> m = browseAll("Q1");
   ASSERT_EQ(m.size(), 1u);
   EXPECT_EQ(memcmp(m[0].md.Format, "KXSTR   ", 8), 0);

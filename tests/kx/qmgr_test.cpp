@@ -228,7 +228,8 @@ TEST_F(KxTest, SyncpointGetsAndPutsCommitOrBackOut) {
   KXBACK(h, &r.cc, &r.rc);
   EXPECT_EQ(r.cc, KXCC_OK);
   // Backed out: both messages are back in place, the put is gone.
-  for (int i = 0; i < 5; ++i) EXPECT_EQ(get(h, o, i ? KXGMO_BROWSE_NEXT : KXGMO_BROWSE_FIRST).data, numbered(i));
+  for (int i = 0; i < 5; ++i)
+    EXPECT_EQ(get(h, o, i ? KXGMO_BROWSE_NEXT : KXGMO_BROWSE_FIRST).data, numbered(i));
   EXPECT_EQ(get(h, o, KXGMO_BROWSE_NEXT).r.rc, KXRC_NO_MSG_AVAILABLE);
 
   EXPECT_EQ(get(h, o, KXGMO_SYNCPOINT).data, numbered(0));

@@ -58,8 +58,8 @@ bool DumpReader::header(std::string& why) {
     return false;
   }
   if (version != kDumpVersion || mdLength != sizeof(KXMD)) {
-    why = "dump format version " + std::to_string(version) + " with " +
-          std::to_string(mdLength) + "-byte descriptors is not supported";
+    why = "dump format version " + std::to_string(version) + " with " + std::to_string(mdLength) +
+          "-byte descriptors is not supported";
     return false;
   }
   return true;

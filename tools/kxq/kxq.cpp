@@ -307,7 +307,8 @@ int cmdCreateQueue(const Args& a) {
   for (size_t i = 2; i < a.size(); ++i) {
     if (a[i] == "--max-length" && i + 1 < a.size()) {
       if (!parseInt(a[++i].c_str(), 0, KXM_LARGEST_MAX_MSG_LENGTH, &maxLength)) {
-        fail("create-queue: --max-length must be a number from 0 to %d", KXM_LARGEST_MAX_MSG_LENGTH);
+        fail("create-queue: --max-length must be a number from 0 to %d",
+             KXM_LARGEST_MAX_MSG_LENGTH);
         return kExitUsage;
       }
     } else {
@@ -419,8 +420,9 @@ int cmdPut(const Args& a) {
         fail("put: %s needs a number, not '%s'", o.c_str(), a[i].c_str());
         return kExitUsage;
       }
-      (o == "--ccsid" ? base.CodedCharSetId : o == "--encoding" ? base.Encoding : base.Priority) =
-          KXLONG(v);
+      (o == "--ccsid"      ? base.CodedCharSetId
+       : o == "--encoding" ? base.Encoding
+                           : base.Priority) = KXLONG(v);
     } else if ((o == "--msgid" || o == "--correlid") && hasValue) {
       if (!parseHexId(a[++i].c_str(), o == "--msgid" ? base.MsgId : base.CorrelId)) {
         fail("put: %s needs an even number of hex digits, at most 48", o.c_str());
@@ -461,9 +463,10 @@ int cmdPut(const Args& a) {
     size_t length = content.size();
     if (raw) {
       if (length < sizeof(KXMD) || memcmp(content.data(), "MD  ", 4) != 0) {
-        fail("put: %s is not a raw message (a 364-byte descriptor starting with \"MD  \", then "
-             "the data)",
-             source.c_str());
+        fail(
+            "put: %s is not a raw message (a 364-byte descriptor starting with \"MD  \", then "
+            "the data)",
+            source.c_str());
         return kExitFailed;
       }
       memcpy(&md, content.data(), sizeof md);
