@@ -28,7 +28,8 @@
 namespace kxic {
 namespace {
 
-// A unit of work not refreshed for this long counts as abandoned by a dead process.
+// A unit of work not refreshed for this long counts as abandoned by a dead process
+// (KXIC_UNIT_TIMEOUT, in ms, changes it for the connections made afterwards).
 constexpr int kOwnerTtlMs = 120000;
 // Browse batches grow from the first to the last size, and stop at about this many data bytes.
 constexpr int kFirstBatch = 32;
@@ -69,6 +70,7 @@ struct Connection {
   std::string qmgr;
   std::string prefix;
   std::string token;  // names this connection's units of work on the server
+  std::string ttl;    // expiry of a unit of work, ms
   Link link;
   Link watch;  // subscribed to the change channels of browsed queues
   std::vector<std::string> watched;
@@ -253,12 +255,13 @@ struct WaitPoint {
 KXLONG getDestructive(Connection& c, Object& o, const GetArgs& a, bool syncpoint, WaitPoint& wp) {
   bool accept = a.gmo->Options & KXGMO_ACCEPT_TRUNCATED_MSG;
   std::string limit = accept ? "-1" : std::to_string(a.bufferLength);
-  std::string ttl = std::to_string(kOwnerTtlMs);
+  const std::string& ttl = c.ttl;
   std::string_view mid, cid;
   if (a.gmo->MatchOptions & KXMO_MATCH_MSG_ID) mid = bytes(a.md->MsgId, kMsgIdLength);
   if (a.gmo->MatchOptions & KXMO_MATCH_CORREL_ID) cid = bytes(a.md->CorrelId, kMsgIdLength);
   std::string owners = c.prefix + "owners";
-  Reply r = evalScript(c.link, c.get, {o.keys.q, o.keys.gl, o.keys.pl, owners, o.keys.w},
+  Reply r = evalScript(c.link, c.get,
+                       {o.keys.q, o.keys.gl, o.keys.pl, owners, o.keys.w, o.keys.h},
                        {limit, syncpoint ? std::string_view(c.token) : "", ttl, mid, cid});
   if (!r || r->type != REDIS_REPLY_ARRAY || r->elements < 3 ||
       r->element[0]->type != REDIS_REPLY_INTEGER)
@@ -435,7 +438,7 @@ KXLONG putMessage(Connection& c, Object& o, KXMD* md, KXPMO* pmo, KXLONG length,
     stampPutTime(*md);
   }
   bool syncpoint = opts & KXPMO_SYNCPOINT;
-  std::string ttl = std::to_string(kOwnerTtlMs);
+  const std::string& ttl = c.ttl;
   std::string queues = c.prefix + "queues", owners = c.prefix + "owners";
   Reply r = evalScript(c.link, c.put, {queues, o.keys.q, o.keys.pl, owners},
                        {o.name, bytes(md, kMdLength), length ? bytes(buffer, size_t(length)) : "",
@@ -457,7 +460,7 @@ KXLONG endWork(Connection& c, bool commit) {
   std::vector<std::string> argStore{c.token, commit ? "c" : "b"};
   for (const auto& [name, w] : c.work) {
     QueueKeys k = queueKeys(c.qmgr, name);
-    keyStore.insert(keyStore.end(), {k.q, k.gl, k.pl, k.w});
+    keyStore.insert(keyStore.end(), {k.q, k.gl, k.pl, k.w, k.h});
     argStore.push_back(std::to_string(w.gets.size()));
     argStore.insert(argStore.end(), w.gets.begin(), w.gets.end());
     argStore.push_back(std::to_string(w.puts.size()));
@@ -542,6 +545,12 @@ KXLONG connect(KXCHAR* name, KXHCONN* hconn) {
   snprintf(token, sizeof token, "%016llx%016llx", (unsigned long long)t[0],
            (unsigned long long)t[1]);
   c->token = token;
+  long ttl = kOwnerTtlMs;
+  if (const char* env = getenv("KXIC_UNIT_TIMEOUT")) {
+    long v = strtol(env, nullptr, 10);
+    if (v > 0) ttl = v;
+  }
+  c->ttl = std::to_string(ttl);
   std::lock_guard<std::mutex> lock(gTable);
   size_t slot = 0;
   while (slot < gConnections.size() && gConnections[slot]) ++slot;

@@ -4,11 +4,13 @@
 // Keys of queue manager QM (the braces keep them in one cluster slot):
 //   kx:{QM}:qmgr         hash: created, ccsid           the queue manager exists
 //   kx:{QM}:queues       hash: queue name -> maximum message length
-//   kx:{QM}:owners       hash: unit-of-work token -> expiry (server ms)
+//   kx:{QM}:owners       hash: unit-of-work token -> expiry (server ms), and "n:" token ->
+//                        the number of messages it holds locked (the entry goes at zero)
 //   kx:{QM}:q:NAME       stream: the messages, entry fields "md" (364 bytes) and "data"
 //   kx:{QM}:gl:NAME      hash: entry id -> token, got under syncpoint (hidden, kept in place)
 //   kx:{QM}:pl:NAME      hash: entry id -> token, put under syncpoint (hidden until commit)
 //   kx:{QM}:w:NAME       stream of one entry: wakes waiting getters on commit and back-out
+//   kx:{QM}:h:NAME       string: an entry id up to which every entry is locked or gone
 //   kx:{QM}:c:NAME       channel: published when messages leave, hide or come back, so that
 //                        browsers drop the batches they read ahead
 //
@@ -46,6 +48,11 @@ namespace kxic {
   "  if t then return t[id] end\n"                                                             \
   "  return redis.call('HGET', hash, id)\n"                                                    \
   "end\n"                                                                                     \
+  "local function reap(owners, token)\n"                                                      \
+  "  if redis.call('HINCRBY', owners, 'n:' .. token, -1) <= 0 then\n"                          \
+  "    redis.call('HDEL', owners, token, 'n:' .. token)\n"                                     \
+  "  end\n"                                                                                   \
+  "end\n"                                                                                     \
   "local function changed(q)\n"                                                                \
   "  redis.call('PUBLISH', (string.gsub(q, '}:q:', '}:c:', 1)), '1')\n"                       \
   "end\n"                                                                                     \
@@ -58,39 +65,65 @@ namespace kxic {
   "end\n"
 
 // Destructive get of the first visible message (matching MsgId/CorrelId when given).
-// KEYS: q, gl, pl, owners, w. ARGV: limit (-1 any length), token ('' no syncpoint), ttl ms,
+// The hint key holds an id up to which every entry is locked or gone, so that a get does not
+// walk over the messages of open units of work again and again. Scans that start at the hint
+// carry it forward; any change that can make an entry at or before it visible again (a
+// back-out of gets, a commit of puts) deletes it, and a unit of work past its expiry makes the
+// get scan from the start, which backs that unit out.
+// KEYS: q, gl, pl, owners, w, h. ARGV: limit (-1 any length), token ('' no syncpoint), ttl ms,
 // msgid (''), correlid ('').
 // Reply: {1, id, md, data} taken; {2, id, md, length} longer than limit, left alone;
 //        {0, top id of q, top id of w} nothing there.
 inline constexpr const char* kGetScript = KXIC_LUA_COMMON
-    "local q, gl, pl, owners, w = KEYS[1], KEYS[2], KEYS[3], KEYS[4], KEYS[5]\n"
+    "local q, gl, pl, owners, w, h = KEYS[1], KEYS[2], KEYS[3], KEYS[4], KEYS[5], KEYS[6]\n"
     "local limit, token, ttl = tonumber(ARGV[1]), ARGV[2], tonumber(ARGV[3])\n"
     "local mid, cid = ARGV[4], ARGV[5]\n"
     "local locks = redis.call('HLEN', gl) + redis.call('HLEN', pl)\n"
-    "local glt, plt = lock_table(gl, locks), lock_table(pl, locks)\n"
     "local now = now_ms()\n"
-    "local count = 1\n"
-    "if locks > 0 then count = math.min(locks + 1, 256) end\n"
+    "local hint = false\n"
+    "if locks > 0 then\n"
+    "  hint = redis.call('GET', h)\n"
+    "  if hint then\n"
+    "    local ow = redis.call('HGETALL', owners)\n"
+    "    for i = 1, #ow, 2 do\n"
+    "      if string.sub(ow[i], 1, 2) ~= 'n:' and tonumber(ow[i + 1]) <= now then\n"
+    "        hint = false\n"
+    "        break\n"
+    "      end\n"
+    "    end\n"
+    "  end\n"
+    "end\n"
+    "local glt, plt, count, grow = nil, nil, 1, 4\n"
+    "if locks > 0 and not hint then\n"
+    "  glt, plt = lock_table(gl, locks), lock_table(pl, locks)\n"
+    "  count, grow = math.min(locks + 1, 256), 1\n"
+    "end\n"
     "if (mid ~= '' or cid ~= '') and count < 64 then count = 64 end\n"
-    "local start = '-'\n"
+    "local start = hint and ('(' .. hint) or '-'\n"
+    "local run, last = true, hint\n"
+    "local function keep_hint(id)\n"
+    "  if not run or locks == 0 then return end\n"
+    "  if id then redis.call('SET', h, id) elseif hint then return else redis.call('DEL', h) end\n"
+    "end\n"
     "while true do\n"
     "  local batch = redis.call('XRANGE', q, start, '+', 'COUNT', count)\n"
     "  for _, e in ipairs(batch) do\n"
-    "    local id, take = e[1], true\n"
+    "    local id, take, locked = e[1], true, false\n"
     "    if locks > 0 then\n"
     "      local o = lock_of(pl, plt, id)\n"
     "      if o then\n"
-    "        take = false\n"
+    "        take, locked = false, true\n"
     "        if not alive(owners, o, now) then\n"
     "          redis.call('XDEL', q, id)\n"
     "          redis.call('HDEL', pl, id)\n"
+    "          reap(owners, o)\n"
     "          changed(q)\n"
     "        end\n"
     "      else\n"
     "        o = lock_of(gl, glt, id)\n"
     "        if o then\n"
-    "          if alive(owners, o, now) then take = false\n"
-    "          else redis.call('HDEL', gl, id) changed(q) end\n"
+    "          if alive(owners, o, now) then take, locked = false, true\n"
+    "          else redis.call('HDEL', gl, id) reap(owners, o) changed(q) end\n"
     "        end\n"
     "      end\n"
     "    end\n"
@@ -102,20 +135,32 @@ inline constexpr const char* kGetScript = KXIC_LUA_COMMON
     "      elseif cid ~= '' and string.sub(md, 73, 96) ~= cid then take = false end\n"
     "    end\n"
     "    if take then\n"
-    "      if limit >= 0 and #data > limit then return {2, id, md, #data} end\n"
+    "      if limit >= 0 and #data > limit then\n"
+    "        keep_hint(last)\n"
+    "        return {2, id, md, #data}\n"
+    "      end\n"
     "      if token ~= '' then\n"
     "        redis.call('HSET', gl, id, token)\n"
     "        redis.call('HSET', owners, token, now + ttl)\n"
+    "        redis.call('HINCRBY', owners, 'n:' .. token, 1)\n"
     "      else\n"
     "        redis.call('XDEL', q, id)\n"
     "      end\n"
+    "      if locks > 0 or token ~= '' then locks = locks + 1 keep_hint(id) end\n"
     "      changed(q)\n"
     "      return {1, id, md, data}\n"
+    "    end\n"
+    "    if locked then\n"
+    "      if run then last = id end\n"
+    "    else\n"
+    "      run = false\n"
     "    end\n"
     "  end\n"
     "  if #batch < count then break end\n"
     "  start = '(' .. batch[#batch][1]\n"
+    "  count = math.min(count * grow, 256)\n"
     "end\n"
+    "keep_hint(last)\n"
     "local top = redis.call('XREVRANGE', q, '+', '-', 'COUNT', 1)\n"
     "local wtop = redis.call('XREVRANGE', w, '+', '-', 'COUNT', 1)\n"
     "return {0, top[1] and top[1][1] or '0-0', wtop[1] and wtop[1][1] or '0-0'}\n";
@@ -168,20 +213,21 @@ inline constexpr const char* kPutScript = KXIC_LUA_COMMON
     "if ARGV[4] ~= '' then\n"
     "  redis.call('HSET', KEYS[3], id, ARGV[4])\n"
     "  redis.call('HSET', KEYS[4], ARGV[4], now_ms() + tonumber(ARGV[5]))\n"
+    "  redis.call('HINCRBY', KEYS[4], 'n:' .. ARGV[4], 1)\n"
     "end\n"
     "return id\n";
 
 // End of a unit of work: commit ('c') or back out ('b'). A commit whose locks were taken over
 // (its owner expired) backs out what is left instead.
-// KEYS: owners, then per queue q, gl, pl, w. ARGV: token, mode, then per queue: number of
+// KEYS: owners, then per queue q, gl, pl, w, h. ARGV: token, mode, then per queue: number of
 // gets, their ids, number of puts, their ids.
 // Reply: 1 committed, 0 backed out.
 inline constexpr const char* kEndScript = KXIC_LUA_COMMON
     "local token, mode = ARGV[1], ARGV[2]\n"
     "local a, units = 3, {}\n"
-    "for k = 2, #KEYS, 4 do\n"
+    "for k = 2, #KEYS, 5 do\n"
     "  local u = {q = KEYS[k], gl = KEYS[k + 1], pl = KEYS[k + 2], w = KEYS[k + 3],\n"
-    "             gets = {}, puts = {}}\n"
+    "             h = KEYS[k + 4], gets = {}, puts = {}}\n"
     "  local n = tonumber(ARGV[a])\n"
     "  for i = 1, n do u.gets[i] = ARGV[a + i] end\n"
     "  a = a + n + 1\n"
@@ -214,10 +260,13 @@ inline constexpr const char* kEndScript = KXIC_LUA_COMMON
     "      if mode == 'c' then wake = true else redis.call('XDEL', u.q, id) end\n"
     "    end\n"
     "  end\n"
-    "  if wake then redis.call('XADD', u.w, 'MAXLEN', 1, '*', 'wake', '1') end\n"
+    "  if wake then\n"
+    "    redis.call('XADD', u.w, 'MAXLEN', 1, '*', 'wake', '1')\n"
+    "    redis.call('DEL', u.h)\n"
+    "  end\n"
     "  if #u.gets > 0 or #u.puts > 0 then changed(u.q) end\n"
     "end\n"
-    "redis.call('HDEL', KEYS[1], token)\n"
+    "redis.call('HDEL', KEYS[1], token, 'n:' .. token)\n"
     "if mode == 'c' then return 1 end\n"
     "return 0\n";
 

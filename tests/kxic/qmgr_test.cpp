@@ -3,6 +3,7 @@
 #include <time.h>
 
 #include <atomic>
+#include <future>
 #include <set>
 
 #include "tests/kxic/kxic_fixture.h"
@@ -269,6 +270,96 @@ TEST_F(KxicTest, SyncpointGetsAndPutsCommitOrBackOutInPlace) {
   KXHCONN h2 = connect(qmgr_);
   EXPECT_EQ(depth(h2, "Q1"), 2);
   disconnect(h2);
+}
+
+TEST_F(KxicTest, GettersSkipOtherUnitsOfWorkAndFindWhatTheyGiveBack) {
+  KXHCONN h = connect(qmgr_);
+  KXHOBJ o = open(h, "Q1", KXOO_OUTPUT | KXOO_INPUT_SHARED);
+  for (int i = 0; i < 7; ++i) put(h, o, numbered(i));
+  std::string qm = qmgr_;
+  // A second unit of work on its own connection keeps a message locked throughout. The
+  // thread that made the connection lives on, so that no later thread takes its id (and with
+  // it the connection).
+  std::promise<KXHCONN> made;
+  std::promise<void> done;
+  std::thread owner([&] {
+    made.set_value(connect(qm));
+    done.get_future().wait();
+  });
+  KXHCONN holder = made.get_future().get();
+  KXHOBJ held = open(holder, "Q1", KXOO_INPUT_SHARED);
+  // Another connection (its own thread) takes messages outside syncpoint.
+  auto takeElsewhere = [qm](int n) {
+    std::vector<std::string> got;
+    std::thread([&] {
+      KXHCONN c = connect(qm);
+      KXHOBJ q = open(c, "Q1", KXOO_INPUT_SHARED);
+      for (int i = 0; i < n; ++i) {
+        Got g = get(c, q, 0);
+        got.push_back(g.r.cc == KXCC_OK ? g.data : "rc " + std::to_string(g.r.rc));
+      }
+      disconnect(c);
+    }).join();
+    return got;
+  };
+  EXPECT_EQ(get(h, o, KXGMO_SYNCPOINT).data, numbered(0));
+  EXPECT_EQ(get(h, o, KXGMO_SYNCPOINT).data, numbered(1));
+  EXPECT_EQ(get(holder, held, KXGMO_SYNCPOINT).data, numbered(2));
+  EXPECT_EQ(takeElsewhere(1), std::vector<std::string>{numbered(3)});
+  // Backed out, the two come back first, in their places.
+  EXPECT_EQ(backOut(h).cc, KXCC_OK);
+  EXPECT_EQ(takeElsewhere(2), (std::vector<std::string>{numbered(0), numbered(1)}));
+
+  // A put under syncpoint behind locked messages is found once committed.
+  EXPECT_EQ(get(h, o, KXGMO_SYNCPOINT).data, numbered(4));
+  put(h, o, "late", KXPMO_SYNCPOINT);
+  EXPECT_EQ(takeElsewhere(3),
+            (std::vector<std::string>{numbered(5), numbered(6), "rc 2033"}));
+  EXPECT_EQ(commit(h).cc, KXCC_OK);
+  EXPECT_EQ(takeElsewhere(2), (std::vector<std::string>{"late", "rc 2033"}));
+  EXPECT_EQ(backOut(holder).cc, KXCC_OK);
+  EXPECT_EQ(takeElsewhere(2), (std::vector<std::string>{numbered(2), "rc 2033"}));
+  disconnect(holder);
+  done.set_value();
+  owner.join();
+  disconnect(h);
+}
+
+TEST_F(KxicTest, TheUnitOfWorkOfADeadProcessIsBackedOutAfterItsExpiry) {
+  setenv("KXIC_UNIT_TIMEOUT", "1500", 1);
+  KXHCONN h = connect(qmgr_);
+  KXHOBJ o = open(h, "Q1", KXOO_OUTPUT | KXOO_INPUT_SHARED);
+  for (int i = 0; i < 5; ++i) put(h, o, numbered(i));
+  std::string qm = qmgr_;
+  // The child gets two messages and a put under syncpoint and dies without a word.
+  pid_t child = spawn([qm] {
+    KXHCONN c = connect(qm);
+    KXHOBJ q = open(c, "Q1", KXOO_INPUT_SHARED | KXOO_OUTPUT);
+    bool ok = get(c, q, KXGMO_SYNCPOINT).data == numbered(0) &&
+              get(c, q, KXGMO_SYNCPOINT).data == numbered(1) &&
+              put(c, q, "never", KXPMO_SYNCPOINT).cc == KXCC_OK;
+    return ok;
+  });
+  ASSERT_EQ(waitFor(child), 0);
+  // While its unit of work lives, its messages stay hidden.
+  EXPECT_EQ(get(h, o, KXGMO_SYNCPOINT).data, numbered(2));
+  std::this_thread::sleep_for(std::chrono::milliseconds(1700));
+  unsetenv("KXIC_UNIT_TIMEOUT");
+  // Both units have expired: another getter takes everything back in order, the put is gone,
+  // and the commit of the expired unit reports the back-out.
+  std::vector<std::string> got;
+  std::thread([&] {
+    KXHCONN c = connect(qm);
+    KXHOBJ q = open(c, "Q1", KXOO_INPUT_SHARED);
+    for (Got g = get(c, q, 0); g.r.cc == KXCC_OK; g = get(c, q, 0)) got.push_back(g.data);
+    disconnect(c);
+  }).join();
+  EXPECT_EQ(got, (std::vector<std::string>{numbered(0), numbered(1), numbered(2), numbered(3),
+                                           numbered(4)}));
+  Result r = commit(h);
+  EXPECT_EQ(r.cc, KXCC_FAILED);
+  EXPECT_EQ(r.rc, KXRC_BACKED_OUT);
+  disconnect(h);
 }
 
 TEST_F(KxicTest, TwoDrainerProcessesGetEveryMessageExactlyOnce) {
