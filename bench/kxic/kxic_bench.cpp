@@ -2,6 +2,9 @@
 // browse and drain N messages of S bytes on a queue manager of its own.
 //
 //   kxic_bench [COUNT [SIZE]]        (default 100000 messages of 1024 bytes; server: KXSERVER)
+//
+// Prints one line per figure for people and one "BENCH kxic.<name> msgs_per_s=<n>" line for
+// tools.
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -21,9 +24,10 @@ double seconds(std::chrono::steady_clock::time_point since) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - since).count();
 }
 
-void line(const char* what, long count, double secs) {
-  printf("kxic %-22s %8ld msgs in %7.3f s = %9.0f msg/s\n", what, count, secs,
-         secs > 0 ? double(count) / secs : 0.0);
+void line(const char* what, const char* name, long count, double secs) {
+  double rate = secs > 0 ? double(count) / secs : 0.0;
+  printf("kxic %-22s %8ld msgs in %7.3f s = %9.0f msg/s\n", what, count, secs, rate);
+  printf("BENCH kxic.%s msgs_per_s=%.0f\n", name, rate);
   fflush(stdout);
 }
 
@@ -82,7 +86,7 @@ int main(int argc, char** argv) {
     KXPUT(h, o, &md, &pmo, KXLONG(size), data.data(), &cc, &rc);
     if (!check("put", cc, rc)) goto done;
   }
-  line("put", count, seconds(t0));
+  line("put", "put", count, seconds(t0));
 
   // Browse from first to last.
   t0 = std::chrono::steady_clock::now();
@@ -95,7 +99,7 @@ int main(int argc, char** argv) {
     }
     if (!check("browse", cc, rc)) goto done;
   }
-  line("browse", count, seconds(t0));
+  line("browse", "browse", count, seconds(t0));
 
   // Drain: destructive gets outside syncpoint.
   t0 = std::chrono::steady_clock::now();
@@ -108,7 +112,7 @@ int main(int argc, char** argv) {
     }
     if (!check("get", cc, rc)) goto done;
   }
-  line("drain", count, seconds(t0));
+  line("drain", "drain", count, seconds(t0));
 
   // Puts and gets under syncpoint, committed every 100 messages, on a tenth of the count.
   {
@@ -124,7 +128,7 @@ int main(int argc, char** argv) {
         if (!check("commit", cc, rc)) goto done;
       }
     }
-    line("put, syncpoint", n, seconds(t0));
+    line("put, syncpoint", "put_syncpoint", n, seconds(t0));
     gmo.Options = KXGMO_SYNCPOINT;
     t0 = std::chrono::steady_clock::now();
     for (long i = 0; i < n; ++i) {
@@ -135,7 +139,7 @@ int main(int argc, char** argv) {
         if (!check("commit", cc, rc)) goto done;
       }
     }
-    line("drain, syncpoint", n, seconds(t0));
+    line("drain, syncpoint", "drain_syncpoint", n, seconds(t0));
   }
   status = 0;
 
