@@ -37,6 +37,9 @@ constexpr int kLastBatch = 512;
 constexpr int kBatchByteCap = 4 << 20;
 // A wait blocks on the server in slices of at most this long, then looks again.
 constexpr int kWaitSliceMs = 1000;
+// A browse that could not listen for changes reads without read-ahead; it tries to listen
+// again after this long.
+constexpr int64_t kWatchRetryMs = 5000;
 
 constexpr KXLONG kOpenInputOptions = KXOO_INPUT_AS_Q_DEF | KXOO_INPUT_SHARED | KXOO_INPUT_EXCLUSIVE;
 constexpr KXLONG kOpenKnownOptions = kOpenInputOptions | KXOO_BROWSE | KXOO_OUTPUT | KXOO_INQUIRE |
@@ -74,6 +77,7 @@ struct Connection {
   Link link;
   Link watch;  // subscribed to the change channels of browsed queues
   std::vector<std::string> watched;
+  int64_t watchRetryAt = 0;  // after a failed attempt to listen, the next try (monotonic ms)
   bool closed = false;
   Script get{kGetScript, {}}, browse{kBrowseScript, {}}, put{kPutScript, {}}, end{kEndScript, {}},
       setMax{kSetMaxScript, {}}, depth{kDepthScript, {}};
@@ -197,14 +201,19 @@ void takeChanges(Connection& c) {
 bool watchChanges(Connection& c, Object& o) {
   takeChanges(c);
   if (!c.watch.usable()) {
+    if (nowMs() < c.watchRetryAt) return false;
     std::string why;
     c.watched.clear();
-    if (c.watch.open(c.link.address(), why) != 0) return false;
+    if (c.watch.open(c.link.address(), why) != 0) {
+      c.watchRetryAt = nowMs() + kWatchRetryMs;
+      return false;
+    }
   }
   if (std::find(c.watched.begin(), c.watched.end(), o.keys.c) == c.watched.end()) {
     Reply r = c.watch.command({"SUBSCRIBE", o.keys.c});
     if (!r || r->type != REDIS_REPLY_ARRAY) {
       c.watch.close();
+      c.watchRetryAt = nowMs() + kWatchRetryMs;
       return false;
     }
     c.watched.push_back(o.keys.c);

@@ -143,3 +143,29 @@ TEST(KxicServer, TheConfigurationFileNamesServerPasswordAndDefault) {
   EXPECT_EQ(r.rc, KXRC_Q_MGR_NOT_AVAILABLE);
   unlink(tls.c_str());
 }
+
+TEST(KxicServer, WithoutChangeNoticesABrowseStillSeesRemovalsAtOnce) {
+  // A server that refuses SUBSCRIBE: browses cannot listen, so they read without read-ahead.
+  PrivateServer server("user default on nopass ~* &* +@all -subscribe");
+  ASSERT_TRUE(server.start());
+  ScopedEnv env("KXSERVER", server.address().c_str());
+  char msg[256];
+  ASSERT_EQ(kxmCreateQmgr("QMW", msg, sizeof msg), 0) << msg;
+  ASSERT_EQ(kxmCreateQueue("QMW", "Q", -1, msg, sizeof msg), 0) << msg;
+  KXHCONN h = connect("QMW");
+  KXHOBJ o = open(h, "Q", KXOO_OUTPUT | KXOO_BROWSE);
+  for (int i = 0; i < 10; ++i) put(h, o, numbered(i));
+  EXPECT_EQ(get(h, o, KXGMO_BROWSE_FIRST).data, numbered(0));
+  pid_t child = spawn([] {
+    KXHCONN c = connect("QMW");
+    KXHOBJ q = open(c, "Q", KXOO_INPUT_SHARED);
+    for (int i = 0; i < 5; ++i)
+      if (get(c, q, 0).data != numbered(i)) return false;
+    disconnect(c);
+    return true;
+  });
+  ASSERT_EQ(waitFor(child), 0);
+  for (int i = 5; i < 10; ++i) EXPECT_EQ(get(h, o, KXGMO_BROWSE_NEXT).data, numbered(i));
+  EXPECT_EQ(get(h, o, KXGMO_BROWSE_NEXT).r.rc, KXRC_NO_MSG_AVAILABLE);
+  disconnect(h);
+}
