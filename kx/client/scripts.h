@@ -68,8 +68,8 @@ namespace kxic {
 // The hint key holds an id up to which every entry is locked or gone, so that a get does not
 // walk over the messages of open units of work again and again. Scans that start at the hint
 // carry it forward; any change that can make an entry at or before it visible again (a
-// back-out of gets, a commit of puts) deletes it, and a unit of work past its expiry makes the
-// get scan from the start, which backs that unit out.
+// back-out of gets, a commit of puts, a message of an expired unit given back) deletes it, and
+// a unit of work past its expiry makes the get scan from the start, which backs that unit out.
 // KEYS: q, gl, pl, owners, w, h. ARGV: limit (-1 any length), token ('' no syncpoint), ttl ms,
 // msgid (''), correlid ('').
 // Reply: {1, id, md, data} taken; {2, id, md, length} longer than limit, left alone;
@@ -123,7 +123,13 @@ inline constexpr const char* kGetScript = KXIC_LUA_COMMON
     "        o = lock_of(gl, glt, id)\n"
     "        if o then\n"
     "          if alive(owners, o, now) then take, locked = false, true\n"
-    "          else redis.call('HDEL', gl, id) reap(owners, o) changed(q) end\n"
+    "          else\n"
+    "            redis.call('HDEL', gl, id)\n"
+    "            reap(owners, o)\n"
+    "            changed(q)\n"
+    "            redis.call('DEL', h)\n"
+    "            hint = false\n"
+    "          end\n"
     "        end\n"
     "      end\n"
     "    end\n"
