@@ -204,11 +204,13 @@ int32_t Store::open(const std::string& qmgr, std::string& why) {
   }
   sqlite3_busy_handler(db_, onBusy, this);
   sqlite3_extended_result_codes(db_, 1);
+  // A browse of a long queue keeps a flat memory: pages are read, not mapped (mapped pages of
+  // the whole file would count as resident), into a 4 MiB page cache.
   // WAL with synchronous=NORMAL: a commit is in the operating system's hands when it returns,
   // so it survives the death of the process; only a power failure can lose the last commits.
   rc = exec(
-      "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL; PRAGMA cache_size=-16384;"
-      " PRAGMA temp_store=MEMORY; PRAGMA mmap_size=268435456;"
+      "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL; PRAGMA cache_size=-4096;"
+      " PRAGMA temp_store=MEMORY; PRAGMA mmap_size=0;"
       " PRAGMA journal_size_limit=67108864; PRAGMA wal_autocheckpoint=8192;");
   if (rc == SQLITE_OK) {
     sqlite3_stmt* s = nullptr;
