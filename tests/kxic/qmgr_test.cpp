@@ -379,15 +379,28 @@ TEST_F(KxicTest, TwoDrainerProcessesGetEveryMessageExactlyOnce) {
       KXHCONN c = connect(qm);
       KXHOBJ q = open(c, "Q1", KXOO_INPUT_SHARED);
       std::ofstream out(dir + "/drained." + std::to_string(n));
-      // One drainer commits in units of work of 7, the other takes each message at once.
+      // One drainer works in units of work of 7 and backs every third one out (its messages
+      // go back in place for either drainer to take again); the other takes each message at
+      // once.
       bool syncpoint = n == 1;
-      for (int taken = 1;; ++taken) {
+      std::vector<std::string> unit;
+      for (int taken = 1, units = 0;; ++taken) {
         Got g = get(c, q, syncpoint ? KXGMO_SYNCPOINT : 0, 100);
         if (g.r.rc == KXRC_NO_MSG_AVAILABLE) break;
         if (g.r.cc != KXCC_OK) return false;
-        out << g.data << '\n';
-        if (syncpoint && taken % 7 == 0 && commit(c).cc != KXCC_OK) return false;
+        if (!syncpoint) {
+          out << g.data << '\n';
+          continue;
+        }
+        unit.push_back(g.data);
+        if (taken % 7 != 0) continue;
+        bool back = ++units % 3 == 0;
+        if ((back ? backOut(c) : commit(c)).cc != KXCC_OK) return false;
+        if (!back)
+          for (const std::string& d : unit) out << d << '\n';
+        unit.clear();
       }
+      for (const std::string& d : unit) out << d << '\n';
       out.close();
       disconnect(c);  // commits the last unit of work
       return true;
