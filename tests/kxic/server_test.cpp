@@ -52,9 +52,17 @@ TEST(KxicServer, AServerThatIsDownGivesReason2059) {
   EXPECT_EQ(kxmCreateQmgr("QM1", msg, sizeof msg), KXRC_Q_MGR_NOT_AVAILABLE);
   EXPECT_NE(std::string(msg).find(down), std::string::npos) << msg;
   // A malformed address is a configuration error, not an unavailable server.
-  ScopedEnv bad("KXSERVER", "no-port-here");
+  for (const char* bad : {"no-port-here", "host:", ":6379", "host:0", "host:65536", "host:12x",
+                          "::1:6379", "[::1:6379", "[]:6379"}) {
+    ScopedEnv badEnv("KXSERVER", bad);
+    connect("QM1", &r);
+    EXPECT_EQ(r.rc, KXRC_Q_MGR_NAME_ERROR) << bad;
+  }
+  // An IPv6 address in brackets is understood (nothing listens there).
+  std::string v6 = "[::1]:" + std::to_string(freePort());
+  ScopedEnv v6Env("KXSERVER", v6.c_str());
   connect("QM1", &r);
-  EXPECT_EQ(r.rc, KXRC_Q_MGR_NAME_ERROR);
+  EXPECT_EQ(r.rc, KXRC_Q_MGR_NOT_AVAILABLE);
 }
 
 TEST(KxicServer, ARestartBetweenTwoGetsFailsTheGetThenTheNextConnectReconnects) {
