@@ -109,7 +109,7 @@ KXENTRY int32_t kxmDeleteQmgr(const char* qmgr, char* msg, size_t msgLen) {
   std::vector<std::string> keys{prefix + "qmgr", prefix + "queues", prefix + "owners"};
   for (size_t i = 0; i < r->elements; ++i) {
     QueueKeys k = queueKeys(name, std::string(r->element[i]->str, r->element[i]->len));
-    keys.insert(keys.end(), {k.q, k.gl, k.pl, k.w, k.h});
+    keys.insert(keys.end(), {k.q, k.gl, k.pl, k.w, k.h, k.z});
   }
   std::vector<std::string_view> args{"DEL"};
   args.insert(args.end(), keys.begin(), keys.end());
@@ -158,7 +158,7 @@ KXENTRY int32_t kxmDeleteQueue(const char* qmgr, const char* queue, char* msg, s
   if (r->integer != 1)
     return report(KXRC_UNKNOWN_OBJECT_NAME, "queue " + name + " does not exist", msg, msgLen);
   QueueKeys k = queueKeys(qm, name);
-  Reply d = link.command({"DEL", k.q, k.gl, k.pl, k.w, k.h});
+  Reply d = link.command({"DEL", k.q, k.gl, k.pl, k.w, k.h, k.z});
   if (!d || d->type != REDIS_REPLY_INTEGER)
     return failure(d, link, "cannot delete the messages of queue " + name, msg, msgLen);
   return report(0, "", msg, msgLen);

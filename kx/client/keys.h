@@ -13,13 +13,13 @@ constexpr int kMsgIdLength = 24;
 inline std::string qmgrPrefix(const std::string& qmgr) { return "kx:{" + qmgr + "}:"; }
 
 struct QueueKeys {
-  std::string q, gl, pl, w, h, c;  // c: the change channel
+  std::string q, gl, pl, w, h, z, c;  // c: the change channel
 };
 
 inline QueueKeys queueKeys(const std::string& qmgr, const std::string& queue) {
   std::string p = qmgrPrefix(qmgr);
   return {p + "q:" + queue, p + "gl:" + queue, p + "pl:" + queue, p + "w:" + queue,
-          p + "h:" + queue, p + "c:" + queue};
+          p + "h:" + queue, p + "z:" + queue, p + "c:" + queue};
 }
 
 inline bool nameChar(char c) {

@@ -270,7 +270,7 @@ KXLONG getDestructive(Connection& c, Object& o, const GetArgs& a, bool syncpoint
   if (a.gmo->MatchOptions & KXMO_MATCH_CORREL_ID) cid = bytes(a.md->CorrelId, kMsgIdLength);
   std::string owners = c.prefix + "owners";
   Reply r = evalScript(c.link, c.get,
-                       {o.keys.q, o.keys.gl, o.keys.pl, owners, o.keys.w, o.keys.h},
+                       {o.keys.q, o.keys.gl, o.keys.pl, owners, o.keys.w, o.keys.h, o.keys.z},
                        {limit, syncpoint ? std::string_view(c.token) : "", ttl, mid, cid});
   if (!r || r->type != REDIS_REPLY_ARRAY || r->elements < 3 ||
       r->element[0]->type != REDIS_REPLY_INTEGER)
@@ -308,7 +308,7 @@ KXLONG fetchBatch(Connection& c, Object& o, const std::string& from, bool ahead 
   std::string cap = std::to_string(kBatchByteCap);
   std::string owners = c.prefix + "owners";
   o.batch.reset();
-  Reply r = evalScript(c.link, c.browse, {o.keys.q, o.keys.gl, o.keys.pl, owners},
+  Reply r = evalScript(c.link, c.browse, {o.keys.q, o.keys.gl, o.keys.pl, owners, o.keys.z},
                        {start, count, cap});
   if (!r || r->type != REDIS_REPLY_ARRAY || r->elements < 1 || (r->elements - 1) % 3 != 0)
     return failureOf(r);
@@ -449,7 +449,7 @@ KXLONG putMessage(Connection& c, Object& o, KXMD* md, KXPMO* pmo, KXLONG length,
   bool syncpoint = opts & KXPMO_SYNCPOINT;
   const std::string& ttl = c.ttl;
   std::string queues = c.prefix + "queues", owners = c.prefix + "owners";
-  Reply r = evalScript(c.link, c.put, {queues, o.keys.q, o.keys.pl, owners},
+  Reply r = evalScript(c.link, c.put, {queues, o.keys.q, o.keys.pl, owners, o.keys.z},
                        {o.name, bytes(md, kMdLength), length ? bytes(buffer, size_t(length)) : "",
                         syncpoint ? std::string_view(c.token) : "", ttl});
   if (r && r->type == REDIS_REPLY_NIL) return KXRC_Q_DELETED;

@@ -11,6 +11,8 @@
 //   kx:{QM}:pl:NAME      hash: entry id -> token, put under syncpoint (hidden until commit)
 //   kx:{QM}:w:NAME       stream of one entry: wakes waiting getters on commit and back-out
 //   kx:{QM}:h:NAME       string: an entry id up to which every entry is locked or gone
+//   kx:{QM}:z:NAME       string: the longest data put since the queue was last empty; scripts
+//                        read at most about 4 MiB of entries at a time by it
 //   kx:{QM}:c:NAME       channel: published when messages leave, hide or come back, so that
 //                        browsers drop the batches they read ahead
 //
@@ -53,6 +55,11 @@ namespace kxic {
   "    redis.call('HDEL', owners, token, 'n:' .. token)\n"                                     \
   "  end\n"                                                                                   \
   "end\n"                                                                                     \
+  "local function room(z, cap)\n"                                                              \
+  "  local big = tonumber(redis.call('GET', z) or '0')\n"                                      \
+  "  if big < 1 then big = 1 end\n"                                                            \
+  "  return math.max(1, math.floor(cap / big))\n"                                              \
+  "end\n"                                                                                     \
   "local function changed(q)\n"                                                                \
   "  redis.call('PUBLISH', (string.gsub(q, '}:q:', '}:c:', 1)), '1')\n"                       \
   "end\n"                                                                                     \
@@ -70,7 +77,7 @@ namespace kxic {
 // carry it forward; any change that can make an entry at or before it visible again (a
 // back-out of gets, a commit of puts, a message of an expired unit given back) deletes it, and
 // a unit of work past its expiry makes the get scan from the start, which backs that unit out.
-// KEYS: q, gl, pl, owners, w, h. ARGV: limit (-1 any length), token ('' no syncpoint), ttl ms,
+// KEYS: q, gl, pl, owners, w, h, z. ARGV: limit (-1 any length), token ('' no syncpoint), ttl ms,
 // msgid (''), correlid ('').
 // Reply: {1, id, md, data} taken; {2, id, md, length} longer than limit, left alone;
 //        {0, top id of q, top id of w} nothing there.
@@ -99,6 +106,8 @@ inline constexpr const char* kGetScript = KXIC_LUA_COMMON
     "  count, grow = math.min(locks + 1, 256), 1\n"
     "end\n"
     "if (mid ~= '' or cid ~= '') and count < 64 then count = 64 end\n"
+    "local most = room(KEYS[7], 4194304)\n"
+    "count = math.min(count, most)\n"
     "local start = hint and ('(' .. hint) or '-'\n"
     "local run, last = true, hint\n"
     "local function keep_hint(id)\n"
@@ -151,6 +160,7 @@ inline constexpr const char* kGetScript = KXIC_LUA_COMMON
     "        redis.call('HINCRBY', owners, 'n:' .. token, 1)\n"
     "      else\n"
     "        redis.call('XDEL', q, id)\n"
+    "        if redis.call('XLEN', q) == 0 then redis.call('DEL', KEYS[7]) end\n"
     "      end\n"
     "      if locks > 0 or token ~= '' then locks = locks + 1 keep_hint(id) end\n"
     "      changed(q)\n"
@@ -164,7 +174,7 @@ inline constexpr const char* kGetScript = KXIC_LUA_COMMON
     "  end\n"
     "  if #batch < count then break end\n"
     "  start = '(' .. batch[#batch][1]\n"
-    "  count = math.min(count * grow, 256)\n"
+    "  count = math.min(count * grow, 256, most)\n"
     "end\n"
     "keep_hint(last)\n"
     "local top = redis.call('XREVRANGE', q, '+', '-', 'COUNT', 1)\n"
@@ -173,11 +183,12 @@ inline constexpr const char* kGetScript = KXIC_LUA_COMMON
 
 // Browse batch: visible messages after a start id, up to a count and about a byte cap (at
 // least one message).
-// KEYS: q, gl, pl, owners. ARGV: start ('-' or '(' id), count, cap.
+// KEYS: q, gl, pl, owners, z. ARGV: start ('-' or '(' id), count, cap.
 // Reply: {last id scanned or '', id1, md1, data1, id2, ...}.
 inline constexpr const char* kBrowseScript = KXIC_LUA_COMMON
     "local q, gl, pl, owners = KEYS[1], KEYS[2], KEYS[3], KEYS[4]\n"
-    "local count, cap = tonumber(ARGV[2]), tonumber(ARGV[3])\n"
+    "local cap = tonumber(ARGV[3])\n"
+    "local count = math.min(tonumber(ARGV[2]), room(KEYS[5], cap))\n"
     "local locks = redis.call('HLEN', gl) + redis.call('HLEN', pl)\n"
     "local glt, plt = lock_table(gl, locks), lock_table(pl, locks)\n"
     "local now = 0\n"
@@ -211,11 +222,14 @@ inline constexpr const char* kBrowseScript = KXIC_LUA_COMMON
     "return out\n";
 
 // Put: appends a message to an existing queue, hidden under the token when given.
-// KEYS: queues, q, pl, owners. ARGV: queue name, md, data, token (''), ttl ms.
+// KEYS: queues, q, pl, owners, z. ARGV: queue name, md, data, token (''), ttl ms.
 // Reply: the entry id, or nil when the queue no longer exists.
 inline constexpr const char* kPutScript = KXIC_LUA_COMMON
     "if redis.call('HEXISTS', KEYS[1], ARGV[1]) == 0 then return false end\n"
     "local id = redis.call('XADD', KEYS[2], '*', 'md', ARGV[2], 'data', ARGV[3])\n"
+    "if #ARGV[3] > tonumber(redis.call('GET', KEYS[5]) or '0') then\n"
+    "  redis.call('SET', KEYS[5], #ARGV[3])\n"
+    "end\n"
     "if ARGV[4] ~= '' then\n"
     "  redis.call('HSET', KEYS[3], id, ARGV[4])\n"
     "  redis.call('HSET', KEYS[4], ARGV[4], now_ms() + tonumber(ARGV[5]))\n"

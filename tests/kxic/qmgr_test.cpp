@@ -173,6 +173,25 @@ TEST_F(KxicTest, TruncationLeavesTheMessageUnlessAccepted) {
   disconnect(h);
 }
 
+TEST_F(KxicTest, LargeMessagesAmongSmallOnesComeBackWhole) {
+  KXHCONN h = connect(qmgr_);
+  KXHOBJ o = open(h, "Q1", KXOO_OUTPUT | KXOO_BROWSE | KXOO_INPUT_SHARED);
+  std::vector<std::string> sent;
+  for (int i = 0; i < 40; ++i) {
+    std::string data = i % 10 == 3 ? std::string(3 << 20, char('A' + i % 26)) : numbered(i);
+    ASSERT_EQ(put(h, o, data).cc, KXCC_OK);
+    sent.push_back(data);
+  }
+  for (size_t i = 0; i < sent.size(); ++i) {
+    Got g = get(h, o, i == 0 ? KXGMO_BROWSE_FIRST : KXGMO_BROWSE_NEXT, 4 << 20);
+    ASSERT_EQ(g.r.cc, KXCC_OK) << i;
+    ASSERT_EQ(g.data, sent[i]) << i;
+  }
+  EXPECT_EQ(get(h, o, KXGMO_BROWSE_NEXT).r.rc, KXRC_NO_MSG_AVAILABLE);
+  for (size_t i = 0; i < sent.size(); ++i) ASSERT_EQ(get(h, o, 0, 4 << 20).data, sent[i]) << i;
+  disconnect(h);
+}
+
 TEST_F(KxicTest, WaitReturnsAMessagePutLaterOrTimesOut) {
   KXHCONN h = connect(qmgr_);
   KXHOBJ o = open(h, "Q1", KXOO_INPUT_SHARED | KXOO_BROWSE);
