@@ -22,6 +22,7 @@ struct SchemaNode {
 };
 
 SchemaNode* g_schemaHead = nullptr;
+uint64_t g_schemaSerial = 0;
 
 constexpr size_t kSchemaSubKeyOffset = 156;
 
@@ -58,7 +59,7 @@ int32_t cacheSchema(const uint8_t* msg, size_t length, bool senderSwapped) {
     return -1;
   }
   std::memcpy(copy, msg, length);
-  CachedSchema fresh{copy, length, senderSwapped, version};
+  CachedSchema fresh{copy, length, senderSwapped, version, ++g_schemaSerial};
 
   SchemaNode** link = &g_schemaHead;
   for (SchemaNode* n = g_schemaHead; n != nullptr; n = n->next) {

@@ -30,6 +30,7 @@ struct CachedSchema {
   size_t length;
   bool senderSwapped;     // name-field counts are still in the sender's byte order
   uint16_t version;       // msgVersion, machine order
+  uint64_t serial = 0;    // unique to this copy for the whole run (a replaced copy gets a new one)
 };
 
 // Offset of the column-offset array inside a schema message of `version`, or 0 (with the

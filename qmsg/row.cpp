@@ -5,11 +5,12 @@
 #include <cinttypes>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "qmsg/compact.h"
+#include "qmsg/emit.h"
 #include "qmsg/families.h"
 #include "qmsg/forms.h"
 #include "qmsg/header.h"
@@ -115,15 +116,88 @@ size_t roundUp4(size_t n) { return (n + 3) & ~size_t{3}; }
 bool quietFix16(MsgReader& r, size_t at) { return r.has(at, 2) && r.fix16(at, "") == 0; }
 bool quietFix32(MsgReader& r, size_t at) { return r.has(at, 4) && r.fix32(at, "") == 0; }
 
+// The descriptor lines of a cached schema's columns are the same for every row that names
+// them: they are printed once per schema copy and code pages, kept, and written as they stand.
+struct RenderedColumn {
+  bool ready = false;
+  std::string lines;
+  ColumnInfo info;
+};
+struct RenderedSchema {
+  uint64_t serial = 0;
+  int32_t msgCcsid = 0, outCcsid = 0, flags = 0;
+  bool converting = false;
+  std::vector<RenderedColumn> columns;
+};
+constexpr size_t kRenderedSchemas = 8;
+RenderedSchema g_rendered[kRenderedSchemas];
+size_t g_renderedNext = 0;
+
+RenderedSchema& renderedFor(uint64_t serial, const QMsg& m) {
+  const bool converting = m.converting();
+  const int32_t msgCcsid = converting ? m.enc->msgCcsid : 0;
+  const int32_t outCcsid = converting ? m.enc->outCcsid : 0;
+  const int32_t flags = converting ? m.enc->flags : 0;
+  for (RenderedSchema& r : g_rendered)
+    if (r.serial == serial && r.converting == converting && r.msgCcsid == msgCcsid &&
+        r.outCcsid == outCcsid && r.flags == flags)
+      return r;
+  RenderedSchema& r = g_rendered[g_renderedNext];
+  g_renderedNext = (g_renderedNext + 1) % kRenderedSchemas;
+  r.serial = serial;
+  r.converting = converting;
+  r.msgCcsid = msgCcsid;
+  r.outCcsid = outCcsid;
+  r.flags = flags;
+  r.columns.clear();
+  return r;
+}
+
 // The cached schema of the row's subscription: its column-offset array and descriptors, in
 // machine order except the name counts.
 struct SchemaColumns {
   QMsg msg;          // over the cached copy, printing to the row's stream
   size_t arrayAt;
   uint16_t nColsInKey;
+  RenderedSchema* rendered = nullptr;
 
-  // Prints the descriptor of column `index` of the array and returns what the value printer needs.
-  int32_t describe(size_t index, ColumnInfo& col) {
+  // Prints the descriptor of column `index` of the array through `e` and returns what the
+  // value printer needs: from the rendered lines when they are there, else printed into a
+  // memory stream and kept (a failure is written and reported as the plain print does, and
+  // not kept).
+  int32_t describe(size_t index, ColumnInfo& col, Emit& e) {
+    if (rendered == nullptr) return describePlain(index, col);
+    if (index < rendered->columns.size() && rendered->columns[index].ready) {
+      const RenderedColumn& c = rendered->columns[index];
+      e.raw(c.lines.data(), c.lines.size());
+      col = c.info;
+      return 0;
+    }
+    char* text = nullptr;
+    size_t size = 0;
+    FILE* mem = open_memstream(&text, &size);
+    if (mem == nullptr) {
+      e.flush();
+      return describePlain(index, col);
+    }
+    FILE* out = msg.out;
+    msg.out = mem;
+    int32_t rc = describePlain(index, col);
+    msg.out = out;
+    std::fclose(mem);
+    e.raw(text, size);
+    if (rc == 0) {
+      if (rendered->columns.size() <= index) rendered->columns.resize(index + 1);
+      RenderedColumn& c = rendered->columns[index];
+      c.lines.assign(text, size);
+      c.info = col;
+      c.ready = true;
+    }
+    std::free(text);
+    return rc;
+  }
+
+  int32_t describePlain(size_t index, ColumnInfo& col) {
     uint16_t desc = 0;
     uint32_t codePage = 0;
     int32_t rc = msg.r.machine(arrayAt + 2 * index, desc, "qSubSchemaMsg column offset");
@@ -149,28 +223,29 @@ bool isLobType(uint16_t type) {
 }
 
 // A LOB or XML value: its reference, then the data that follows inline (rowNum 1).
-int32_t printLobValue(QMsg& m, const MsgReader& value, ColumnInfo col) {
+int32_t printLobValue(QMsg& m, Emit& e, const MsgReader& value, ColumnInfo col) {
   uint32_t rowNum = 0, dataLen = 0;
   uint16_t colNum = 0;
   int32_t rc = value.u32(0, rowNum, "qLobRef.rowNum");
   if (rc == 0) rc = value.u16(4, colNum, "qLobRef.colNum");
   if (rc == 0) rc = value.u32(6, dataLen, "qLobRef.dataLen");
   if (rc != 0) return rc;
-  std::fprintf(m.out, "\n    lobId:      [ rowNum = %d, colNum = %d ]\n", static_cast<int32_t>(rowNum), colNum);
-  std::fprintf(m.out, "    lobDataLen: %d\n", static_cast<int32_t>(dataLen));
+  e.lit("\n    lobId:      [ rowNum = ").num(static_cast<int32_t>(rowNum)).lit(", colNum = ").num(colNum).lit(" ]\n");
+  e.lit("    lobDataLen: ").num(static_cast<int32_t>(dataLen)).ch('\n');
   uint16_t type = col.type & ~1u;
   if (m.converting()) col.codePage = type == kColDbclob ? m.enc->dbcsCcsid : m.enc->msgCcsid;
-  if (type == kColXml) std::fprintf(m.out, "    xmlDataLen: %d\n", static_cast<int32_t>(dataLen));
+  if (type == kColXml) e.lit("    xmlDataLen: ").num(static_cast<int32_t>(dataLen)).ch('\n');
   const uint8_t* data = nullptr;
   size_t n = rowNum == 1 ? value.size() - kLobRefSize : 0;
   if (n > dataLen) n = dataLen;
   if (n > 0) value.bytes(kLobRefSize, n, data, "qLobRef data");
-  return printColumnValue(m, col, data, n, kSetStep);
+  return printColumnValue(m, e, col, data, n, kSetStep);
 }
 
 // qRowColSet::printMe: the column set at `at` of the row reader.
 int32_t printColSet(QMsg& m, const MsgReader& row, size_t at, SchemaColumns* schema, bool key) {
   RPL_TRACE(kCompPrinters, 24);
+  Emit e(m.out);
   uint32_t length = 0;
   uint16_t nCols = 0;
   MsgReader set;
@@ -178,13 +253,17 @@ int32_t printColSet(QMsg& m, const MsgReader& row, size_t at, SchemaColumns* sch
   if (rc == 0) rc = row.sub(at, length, set, "qRowColSet");
   if (rc == 0) rc = set.machine(4, nCols, "qRowColSet.nCols");
   if (rc != 0) return rplTrace_.ret(rc);
-  std::fprintf(m.out, "colset.nCols:   %d\n", nCols);
+  e.lit("colset.nCols:   ").num(nCols).ch('\n');
 
   // Where each value starts (-1: a marker) and how long it is: up to the next value, or to
   // the end of the set for the last one.
-  std::vector<uint16_t> entry(nCols);
-  std::vector<int64_t> start(nCols, -1);
-  std::vector<size_t> size(nCols, 0);
+  // The tables and the work area below are kept from set to set: no allocation per set.
+  thread_local std::vector<uint16_t> entry;
+  thread_local std::vector<int64_t> start;
+  thread_local std::vector<size_t> size;
+  entry.assign(nCols, 0);
+  start.assign(nCols, -1);
+  size.assign(nCols, 0);
   for (size_t i = 0; i < nCols && rc == 0; ++i) {
     rc = set.machine(kSetHeaderSize + 2 * i, entry[i], "qRowColSet column offset");
     if (rc != 0) break;
@@ -213,46 +292,55 @@ int32_t printColSet(QMsg& m, const MsgReader& row, size_t at, SchemaColumns* sch
   }
 
   // One work area for the set, sized by its largest value (a set of markers needs none).
-  std::unique_ptr<uint8_t, decltype(&std::free)> work(nullptr, &std::free);
-  if (largest > 0) {
-    work.reset(static_cast<uint8_t*>(std::malloc(largest + largest % 8)));
-    if (!work) {
+  struct WorkArea {
+    uint8_t* p = nullptr;
+    size_t size = 0;
+    ~WorkArea() { std::free(p); }
+    uint8_t* get() const { return p; }
+  };
+  thread_local WorkArea work;
+  if (largest > 0 && largest + largest % 8 > work.size) {
+    uint8_t* bigger = static_cast<uint8_t*>(std::realloc(work.p, largest + largest % 8));
+    if (bigger == nullptr) {
       reportFailure(kSetStep, "malloc", -1, "memory aligned sqldata buffer");
       return rplTrace_.ret(-1);
     }
+    work.p = bigger;
+    work.size = largest + largest % 8;
   }
 
   for (size_t i = 0; i < nCols; ++i) {
     ColumnInfo col;
     if (schema != nullptr) {
-      rc = schema->describe((key ? 0 : schema->nColsInKey) + i, col);
+      rc = schema->describe((key ? 0 : schema->nColsInKey) + i, col, e);
       if (rc != 0) {
         reportFailure(kSetStep, "qSchemaCol::printMe", rc, "Cannot print column schema");
         return rplTrace_.ret(rc);
       }
     }
-    std::fputs("  col.VALUE:    ", m.out);
+    e.lit("  col.VALUE:    ");
     if (start[i] < 0) {
-      std::fputs(nameOf(kColumnMarkers, entry[i], ""), m.out);
+      e.str(nameOf(kColumnMarkers, entry[i], ""));
       continue;
     }
-    if (entry[i] >= kLongOffset) std::fputs(" (LONG OFFSET) ", m.out);
+    if (entry[i] >= kLongOffset) e.lit(" (LONG OFFSET) ");
     const uint8_t* p = nullptr;
     rc = set.bytes(static_cast<size_t>(start[i]), size[i], p, "qRowColSet column value");
     if (rc != 0) return rplTrace_.ret(rc);
     if (size[i] > 0) std::memcpy(work.get(), p, size[i]);
     if (schema == nullptr) {
-      std::fprintf(m.out, "  length:    %d\n", static_cast<int32_t>(size[i]));
+      e.lit("  length:    ").num(static_cast<int32_t>(size[i])).ch('\n');
+      e.flush();
       dumpHex(size[i], work.get(), m.out);
       continue;
     }
     if (isLobType(col.type)) {
-      rc = printLobValue(m, MsgReader(work.get(), size[i], set.swapped()), col);
+      rc = printLobValue(m, e, MsgReader(work.get(), size[i], set.swapped()), col);
     } else {
-      rc = printColumnValue(m, col, size[i] > 0 ? work.get() : nullptr, size[i], kSetStep);
+      rc = printColumnValue(m, e, col, size[i] > 0 ? work.get() : nullptr, size[i], kSetStep);
     }
     if (rc != 0) return rplTrace_.ret(rc);
-    std::fputc('\n', m.out);
+    e.ch('\n');
   }
   return rplTrace_.ret(0);
 }
@@ -345,24 +433,26 @@ int32_t printTransRow(QMsg& m, size_t at, uint16_t version) {
     if (rc != 0) return rplTrace_.ret(rc);
   }
 
-  FILE* out = m.out;
-  std::fprintf(out, "qTransRow.length:      %d\n", static_cast<int32_t>(length));
-  std::fprintf(out, "rowheader.encodetype:  %s\n", nameOf(kEncodeTypes, encodeType, "Unsupported"));
-  std::fprintf(out, "rowheader.encodever:   %s\n", nameOf(kEncodeVersions, encodeVer, "Unknown"));
-  std::fprintf(out, "rowheader.operation:   %s\n", nameOf(kRowOperations, operation, "Unexpected"));
-  if (version >= 2) {
-    std::fprintf(out, "rowheader.intentseq:   %s\n", intent.c_str());
-    if (encodeVer > 3) std::fprintf(out, "rowheader.partitionNo: %d\n", partitionNo);
+  {
+    Emit e(m.out);
+    e.lit("qTransRow.length:      ").num(static_cast<int32_t>(length)).ch('\n');
+    e.lit("rowheader.encodetype:  ").str(nameOf(kEncodeTypes, encodeType, "Unsupported")).ch('\n');
+    e.lit("rowheader.encodever:   ").str(nameOf(kEncodeVersions, encodeVer, "Unknown")).ch('\n');
+    e.lit("rowheader.operation:   ").str(nameOf(kRowOperations, operation, "Unexpected")).ch('\n');
+    if (version >= 2) {
+      e.lit("rowheader.intentseq:   ").str(intent.c_str()).ch('\n');
+      if (encodeVer > 3) e.lit("rowheader.partitionNo: ").num(partitionNo).ch('\n');  // "%d"
+    }
+    if ((operation & kOpLobBit) && (operation & kOpXmlBit))
+      e.lit("                       Row operation involves LOB and XML columns\n");
+    else if (operation & kOpLobBit)
+      e.lit("                       Row operation involves LOB columns\n");
+    else if (operation & kOpXmlBit)
+      e.lit("                       Row operation involves XML columns\n");
+    e.lit("rowheader.bafter:      ").str(joinFlags(kBafterBits, bafter).c_str()).ch('\n');
+    e.lit("rowheader.sub_id:      ").num(static_cast<int32_t>(subId)).ch('\n');
+    e.lit("rowheader.partitionNo: ").num(partitionNo).ch('\n');  // "%hu"
   }
-  if ((operation & kOpLobBit) && (operation & kOpXmlBit))
-    std::fputs("                       Row operation involves LOB and XML columns\n", out);
-  else if (operation & kOpLobBit)
-    std::fputs("                       Row operation involves LOB columns\n", out);
-  else if (operation & kOpXmlBit)
-    std::fputs("                       Row operation involves XML columns\n", out);
-  std::fprintf(out, "rowheader.bafter:      %s\n", joinFlags(kBafterBits, bafter).c_str());
-  std::fprintf(out, "rowheader.sub_id:      %d\n", static_cast<int32_t>(subId));
-  std::fprintf(out, "rowheader.partitionNo: %hu\n", partitionNo);
 
   if (operation == kOpMassiveStmt) {
     rc = printStmtChunk(m, at + firstSet);
@@ -370,13 +460,14 @@ int32_t printTransRow(QMsg& m, size_t at, uint16_t version) {
     return rplTrace_.ret(rc);
   }
 
-  std::unique_ptr<SchemaColumns> schema;
+  std::optional<SchemaColumns> schema;
   if (const CachedSchema* cached = findSchema(subId)) {
     size_t arrayAt = schemaColumnArrayOffset(cached->version);
     if (arrayAt == 0) return rplTrace_.ret(kRcBadSchemaVersion);
     uint8_t* copy = const_cast<uint8_t*>(cached->msg);
-    schema.reset(new SchemaColumns{QMsg(copy, cached->length, m.out, m.enc, m.cm), arrayAt, 0});
+    schema.emplace(SchemaColumns{QMsg(copy, cached->length, m.out, m.enc, m.cm), arrayAt, 0});
     schema->msg.r = MsgReader(copy, cached->length, cached->senderSwapped);
+    schema->rendered = &renderedFor(cached->serial, schema->msg);
     rc = schema->msg.r.machine(508, schema->nColsInKey, "qSubSchemaMsg.nColsInKey");
     if (rc != 0) return rplTrace_.ret(rc);
   }
@@ -385,7 +476,7 @@ int32_t printTransRow(QMsg& m, size_t at, uint16_t version) {
   for (const SetKind& kind : kSetKinds) {
     if (!(bafter & kind.bit)) continue;
     uint32_t setLen = 0;
-    rc = printColSet(m, row, pos, schema.get(), kind.key);
+    rc = printColSet(m, row, pos, schema ? &*schema : nullptr, kind.key);
     if (rc == 0) rc = row.machine(pos, setLen, "qRowColSet.length");
     if (rc == 0 && setLen < kSetHeaderSize) rc = row.shortRead(pos, kSetHeaderSize, "qRowColSet.length");
     if (rc != 0) {

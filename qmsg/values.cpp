@@ -1,9 +1,12 @@
 // Column values: one value printed by its SQL type code, as a database user reads it.
 #include "qmsg/values.h"
 
+#include <charconv>
 #include <cinttypes>
+#include <cmath>
 #include <cstring>
 
+#include "qmsg/emit.h"
 #include "qmsg/schema.h"
 #include "runtime/catalog.h"
 #include "runtime/trace.h"
@@ -143,14 +146,37 @@ bool decfloatText(const uint8_t* p, size_t n, std::string& out) {
   return true;
 }
 
-std::string doubleText(double v, bool single) {
-  char s[64];
-  std::snprintf(s, sizeof s, "%.*E", single ? 5 : 14, v);
-  std::string text = s;
-  size_t e = text.find('E');
+size_t doubleChars(double v, bool single, char* s) {
+  const int precision = single ? 5 : 14;
+  size_t n;
+  if (std::isfinite(v)) {
+    // The shortest-path conversion of the standard library rounds exactly as printf does;
+    // only the exponent letter differs.
+    std::to_chars_result r = std::to_chars(s, s + kDoubleTextRoom - 1, v, std::chars_format::scientific, precision);
+    n = static_cast<size_t>(r.ptr - s);
+    for (size_t i = n; i-- > 0;)
+      if (s[i] == 'e') {
+        s[i] = 'E';
+        break;
+      }
+  } else {
+    n = static_cast<size_t>(std::snprintf(s, kDoubleTextRoom, "%.*E", precision, v));
+  }
+  s[n] = '\0';
+  const char* e = static_cast<const char*>(std::memchr(s, 'E', n));
   // "E+" or "E-" then the digits: keep two exponent digits where three were written.
-  if (e != std::string::npos && text.size() - e == 5 && text[e + 2] == '0') text.erase(e + 2, 1);
-  return text;
+  if (e != nullptr && s + n - e == 5 && e[2] == '0') {
+    size_t at = static_cast<size_t>(e - s) + 2;
+    std::memmove(s + at, s + at + 1, n - at);
+    --n;
+  }
+  return n;
+}
+
+std::string doubleText(double v, bool single) {
+  char s[kDoubleTextRoom];
+  size_t n = doubleChars(v, single, s);
+  return std::string(s, n);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -174,12 +200,12 @@ int32_t readInt(const QMsg& m, const uint8_t* p, size_t len, T& v, const char* r
   else return r.i64(0, v, read);
 }
 
-// Converts text from the column's code page and prints it as it stands.
-int32_t printText(QMsg& m, const uint8_t* p, size_t n, int32_t codePage, const char* step,
+// Converts text from the column's code page and prints it as it stands ("%.*s").
+int32_t printText(QMsg& m, Emit& e, const uint8_t* p, size_t n, int32_t codePage, const char* step,
                   const char* function, const char* label) {
   ConvText text;
   int32_t rc = convertText(m, p, n, text, step, function, label, codePage);
-  if (rc == 0) std::fprintf(m.out, "%.*s", text.size(), text.data());
+  if (rc == 0) e.text(text.data(), text.size());
   return rc;
 }
 
@@ -194,17 +220,24 @@ int32_t prefixed(const QMsg& m, const uint8_t* p, size_t len, size_t unit, size_
   return 0;
 }
 
-void printHexDigits(FILE* out, const uint8_t* p, size_t n) {
-  for (size_t i = 0; i < n; ++i) std::fprintf(out, "%02X", p[i]);
+// "%02X" per byte.
+void printHexDigits(Emit& e, const uint8_t* p, size_t n) {
+  static const char kHex[] = "0123456789ABCDEF";
+  for (size_t i = 0; i < n; ++i) e.ch(kHex[p[i] >> 4]).ch(kHex[p[i] & 15]);
 }
 
 }  // namespace
 
 int32_t printColumnValue(QMsg& m, const ColumnInfo& col, const uint8_t* p, size_t len, const char* step) {
+  Emit e(m.out);
+  return printColumnValue(m, e, col, p, len, step);
+}
+
+int32_t printColumnValue(QMsg& m, Emit& e, const ColumnInfo& col, const uint8_t* p, size_t len,
+                         const char* step) {
   RPL_TRACE(kCompPrinters, 31);
-  FILE* out = m.out;
   if (len == 0 || p == nullptr) {
-    std::fputs("NULL", out);
+    e.lit("NULL");
     return 0;
   }
   const int32_t cp = col.codePage;
@@ -213,19 +246,19 @@ int32_t printColumnValue(QMsg& m, const ColumnInfo& col, const uint8_t* p, size_
     case kColSmallint: {
       int16_t v = 0;
       rc = readInt(m, p, len, v, "getPtr(sizeof(short))", step, "ConvMgr::readShortPtr");
-      if (rc == 0) std::fprintf(out, "%hd", v);
+      if (rc == 0) e.num(v);  // "%hd"
       break;
     }
     case kColInteger: {
       int32_t v = 0;
       rc = readInt(m, p, len, v, "getPtr4(sizeof(int))", step, "ConvMgr::readIntPtr");
-      if (rc == 0) std::fprintf(out, "%d", v);
+      if (rc == 0) e.num(v);  // "%d"
       break;
     }
     case kColBigint: {
       int64_t v = 0;
       rc = readInt(m, p, len, v, "getPtr8(sizeof(UINT64))", step, "ConvMgr::readIntPtr");
-      if (rc == 0) std::fprintf(out, "%" PRId64, v);
+      if (rc == 0) e.num(v);  // PRId64
       break;
     }
     case kColDouble: {
@@ -234,13 +267,15 @@ int32_t printColumnValue(QMsg& m, const ColumnInfo& col, const uint8_t* p, size_
         rc = readInt(m, p, len, bits, "getPtr4(sizeof(float))", step, "ConvMgr::readIntPtr");
         float f = 0;
         std::memcpy(&f, &bits, 4);
-        if (rc == 0) std::fputs(doubleText(f, true).c_str(), out);
+        char s[kDoubleTextRoom];
+        if (rc == 0) e.raw(s, doubleChars(f, true, s));
       } else {
         int64_t bits = 0;
         rc = readInt(m, p, len, bits, "getPtr8(sizeof(double))", step, "ConvMgr::readIntPtr");
         double d = 0;
         std::memcpy(&d, &bits, 8);
-        if (rc == 0) std::fputs(doubleText(d, false).c_str(), out);
+        char s[kDoubleTextRoom];
+        if (rc == 0) e.raw(s, doubleChars(d, false, s));
       }
       break;
     }
@@ -255,7 +290,7 @@ int32_t printColumnValue(QMsg& m, const ColumnInfo& col, const uint8_t* p, size_
         reportFailure(step, "packed decimal", kRcShortRead, "Cannot convert DECIMAL data");
         rc = kRcShortRead;
       } else {
-        std::fputs(text.c_str(), out);
+        e.str(text.c_str());
       }
       break;
     }
@@ -268,7 +303,7 @@ int32_t printColumnValue(QMsg& m, const ColumnInfo& col, const uint8_t* p, size_
       if (len == 8 || len == 16) {
         for (size_t i = 0; i < len; ++i) be[i] = senderLittle ? p[len - 1 - i] : p[i];
         decfloatText(be, len, text);
-        std::fputs(text.c_str(), out);
+        e.str(text.c_str());
       } else {
         reportShortRead(len < 8 ? 8 : 16, "DECFLOAT value");
         rc = kRcShortRead;
@@ -280,42 +315,42 @@ int32_t printColumnValue(QMsg& m, const ColumnInfo& col, const uint8_t* p, size_
     case kColTimestamp:
     case kColTimestampTz:
     case kColCString:
-      rc = printText(m, p, len, cp, step, "ConvMgr::cpcvc", "DATE, TIME, TIMESTAMP or CSTR");
+      rc = printText(m, e, p, len, cp, step, "ConvMgr::cpcvc", "DATE, TIME, TIMESTAMP or CSTR");
       break;
     case kColChar:
     case kColClob:
     case kColXml:
-      rc = printText(m, p, len, cp, step, "ConvMgr::cpcvc", "CHAR data");
+      rc = printText(m, e, p, len, cp, step, "ConvMgr::cpcvc", "CHAR data");
       break;
     case kColVarchar:
     case kColLongVarchar: {
       size_t n = 0;
       rc = prefixed(m, p, len, 1, n, "VARCHAR value length");
-      if (rc == 0) rc = printText(m, p + 2, n, cp, step, "ConvMgr::cpcvl", "LONG or VARCHAR data");
+      if (rc == 0) rc = printText(m, e, p + 2, n, cp, step, "ConvMgr::cpcvl", "LONG or VARCHAR data");
       break;
     }
     case kColGraphic:
     case kColDbclob:
-      rc = printText(m, p, len & ~size_t{1}, cp, step, "ConvMgr::cpcvc", "GRAPHIC data");
+      rc = printText(m, e, p, len & ~size_t{1}, cp, step, "ConvMgr::cpcvc", "GRAPHIC data");
       break;
     case kColVargraphic:
     case kColLongVargraphic: {
       size_t n = 0;
       rc = prefixed(m, p, len, 2, n, "VARGRAPHIC value length");
-      if (rc == 0) rc = printText(m, p + 2, n, cp, step, "ConvMgr::cpcvl", "LONGGRAPH or VARGRAPH data");
+      if (rc == 0) rc = printText(m, e, p + 2, n, cp, step, "ConvMgr::cpcvl", "LONGGRAPH or VARGRAPH data");
       break;
     }
     case kColBoolean:
-      std::fputs(p[0] != 0 ? "TRUE" : "FALSE", out);
+      e.str(p[0] != 0 ? "TRUE" : "FALSE");
       break;
     case kColVarbinary: {
       size_t n = 0;
       rc = prefixed(m, p, len, 1, n, "VARBINARY value length");
-      if (rc == 0) printHexDigits(out, p + 2, n);
+      if (rc == 0) printHexDigits(e, p + 2, n);
       break;
     }
     default:  // BINARY, BLOB and codes without a print form of their own
-      printHexDigits(out, p, len);
+      printHexDigits(e, p, len);
       break;
   }
   return rplTrace_.ret(rc);

@@ -19,6 +19,10 @@ struct ColumnInfo {
 // values are converted from the column's code page to the output encoding; integers are read in
 // the sender's byte order. Failures are reported with `step` and returned.
 int32_t printColumnValue(QMsg& m, const ColumnInfo& col, const uint8_t* p, size_t len, const char* step);
+// The same, gathered in the caller's line builder.
+class Emit;
+int32_t printColumnValue(QMsg& m, Emit& e, const ColumnInfo& col, const uint8_t* p, size_t len,
+                         const char* step);
 
 // Packed decimal (two digits a byte, sign in the last half-byte: 0xB or 0xD negative) as
 // digits with the point at `scale`: no leading zeros but one before the point, "-" only when
@@ -34,3 +38,6 @@ bool decfloatText(const uint8_t* p, size_t n, std::string& out);
 // DOUBLE: "%.5E" for a 4-byte single-precision value, "%.14E" for a double; an exponent
 // written with three digits loses a leading zero.
 std::string doubleText(double v, bool single);
+// The same into `s` (kDoubleTextRoom bytes, zero-terminated); returns the length.
+inline constexpr size_t kDoubleTextRoom = 48;
+size_t doubleChars(double v, bool single, char* s);
