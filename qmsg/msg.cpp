@@ -13,8 +13,26 @@ int32_t convertText(const QMsg& m, const uint8_t* p, size_t n, ConvText& out, co
     return 0;
   }
   const char* s = reinterpret_cast<const char*>(p);
-  char* target = nullptr;
   int32_t produced = 0;
+  // A short text goes into the object's own room when even the widest output (four bytes
+  // for each character and the converter's margin, blank padding of a pure double-byte
+  // target, the zero) fits; anything longer into a buffer the manager allocates.
+  if ((n + 12) * 4 + n / 2 * 3 + 4 <= ConvText::kInlineRoom) {
+    char* room = out.inlineRoom();
+    char* t = room;
+    int32_t rc = m.cm->lookupAddConv(src, &s, s + n, m.enc->outCcsid, &t, room + ConvText::kInlineRoom,
+                                     m.enc->flags, false, false, &produced);
+    if (rc == 0) {
+      out.useInline(produced);
+      return 0;
+    }
+    if (rc != kRcConvOverflow) {
+      reportFailuref(step, function, rc, "Cannot convert %s", label);
+      return rc;
+    }
+    s = reinterpret_cast<const char*>(p);  // too long after all: the allocating way below
+  }
+  char* target = nullptr;
   int32_t rc = m.cm->lookupAddConv(src, &s, s + n, m.enc->outCcsid, &target, nullptr,
                                    m.enc->flags, false, false, &produced);
   if (rc != 0) {

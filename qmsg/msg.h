@@ -70,7 +70,18 @@ class ConvText {
     size_ = 0;
   }
 
+  // Room inside the object for a short converted text, so that names and most values are
+  // converted without an allocation.
+  static constexpr size_t kInlineRoom = 512;
+  char* inlineRoom() { return inline_; }
+  void useInline(int n) {
+    reset();
+    data_ = inline_;
+    size_ = n;
+  }
+
  private:
+  char inline_[kInlineRoom];
   char* owned_ = nullptr;
   const char* data_ = "";
   int size_ = 0;
