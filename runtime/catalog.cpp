@@ -239,7 +239,7 @@ void msgLogger::putRplMsg(int32_t number, const char* function,
   freeRecord(rec);
 }
 
-msgLogger* rplLogger() { return g_logger.load(std::memory_order_acquire); }
+msgLogger* rplLogger() { return activeLogger(); }
 
 void setRplLogger(msgLogger* logger) { g_logger.store(logger, std::memory_order_release); }
 

@@ -71,8 +71,9 @@ class msgLogger {
 extern const char* const kRplCatalog[];
 extern const size_t kRplCatalogSize;
 
-// The process-wide logger; null until the program creates it. Reports made without a
-// logger are written to standard error in the same form, so no report is ever lost.
+// The process-wide logger. Until the program sets its own, one is made on first use (writing
+// to standard error), so that libraries and tests never meet a missing logger and no report
+// is ever lost.
 msgLogger* rplLogger();
 void setRplLogger(msgLogger* logger);
 
