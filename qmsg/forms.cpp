@@ -1,6 +1,7 @@
 // Print forms of log positions, units of work, timestamps and hex dumps.
 #include "qmsg/forms.h"
 
+#include <cstring>
 #include <ctime>
 
 std::string formatPos10(const uint8_t* p) {
@@ -88,35 +89,87 @@ std::string formatLocal(uint32_t seconds, int32_t micros) {
   return formatTime(tm, micros, micros >= 1);
 }
 
-void dumpHex(size_t length, const uint8_t* bytes, FILE* out, bool showAddress, size_t origin) {
-  static const char kHex[] = "0123456789ABCDEF";
+namespace {
+
+// Two hex digits per byte value, upper case (the bytes) and lower case (the row offset).
+struct HexPairs {
+  char upper[256][2];
+  char lower[256][2];
+  char shown[256];  // the character column: printable ASCII as itself, anything else "."
+  constexpr HexPairs() : upper{}, lower{}, shown{} {
+    const char* u = "0123456789ABCDEF";
+    const char* l = "0123456789abcdef";
+    for (int i = 0; i < 256; ++i) {
+      upper[i][0] = u[i >> 4];
+      upper[i][1] = u[i & 15];
+      lower[i][0] = l[i >> 4];
+      lower[i][1] = l[i & 15];
+      shown[i] = (i >= 0x20 && i < 0x7f) ? static_cast<char>(i) : '.';
+    }
+  }
+};
+constexpr HexPairs kPairs;
+
+}  // namespace
+
+size_t hexRow(char* q, const uint8_t* bytes, size_t n, bool showAddress, size_t offset) {
   constexpr size_t kRow = 20;
-  // One row: " %08lx " (10), 20 bytes of two digits with a blank after every fourth (45),
-  // one blank, 20 characters and the newline.
-  char line[96];
-  for (size_t row = 0; row < length; row += kRow) {
-    size_t n = length - row < kRow ? length - row : kRow;
-    char* q = line;
-    if (showAddress)
-      q += std::snprintf(q, 16, " %8.8lx ", static_cast<unsigned long>((origin + row) & 0xFFFFFFFFu));
+  char* start = q;
+  if (showAddress) {
+    // " %8.8lx ": the low 32 bits of the offset, eight lowercase digits.
+    const uint32_t a = static_cast<uint32_t>(offset & 0xFFFFFFFFu);
+    *q++ = ' ';
+    std::memcpy(q, kPairs.lower[a >> 24], 2);
+    std::memcpy(q + 2, kPairs.lower[(a >> 16) & 0xFF], 2);
+    std::memcpy(q + 4, kPairs.lower[(a >> 8) & 0xFF], 2);
+    std::memcpy(q + 6, kPairs.lower[a & 0xFF], 2);
+    q += 8;
+    *q++ = ' ';
+  }
+  if (n == kRow) {
+    for (size_t g = 0; g < kRow; g += 4) {
+      std::memcpy(q, kPairs.upper[bytes[g]], 2);
+      std::memcpy(q + 2, kPairs.upper[bytes[g + 1]], 2);
+      std::memcpy(q + 4, kPairs.upper[bytes[g + 2]], 2);
+      std::memcpy(q + 6, kPairs.upper[bytes[g + 3]], 2);
+      q[8] = ' ';
+      q += 9;
+    }
+  } else {
+    // A short last row: two blanks for each missing byte, the group blanks all the same.
     for (size_t i = 0; i < kRow; ++i) {
       if (i < n) {
-        *q++ = kHex[bytes[row + i] >> 4];
-        *q++ = kHex[bytes[row + i] & 15];
+        std::memcpy(q, kPairs.upper[bytes[i]], 2);
       } else {
-        *q++ = ' ';
-        *q++ = ' ';
+        q[0] = ' ';
+        q[1] = ' ';
       }
+      q += 2;
       if (i % 4 == 3) *q++ = ' ';
     }
-    *q++ = ' ';
-    for (size_t i = 0; i < n; ++i) {
-      unsigned char c = bytes[row + i];
-      *q++ = (c >= 0x20 && c < 0x7f) ? static_cast<char>(c) : '.';
-    }
-    *q++ = '\n';
-    std::fwrite(line, 1, static_cast<size_t>(q - line), out);
   }
+  *q++ = ' ';
+  for (size_t i = 0; i < n; ++i) q[i] = kPairs.shown[bytes[i]];
+  q += n;
+  *q++ = '\n';
+  return static_cast<size_t>(q - start);
+}
+
+void dumpHex(size_t length, const uint8_t* bytes, FILE* out, bool showAddress, size_t origin) {
+  constexpr size_t kRow = 20;
+  // Rows are gathered in a block and written together; a row is at most kHexRowMax bytes.
+  constexpr size_t kBlock = 64 * 1024;
+  char block[kBlock];
+  size_t used = 0;
+  for (size_t row = 0; row < length; row += kRow) {
+    size_t n = length - row < kRow ? length - row : kRow;
+    if (kBlock - used < kHexRowMax) {
+      fwrite_unlocked(block, 1, used, out);
+      used = 0;
+    }
+    used += hexRow(block + used, bytes + row, n, showAddress, origin + row);
+  }
+  if (used > 0) fwrite_unlocked(block, 1, used, out);
 }
 
 std::string formatLocalStamp(uint32_t seconds) {

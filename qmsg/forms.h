@@ -44,6 +44,10 @@ std::string formatLocal(uint32_t seconds, int32_t micros);
 // one space and the bytes as characters ("." for anything not printable), a newline.
 void dumpHex(size_t length, const uint8_t* bytes, FILE* out, bool showAddress = true,
              size_t origin = 0);
+// One row of that dump (n bytes, 1 to 20) at `q`, which has room for kHexRowMax bytes;
+// returns the row's length. `offset` is the printed offset of the row's first byte.
+inline constexpr size_t kHexRowMax = 80;
+size_t hexRow(char* q, const uint8_t* bytes, size_t n, bool showAddress, size_t offset);
 
 // Local time in the capture side's stamp form "%Y-%m-%d-%H.%M.%S" (19 characters), as the
 // restart, synchronisation, function-level and sequence-time lines print it.
