@@ -1,0 +1,226 @@
+// The fast print paths print exactly what the plain printf forms print: hex dump rows, the
+// line builder's numbers and counted text, DOUBLE values, and character fields converted in
+// the converted-text object's own room or in an allocated buffer, against ICU's one-call
+// conversion.
+#include <gtest/gtest.h>
+#include <unicode/ucnv.h>
+
+#include <cinttypes>
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "qmsg/emit.h"
+#include "qmsg/forms.h"
+#include "qmsg/msg.h"
+#include "qmsg/values.h"
+#include "golden.h"
+#include "tools/gen/encode_data.h"
+
+namespace {
+
+// The dump as the row format describes it, one printf at a time.
+std::string plainDump(const std::vector<uint8_t>& b, size_t origin) {
+  std::string s;
+  char piece[32];
+  for (size_t row = 0; row < b.size(); row += 20) {
+    size_t n = b.size() - row < 20 ? b.size() - row : 20;
+    std::snprintf(piece, sizeof piece, " %*.*lx ", 8, 8, static_cast<unsigned long>((origin + row) & 0xFFFFFFFFu));
+    s += piece;
+    for (size_t i = 0; i < 20; ++i) {
+      if (i < n) {
+        std::snprintf(piece, sizeof piece, "%2.2X", b[row + i]);
+        s += piece;
+      } else {
+        s += "  ";
+      }
+      if (i % 4 == 3) s += ' ';
+    }
+    s += ' ';
+    for (size_t i = 0; i < n; ++i) s += std::isprint(b[row + i]) ? static_cast<char>(b[row + i]) : '.';
+    s += '\n';
+  }
+  return s;
+}
+
+std::string fastDump(const std::vector<uint8_t>& b, size_t origin) {
+  Capture out;
+  dumpHex(b.size(), b.data(), out.file(), true, origin);
+  return out.text();
+}
+
+TEST(FastPaths, HexDumpMatchesPrintfForEveryShortLengthAndRandomBytes) {
+  std::mt19937 rng(8);
+  for (size_t len = 0; len <= 100; ++len) {
+    std::vector<uint8_t> b(len);
+    for (uint8_t& x : b) x = static_cast<uint8_t>(rng());
+    ASSERT_EQ(fastDump(b, 0), plainDump(b, 0)) << "length " << len;
+  }
+  // Every byte value, and offsets whose low 32 bits wrap.
+  std::vector<uint8_t> all(256 * 3);
+  for (size_t i = 0; i < all.size(); ++i) all[i] = static_cast<uint8_t>(i);
+  EXPECT_EQ(fastDump(all, 0), plainDump(all, 0));
+  EXPECT_EQ(fastDump(all, 0xFFFFFF00u), plainDump(all, 0xFFFFFF00u));
+  EXPECT_EQ(fastDump(all, 0x1234567890ull), plainDump(all, 0x1234567890ull));
+  // Larger than the block the rows are gathered in.
+  std::vector<uint8_t> big(200000 + 7);
+  for (uint8_t& x : big) x = static_cast<uint8_t>(rng());
+  EXPECT_EQ(fastDump(big, 0), plainDump(big, 0));
+}
+
+TEST(FastPaths, LineBuilderWritesWhatPrintfWrites) {
+  const int64_t numbers[] = {0, 1, -1, 9, 10, -10, 32767, -32768, 65535, INT32_MAX, INT32_MIN,
+                             INT64_MAX, INT64_MIN, 1000000007};
+  for (int64_t v : numbers) {
+    Capture out;
+    {
+      Emit e(out.file());
+      e.num(v);
+    }
+    char s[32];
+    std::snprintf(s, sizeof s, "%" PRId64, v);
+    EXPECT_EQ(out.text(), s);
+  }
+  {
+    Capture out;
+    {
+      Emit e(out.file());
+      e.unum(UINT64_MAX);
+    }
+    EXPECT_EQ(out.text(), "18446744073709551615");
+  }
+  // "%.*s": the count, or the text up to a zero byte, whichever is first; a long text passes
+  // the builder's room.
+  const char withZero[] = {'a', 'b', '\0', 'c'};
+  std::string longText(5000, 'x');
+  Capture out;
+  {
+    Emit e(out.file());
+    e.lit("[").text(withZero, 4).lit("|").text("hello", 3).lit("|").text("abc", -1).lit("|");
+    e.text(longText.c_str(), 4000).ch(']');
+  }
+  char expect[6000];
+  std::snprintf(expect, sizeof expect, "[%.*s|%.*s|%.*s|%.*s]", 4, withZero, 3, "hello", -1, "abc", 4000,
+                longText.c_str());
+  EXPECT_EQ(out.text(), expect);
+}
+
+std::string plainDouble(double v, bool single) {
+  char s[64];
+  std::snprintf(s, sizeof s, "%.*E", single ? 5 : 14, v);
+  std::string t = s;
+  size_t e = t.find('E');
+  if (e != std::string::npos && t.size() - e == 5 && t[e + 2] == '0') t.erase(e + 2, 1);
+  return t;
+}
+
+TEST(FastPaths, DoubleTextMatchesPrintf) {
+  std::mt19937_64 rng(37);
+  std::vector<double> values = {0.0, -0.0, 0.5, 0.25, 1.0, -1.0, 1e-300, 1e300, 5e-324, 1.5e-5,
+                                123456789012345.0, 9.999999999999995, 0.1875, 2.5e99, 2.5e100,
+                                std::numeric_limits<double>::max(), std::numeric_limits<double>::min(),
+                                std::numeric_limits<double>::infinity(), -std::numeric_limits<double>::infinity(),
+                                std::numeric_limits<double>::quiet_NaN(), -std::numeric_limits<double>::quiet_NaN()};
+  for (int i = 0; i < 20000; ++i) {
+    uint64_t bits = rng();
+    double d;
+    std::memcpy(&d, &bits, sizeof d);
+    values.push_back(d);
+    values.push_back(static_cast<double>(static_cast<int64_t>(bits % 2000001) - 1000000) / 1000.0);
+  }
+  for (double d : values) {
+    ASSERT_EQ(doubleText(d, false), plainDouble(d, false)) << std::hexfloat << d;
+    float f = static_cast<float>(d);
+    ASSERT_EQ(doubleText(f, true), plainDouble(f, true)) << std::hexfloat << f;
+  }
+}
+
+// ICU's one-call conversion between the two code pages' converters.
+std::string icuConvert(const char* from, const char* to, const std::string& in) {
+  std::vector<char> out(in.size() * 4 + 16);
+  UErrorCode err = U_ZERO_ERROR;
+  int32_t n = ucnv_convert(to, from, out.data(), static_cast<int32_t>(out.size()), in.data(),
+                           static_cast<int32_t>(in.size()), &err);
+  EXPECT_TRUE(U_SUCCESS(err)) << u_errorName(err);
+  return std::string(out.data(), static_cast<size_t>(n));
+}
+
+TEST(FastPaths, ConvertedTextInOwnRoomOrAllocatedMatchesIcu) {
+  ConvMgr::init();
+  ConvMgr cm(6, "rplqmfmt:processQueue");
+  encodingInfo enc = senderContext(ByteOrder::Big, 37, 1208);
+  std::vector<uint8_t> none(8);
+  QMsg m(none.data(), none.size(), stdout, &enc, &cm);
+  std::mt19937 rng(1208);
+  // Every length from empty to well past the object's own room, EBCDIC 37 to UTF-8 (one
+  // to two bytes a character) and UTF-8 to UTF-16 and back.
+  for (size_t len = 0; len <= 700; len += (len < 80 ? 1 : 37)) {
+    std::string ebcdic(len, '\0');
+    for (char& c : ebcdic) c = static_cast<char>(0x40 + rng() % 0xBF);
+    ConvText text;
+    ASSERT_EQ(convertText(m, reinterpret_cast<const uint8_t*>(ebcdic.data()), len, text, "step", "fn", "label", 37), 0);
+    ASSERT_EQ(std::string(text.data(), static_cast<size_t>(text.size())), icuConvert("ibm-37_P100-1995", "UTF-8", ebcdic))
+        << "length " << len;
+  }
+  encodingInfo toUtf16 = senderContext(ByteOrder::Little, 1208, 1200);
+  QMsg m16(none.data(), none.size(), stdout, &toUtf16, &cm);
+  const std::string samples[] = {"", "a", "r\xC3\xA9sum\xC3\xA9", std::string(120, 'z'),
+                                 "\xE6\x97\xA5\xE6\x9C\xAC\xE8\xAA\x9E \xF0\x9F\x98\x80 end"};
+  for (const std::string& s : samples) {
+    ConvText text;
+    ASSERT_EQ(convertText(m16, reinterpret_cast<const uint8_t*>(s.data()), s.size(), text, "step", "fn", "label", 1208), 0);
+    EXPECT_EQ(std::string(text.data(), static_cast<size_t>(text.size())), icuConvert("UTF-8", "UTF-16LE", s));
+  }
+}
+
+// Descriptor lines are kept per schema copy and code pages: a schema that replaces another of
+// the same subscription, and another output code page, print their own.
+TEST(FastPaths, KeptDescriptorLinesFollowTheSchemaAndTheCodePages) {
+  const ByteOrder le = ByteOrder::Little;
+  SchemaMsgDef a;
+  a.subId = 4242;
+  a.nColsInKey = 1;
+  a.columns = {{"KEY_A", 496, 4, 0}, {"NAME_A", 453, 5, 1208}};
+  SchemaMsgDef b = a;
+  b.columns = {{"KEY_B", 496, 4, 0}, {"NAME_B", 453, 5, 1208}};
+  TransMsgDef tx;
+  RowDef row;
+  row.subId = 4242;
+  row.keyAfter = std::vector<ColValue>{valInteger(7, le)};
+  row.colsAfter = std::vector<ColValue>{valText("hello", 1208)};
+  tx.rows = {row, row};
+
+  ASSERT_EQ(decodeAs(encodeSchemaMsg(a, le, 1208), le, 1208).rc, 0);
+  Decoded first = decodeAs(encodeTransMsg(tx, le, 1208), le, 1208);
+  ASSERT_EQ(decodeAs(encodeSchemaMsg(b, le, 1208), le, 1208).rc, 0);
+  Decoded second = decodeAs(encodeTransMsg(tx, le, 1208), le, 1208);
+  Decoded wide = decodeAs(encodeTransMsg(tx, le, 1208), le, 1208, 1200);
+  const std::string block =
+      "colset.nCols:   1\n"
+      "  col.colname:  KEY_B\n"
+      "  col.coltype:  496 = INTEGER\n"
+      "  col.typelen:  4\n"
+      "  col.codepage: 0\n"
+      "  col.VALUE:    7\n"
+      "colset.nCols:   1\n"
+      "  col.colname:  NAME_B\n"
+      "  col.coltype:  453 = CHAR\n"
+      "  col.typelen:  5\n"
+      "  col.codepage: 1208\n"
+      "  col.VALUE:    hello\n";
+  EXPECT_EQ(first.rc, 0);
+  EXPECT_EQ(second.rc, 0);
+  EXPECT_NE(first.out.find("  col.colname:  KEY_A\n"), std::string::npos);
+  EXPECT_EQ(second.out.find("_A\n"), std::string::npos);
+  size_t at = second.out.find(block);
+  ASSERT_NE(at, std::string::npos) << second.out;
+  EXPECT_NE(second.out.find(block, at + 1), std::string::npos);  // both rows
+  // UTF-16 names print up to their first zero byte, as "%.*s" does.
+  EXPECT_NE(wide.out.find("  col.colname:  K\n  col.coltype:  496 = INTEGER\n"), std::string::npos);
+  EXPECT_EQ(wide.out.find("  col.colname:  KEY_B\n"), std::string::npos);
+}
+
+}  // namespace
