@@ -232,6 +232,11 @@ TEST_F(TransMsg, GenericTransInfo) {
     writeGenericTransInfo(w, 16, info);
     Capture out3, reports;
     msgLogger* logger = rplLogger();
+    if (logger == nullptr) {  // this test may run alone, before any decode created the logger
+      logger = msgLogger::create(13, 0);
+      logger->loadCatalog(kRplCatalog);
+      setRplLogger(logger);
+    }
     FILE* saved = logger->output();
     logger->setOutput(reports.file());
     QMsg cut(w.bytes().data(), 16 + 100, out3.file(), &enc, &cm);
