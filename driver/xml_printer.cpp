@@ -66,17 +66,32 @@ class WriteErrors : public DOMErrorHandler {
   }
 };
 
-// The serializer's bytes go to the output stream unchanged.
+// The serializer's bytes go to the output stream unchanged. The serializer hands over a few
+// bytes at a time: they are gathered here and written in blocks.
 class StreamTarget : public XMLFormatTarget {
  public:
   explicit StreamTarget(FILE* out) : out_(out) {}
+  ~StreamTarget() override { flush(); }
   void writeChars(const XMLByte* toWrite, XMLSize_t count, XMLFormatter*) override {
-    std::fwrite(toWrite, 1, count, out_);
+    if (count > sizeof buf_ - used_) {
+      flush();
+      if (count > sizeof buf_) {
+        fwrite_unlocked(toWrite, 1, count, out_);
+        return;
+      }
+    }
+    std::memcpy(buf_ + used_, toWrite, count);
+    used_ += count;
   }
-  void flush() override {}
+  void flush() override {
+    if (used_ > 0) fwrite_unlocked(buf_, 1, used_, out_);
+    used_ = 0;
+  }
 
  private:
   FILE* out_;
+  size_t used_ = 0;
+  char buf_[64 * 1024];
 };
 
 // The library stays initialised from the first message to the end of the run; each message
@@ -168,6 +183,7 @@ void printXmlMsg(const char* doc, uint32_t length, const char* /*queueName*/, FI
         if (config->canSetParameter(XMLUni::fgDOMWRTBOM, false))
           config->setParameter(XMLUni::fgDOMWRTBOM, false);
         serializer->write(document, output);
+        target.flush();
       } catch (const XMLException& e) {
         Narrow msg(e.getMessage());
         std::fprintf(stderr, "An error occurred during creation of output transcoder. Msg is:%s\n",
