@@ -73,16 +73,20 @@ void declet(unsigned d, char* three) {
   three[2] = static_cast<char>('0' + d0);
 }
 
-// Bits [from, from + count) of a big-endian bit string, counted from its least significant end.
-unsigned bitsAt(const uint8_t* p, size_t n, size_t from, unsigned count) {
-  unsigned v = 0;
-  for (unsigned i = 0; i < count; ++i) {
-    size_t b = from + i;
-    unsigned bit = (p[n - 1 - b / 8] >> (b % 8)) & 1u;
-    v |= bit << i;
+// A big-endian bit string of up to 16 bytes as one number, read once; bits [from, from +
+// count) counted from its least significant end are then a shift and a mask.
+class BitString {
+ public:
+  BitString(const uint8_t* p, size_t n) {
+    for (size_t i = 0; i < n; ++i) v_ = (v_ << 8) | p[i];
   }
-  return v;
-}
+  unsigned at(size_t from, unsigned count) const {
+    return static_cast<unsigned>((v_ >> from) & ((1u << count) - 1));
+  }
+
+ private:
+  unsigned __int128 v_ = 0;
+};
 
 }  // namespace
 
@@ -94,7 +98,8 @@ bool decfloatText(const uint8_t* p, size_t n, std::string& out) {
   const size_t declets = n == 8 ? 5 : 11;
 
   bool negative = (p[0] & 0x80) != 0;
-  unsigned comb = bitsAt(p, n, bits - 6, 5);
+  const BitString b(p, n);
+  unsigned comb = b.at(bits - 6, 5);
   out = negative ? "-" : "";
   if ((comb & 0x1E) == 0x1E) {
     if (comb == 0x1E) out += "Infinity";
@@ -109,12 +114,12 @@ bool decfloatText(const uint8_t* p, size_t n, std::string& out) {
     expHigh = (comb >> 1) & 3;
     msd = 8 + (comb & 1);
   }
-  int exponent = static_cast<int>((expHigh << expCont) | bitsAt(p, n, bits - 6 - expCont, expCont)) - bias;
+  int exponent = static_cast<int>((expHigh << expCont) | b.at(bits - 6 - expCont, expCont)) - bias;
 
   std::string coef(1, static_cast<char>('0' + msd));
   for (size_t i = declets; i-- > 0;) {
     char three[3];
-    declet(bitsAt(p, n, 10 * i, 10), three);
+    declet(b.at(10 * i, 10), three);
     coef.append(three, 3);
   }
   size_t first = coef.find_first_not_of('0');
