@@ -62,14 +62,46 @@ int32_t formatLsnRecord(const MsgReader& r, size_t at, bool withNode, std::strin
   return 0;
 }
 
+// "%0<width>d" of a value that is not negative and has at most `width` digits.
+static char* digits(char* q, int v, int width) {
+  for (int i = width; i-- > 0;) {
+    q[i] = static_cast<char>('0' + v % 10);
+    v /= 10;
+  }
+  return q + width;
+}
+
 static std::string formatTime(const std::tm& t, int32_t micros, bool fraction) {
+  const int year = t.tm_year + 1900;
+  const bool plain = t.tm_mon >= 0 && t.tm_mon < 12 && t.tm_mday >= 0 && t.tm_mday < 100 && year >= 0 &&
+                     year < 10000 && t.tm_hour >= 0 && t.tm_hour < 100 && t.tm_min >= 0 && t.tm_min < 100 &&
+                     t.tm_sec >= 0 && t.tm_sec < 100 && (!fraction || (micros >= 0 && micros < 1000000));
   char s[64];
+  if (plain) {
+    // The common case written digit by digit: "MM-DD-YYYY hh:mm:ss[.uuuuuu]".
+    char* q = digits(s, t.tm_mon + 1, 2);
+    *q++ = '-';
+    q = digits(q, t.tm_mday, 2);
+    *q++ = '-';
+    q = digits(q, year, 4);
+    *q++ = ' ';
+    q = digits(q, t.tm_hour, 2);
+    *q++ = ':';
+    q = digits(q, t.tm_min, 2);
+    *q++ = ':';
+    q = digits(q, t.tm_sec, 2);
+    if (fraction) {
+      *q++ = '.';
+      q = digits(q, micros, 6);
+    }
+    return std::string(s, static_cast<size_t>(q - s));
+  }
   if (fraction)
     std::snprintf(s, sizeof s, "%02d-%02d-%04d %02d:%02d:%02d.%.6d", t.tm_mon + 1, t.tm_mday,
-                  t.tm_year + 1900, t.tm_hour, t.tm_min, t.tm_sec, micros);
+                  year, t.tm_hour, t.tm_min, t.tm_sec, micros);
   else
     std::snprintf(s, sizeof s, "%02d-%02d-%04d %02d:%02d:%02d", t.tm_mon + 1, t.tm_mday,
-                  t.tm_year + 1900, t.tm_hour, t.tm_min, t.tm_sec);
+                  year, t.tm_hour, t.tm_min, t.tm_sec);
   return s;
 }
 

@@ -4,6 +4,7 @@
 #include <cinttypes>
 #include <string>
 
+#include "qmsg/emit.h"
 #include "qmsg/families.h"
 #include "qmsg/forms.h"
 #include "qmsg/header.h"
@@ -162,19 +163,22 @@ int32_t printTransMsgHeader(QMsg& m, bool noPosTime) {
   }
   if (rc != 0) return rplTrace_.ret(rc);
 
-  FILE* out = m.out;
-  std::fprintf(out, "qTransMsgHeader.segment_num: %.4x\n", segment);
+  Emit e(m.out);
+  static const char kHex[] = "0123456789abcdef";
+  // "%.4x" of the 16-bit segment number: always four digits.
+  e.lit("qTransMsgHeader.segment_num: ").ch(kHex[segment >> 12]).ch(kHex[(segment >> 8) & 15]);
+  e.ch(kHex[(segment >> 4) & 15]).ch(kHex[segment & 15]).ch('\n');
   if (!noPosTime) {
     int32_t us = static_cast<int32_t>(micros);
-    std::fprintf(out, "qTransMsgHeader.commit_LSN:     %s\n", lsn.c_str());
-    std::fprintf(out, "qTransMsgHeader.commit_time:    %s UTC\n", formatUtc(seconds, us).c_str());
+    e.lit("qTransMsgHeader.commit_LSN:     ").str(lsn.c_str()).ch('\n');
+    e.lit("qTransMsgHeader.commit_time:    ").str(formatUtc(seconds, us).c_str()).lit(" UTC\n");
     if (version >= 7 && sourceLocal != 0)
-      std::fprintf(out, "qTransMsgHeader.commit_time:    %s LOCALTIME (source)\n", formatUtc(sourceLocal, us).c_str());
+      e.lit("qTransMsgHeader.commit_time:    ").str(formatUtc(sourceLocal, us).c_str()).lit(" LOCALTIME (source)\n");
     else
-      std::fprintf(out, "qTransMsgHeader.commit_time:    %s LOCALTIME\n", formatLocal(seconds, us).c_str());
+      e.lit("qTransMsgHeader.commit_time:    ").str(formatLocal(seconds, us).c_str()).lit(" LOCALTIME\n");
   }
-  std::fprintf(out, "qTransMsgHeader.nRows:          %d\n", nRows);
-  std::fprintf(out, "qTransMsgHeader.numPartitionNo: %d\n", numPartitionNo);
+  e.lit("qTransMsgHeader.nRows:          ").num(nRows).ch('\n');
+  e.lit("qTransMsgHeader.numPartitionNo: ").num(numPartitionNo).ch('\n');
   if (version < 2) return rplTrace_.ret(0);
 
   ConvText authId, authTkn, planId;
@@ -182,16 +186,16 @@ int32_t printTransMsgHeader(QMsg& m, bool noPosTime) {
   if (rc == 0) rc = readName(m, 64, 32, authTkn, "qTransMsgHeader.auth_tkn", kTransStep, "ConvMgr::cpcvl", "auth_tkn");
   if (rc == 0) rc = readName(m, 96, 10, planId, "qTransMsgHeader.plan_id", kTransStep, "ConvMgr::cpcvl", "plan_id");
   if (rc != 0) return rplTrace_.ret(rc);
-  std::fprintf(out, "qTransMsgHeader.auth_id:       %.*s\n", authId.size(), authId.data());
-  std::fprintf(out, "qTransMsgHeader.auth_tkn:      %.*s\n", authTkn.size(), authTkn.data());
-  std::fprintf(out, "qTransMsgHeader.plan_id:       %.*s\n", planId.size(), planId.data());
+  e.lit("qTransMsgHeader.auth_id:       ").text(authId.data(), authId.size()).ch('\n');
+  e.lit("qTransMsgHeader.auth_tkn:      ").text(authTkn.data(), authTkn.size()).ch('\n');
+  e.lit("qTransMsgHeader.plan_id:       ").text(planId.data(), planId.size()).ch('\n');
 
   uint16_t uowLen = 10;
   if (version >= 8) rc = m.r.machine(118, uowLen, "qTransMsgHeader.uow_id length");
   std::string uow;
   if (rc == 0) rc = formatUow(m.r, 106, uowLen, 10, kUowAreaTransHeader, uow, "qTransMsgHeader.uow_id");
   if (rc != 0) return rplTrace_.ret(rc);
-  std::fprintf(out, "qTransMsgHeader.uow_id:        %s\n", uow.c_str());
+  e.lit("qTransMsgHeader.uow_id:        ").str(uow.c_str()).ch('\n');
   return rplTrace_.ret(0);
 }
 
