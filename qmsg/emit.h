@@ -1,7 +1,9 @@
 // Line builder for the hot print lines: literal text, counted text and decimal integers are
-// gathered in a small buffer and handed to the output stream in one unlocked write, without
-// the format parsing and stream locking of fprintf. What it writes is byte for byte what the
-// printf forms named beside each call write.
+// copied straight into the output stream's buffer where it has room (as putc_unlocked does;
+// a line-buffered or unbuffered stream never shows room, so it takes the unlocked write),
+// without the format parsing and stream locking of fprintf. What it writes is byte for byte
+// what the printf forms named beside each call write, in the order of the calls, so it can be
+// mixed freely with other writes to the stream.
 #pragma once
 
 #include <cstddef>
@@ -12,7 +14,6 @@
 class Emit {
  public:
   explicit Emit(FILE* out) : out_(out) {}
-  ~Emit() { flush(); }
   Emit(const Emit&) = delete;
   Emit& operator=(const Emit&) = delete;
 
@@ -23,15 +24,12 @@ class Emit {
   }
   // Bytes as they stand.
   Emit& raw(const void* p, size_t n) {
-    if (n > kRoom - used_) {
-      flush();
-      if (n > kRoom) {
-        fwrite_unlocked(p, 1, n, out_);
-        return *this;
-      }
+    if (static_cast<size_t>(out_->_IO_write_end - out_->_IO_write_ptr) >= n) {
+      std::memcpy(out_->_IO_write_ptr, p, n);
+      out_->_IO_write_ptr += n;
+    } else {
+      fwrite_unlocked(p, 1, n, out_);
     }
-    std::memcpy(buf_ + used_, p, n);
-    used_ += n;
     return *this;
   }
   // "%s".
@@ -42,8 +40,7 @@ class Emit {
   }
   // "%c".
   Emit& ch(char c) {
-    if (used_ == kRoom) flush();
-    buf_[used_++] = c;
+    putc_unlocked(c, out_);
     return *this;
   }
   // "%d", "%hd", "%hu", "%u", PRId64 and PRIu64 of the value as passed.
@@ -63,15 +60,9 @@ class Emit {
     } while (v != 0);
     return raw(digits + sizeof digits - n, n);
   }
-  // Hands what was gathered to the stream (also done when the builder goes).
-  void flush() {
-    if (used_ > 0) fwrite_unlocked(buf_, 1, used_, out_);
-    used_ = 0;
-  }
+  // Everything is in the stream already: nothing to hand over.
+  void flush() {}
 
  private:
-  static constexpr size_t kRoom = 1024;
   FILE* out_;
-  size_t used_ = 0;
-  char buf_[kRoom];
 };
