@@ -11,22 +11,24 @@ std::string formatPos10(const uint8_t* p) {
   return s;
 }
 
-std::string formatHexPairs(const uint8_t* p, size_t len, size_t area) {
+size_t hexPairChars(const uint8_t* p, size_t len, char* s) {
   static const char kHex[] = "0123456789abcdef";
-  std::string s;
-  s.reserve(len * 3);
-  for (size_t i = 0; i < len || i == 0; i += 2) {
-    if (i > 0) s += ':';
-    if (i < len) {
-      s += kHex[p[i] >> 4];
-      s += kHex[p[i] & 15];
-    }
+  size_t n = 0;
+  for (size_t i = 0; i < len; i += 2) {
+    if (i > 0) s[n++] = ':';
+    s[n++] = kHex[p[i] >> 4];
+    s[n++] = kHex[p[i] & 15];
     if (i + 1 < len) {
-      s += kHex[p[i + 1] >> 4];
-      s += kHex[p[i + 1] & 15];
+      s[n++] = kHex[p[i + 1] >> 4];
+      s[n++] = kHex[p[i + 1] & 15];
     }
-    if (len == 0) break;
   }
+  return n;
+}
+
+std::string formatHexPairs(const uint8_t* p, size_t len, size_t area) {
+  std::string s(len / 2 * 5 + 2, '\0');
+  s.resize(hexPairChars(p, len, s.data()));
   if (s.size() + 1 > area) return area > 16 ? "...buffer full\n" : "";
   return s;
 }

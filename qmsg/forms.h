@@ -16,6 +16,9 @@ std::string formatPos10(const uint8_t* p);
 // terminating zero counted) it is replaced by "...buffer full\n", or by nothing when the area
 // is 16 characters or less.
 std::string formatHexPairs(const uint8_t* p, size_t len, size_t area);
+// The same text without the area check into `s`, which has room for len / 2 * 5 + 2
+// characters; returns its length.
+size_t hexPairChars(const uint8_t* p, size_t len, char* s);
 
 // Log position record (24 bytes: u8 flags, 3 reserved, u16 node at 4, u16 length at 6, up to
 // 16 position bytes from 8). `fixRecord` swaps node and length in place; `formatLsnRecord`

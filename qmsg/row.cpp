@@ -410,11 +410,12 @@ int32_t printTransRow(QMsg& m, size_t at, uint16_t version) {
   if (rc == 0) rc = row.machine(8, subId, "qTransRow.sub_id");
   // The partition number is part of the row header from version 7.
   if (rc == 0 && version >= 7) rc = row.machine(30, partitionNo, "qTransRow.partitionNo");
-  std::string intent;
+  char intent[48] = "";  // sixteen bytes as hex pairs: 39 characters
   if (rc == 0 && version >= 2) {
     const uint8_t* p = nullptr;
     rc = row.bytes(12, version >= 7 ? 16 : 10, p, "qTransRow.intentseq");
-    if (rc == 0) intent = version >= 7 ? formatLsnBytes(p, 16) : formatPos10(p);
+    if (rc == 0 && version >= 7) intent[hexPairChars(p, 16, intent)] = '\0';
+    else if (rc == 0) std::snprintf(intent, sizeof intent, "%s", formatPos10(p).c_str());
   }
   if (rc != 0) return rplTrace_.ret(rc);
   const size_t firstSet = rowColumnSetsOffset(version);
@@ -440,7 +441,7 @@ int32_t printTransRow(QMsg& m, size_t at, uint16_t version) {
     e.lit("rowheader.encodever:   ").str(nameOf(kEncodeVersions, encodeVer, "Unknown")).ch('\n');
     e.lit("rowheader.operation:   ").str(nameOf(kRowOperations, operation, "Unexpected")).ch('\n');
     if (version >= 2) {
-      e.lit("rowheader.intentseq:   ").str(intent.c_str()).ch('\n');
+      e.lit("rowheader.intentseq:   ").str(intent).ch('\n');
       if (encodeVer > 3) e.lit("rowheader.partitionNo: ").num(partitionNo).ch('\n');  // "%d"
     }
     if ((operation & kOpLobBit) && (operation & kOpXmlBit))
