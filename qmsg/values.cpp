@@ -16,31 +16,41 @@
 
 bool packedDecimalText(const uint8_t* p, size_t n, unsigned scale, std::string& out) {
   if (n == 0) return false;
-  std::string digits;
-  digits.reserve(2 * n);
+  // The digits in a buffer of the value's own (short values need no allocation).
+  char shortDigits[64];
+  std::string longDigits;
+  char* digits = shortDigits;
+  if (2 * n > sizeof shortDigits) {
+    longDigits.resize(2 * n);
+    digits = longDigits.data();
+  }
+  size_t count = 0;
   for (size_t i = 0; i < n; ++i) {
     unsigned hi = p[i] >> 4, lo = p[i] & 15;
     if (hi > 9) return false;
-    digits += static_cast<char>('0' + hi);
+    digits[count++] = static_cast<char>('0' + hi);
     if (i + 1 < n) {
       if (lo > 9) return false;
-      digits += static_cast<char>('0' + lo);
+      digits[count++] = static_cast<char>('0' + lo);
     }
   }
   unsigned sign = p[n - 1] & 15;
   bool negative = sign == 0xB || sign == 0xD;
-  if (digits.size() < scale) digits.insert(0, scale - digits.size(), '0');
-  std::string whole = digits.substr(0, digits.size() - scale);
-  std::string fraction = digits.substr(digits.size() - scale);
-  size_t first = whole.find_first_not_of('0');
-  whole = first == std::string::npos ? "0" : whole.substr(first);
-  bool zero = digits.find_first_not_of('0') == std::string::npos;
+  // Whole part: the digits before the last `scale` ones, without leading zeros ("0" when
+  // none are left); fraction: the last `scale` digits, zeros in front when there are fewer.
+  const size_t wholeLen = count > scale ? count - scale : 0;
+  size_t first = 0;
+  while (first < wholeLen && digits[first] == '0') ++first;
+  bool zero = true;
+  for (size_t i = 0; i < count && zero; ++i) zero = digits[i] == '0';
   out.clear();
   if (negative && !zero) out += '-';
-  out += whole;
+  if (first == wholeLen) out += '0';
+  else out.append(digits + first, wholeLen - first);
   if (scale > 0) {
     out += '.';
-    out += fraction;
+    if (count < scale) out.append(scale - count, '0');
+    out.append(digits + wholeLen, count - wholeLen);
   }
   return true;
 }

@@ -224,3 +224,43 @@ TEST(FastPaths, KeptDescriptorLinesFollowTheSchemaAndTheCodePages) {
 }
 
 }  // namespace
+
+namespace {
+
+// The packed-decimal text as the digits-string form builds it.
+std::string plainPacked(const std::vector<uint8_t>& p, unsigned scale) {
+  std::string digits;
+  for (size_t i = 0; i < p.size(); ++i) {
+    digits += static_cast<char>('0' + (p[i] >> 4));
+    if (i + 1 < p.size()) digits += static_cast<char>('0' + (p[i] & 15));
+  }
+  bool negative = (p.back() & 15) == 0xB || (p.back() & 15) == 0xD;
+  if (digits.size() < scale) digits.insert(0, scale - digits.size(), '0');
+  std::string whole = digits.substr(0, digits.size() - scale);
+  std::string fraction = digits.substr(digits.size() - scale);
+  size_t first = whole.find_first_not_of('0');
+  whole = first == std::string::npos ? "0" : whole.substr(first);
+  bool zero = digits.find_first_not_of('0') == std::string::npos;
+  return std::string(negative && !zero ? "-" : "") + whole + (scale > 0 ? "." + fraction : "");
+}
+
+TEST(FastPaths, PackedDecimalMatchesTheDigitStringForm) {
+  std::mt19937 rng(484);
+  for (size_t n = 1; n <= 40; ++n) {
+    for (unsigned scale = 0; scale <= 2 * n + 3; ++scale) {
+      for (int k = 0; k < 4; ++k) {
+        std::vector<uint8_t> p(n);
+        for (uint8_t& b : p) b = static_cast<uint8_t>((rng() % (k == 0 ? 1 : 10)) << 4 | rng() % (k == 0 ? 1 : 10));
+        p.back() = static_cast<uint8_t>((p.back() & 0xF0) | (k % 2 ? 0xD : 0xC));
+        std::string text;
+        ASSERT_TRUE(packedDecimalText(p.data(), n, scale, text));
+        ASSERT_EQ(text, plainPacked(p, scale)) << "n " << n << " scale " << scale;
+      }
+    }
+  }
+  std::string text;
+  const uint8_t bad[] = {0xA1, 0x2C};
+  EXPECT_FALSE(packedDecimalText(bad, 2, 0, text));
+}
+
+}  // namespace
