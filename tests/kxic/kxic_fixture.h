@@ -1,126 +1,21 @@
-// kxic_fixture.h - a fresh queue manager per test on the Redis server named by KXSERVER (see
-// with-redis.sh), a private redis-server for tests that stop or lock theirs, and short helpers.
+// kxic_fixture.h - the client library under test: a fresh queue manager per test on the Redis
+// server named by KXSERVER (see with-redis.sh), and a private redis-server for tests that stop
+// or lock theirs. The KX call helpers are those of tests/qmgr/qmgr_env.h.
 #pragma once
 
-#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <signal.h>
-#include <stdlib.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <chrono>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include "kx/kxc.h"
-#include "kx/kxm_admin.h"
+#include "tests/qmgr/qmgr_env.h"
 
 namespace kxictest {
 
-struct Result {
-  KXLONG cc = -1;
-  KXLONG rc = -1;
-};
-
-inline KXHCONN connect(const std::string& qmgr, Result* r = nullptr) {
-  char name[48];
-  kxSetName(name, sizeof name, qmgr.c_str());
-  KXHCONN h = -1;
-  Result local;
-  Result& res = r ? *r : local;
-  KXCONN(name, &h, &res.cc, &res.rc);
-  return h;
-}
-
-inline KXHOBJ open(KXHCONN h, const char* queue, KXLONG options, Result* r = nullptr) {
-  KXOD od = KXOD_DEFAULT;
-  kxSetName(od.ObjectName, sizeof od.ObjectName, queue);
-  KXHOBJ o = -1;
-  Result local;
-  Result& res = r ? *r : local;
-  KXOPEN(h, &od, options, &o, &res.cc, &res.rc);
-  return o;
-}
-
-inline Result put(KXHCONN h, KXHOBJ o, const std::string& data, KXLONG pmoOptions = 0,
-                  KXMD* mdIn = nullptr) {
-  KXMD md = KXMD_DEFAULT;
-  if (mdIn) md = *mdIn;
-  KXPMO pmo = KXPMO_DEFAULT;
-  if (pmoOptions) pmo.Options = pmoOptions;
-  Result r;
-  KXPUT(h, o, &md, &pmo, KXLONG(data.size()), const_cast<char*>(data.data()), &r.cc, &r.rc);
-  if (mdIn) *mdIn = md;
-  return r;
-}
-
-struct Got {
-  Result r;
-  KXMD md = KXMD_DEFAULT;
-  std::string data;
-  KXLONG dataLength = -1;
-};
-
-inline Got get(KXHCONN h, KXHOBJ o, KXLONG options, KXLONG bufferLength = 65536,
-               KXLONG waitMs = 0) {
-  Got g;
-  KXGMO gmo = KXGMO_DEFAULT;
-  gmo.Options = options;
-  gmo.WaitInterval = waitMs;
-  std::vector<char> buf(size_t(bufferLength) + 1);
-  KXGET(h, o, &g.md, &gmo, bufferLength, buf.data(), &g.dataLength, &g.r.cc, &g.r.rc);
-  if (g.r.cc != KXCC_FAILED) g.data.assign(buf.data(), size_t(gmo.ReturnedLength));
-  return g;
-}
-
-inline KXLONG depth(KXHCONN h, const char* queue) {
-  KXHOBJ o = open(h, queue, KXOO_INQUIRE);
-  KXLONG sel = KXIA_CURRENT_Q_DEPTH, value = -1;
-  Result r;
-  KXINQ(h, o, 1, &sel, 1, &value, 0, nullptr, &r.cc, &r.rc);
-  KXCLOSE(h, &o, 0, &r.cc, &r.rc);
-  return value;
-}
-
-inline Result disconnect(KXHCONN h) {
-  Result r;
-  KXDISC(&h, &r.cc, &r.rc);
-  return r;
-}
-
-inline Result commit(KXHCONN h) {
-  Result r;
-  KXCMIT(h, &r.cc, &r.rc);
-  return r;
-}
-
-inline Result backOut(KXHCONN h) {
-  Result r;
-  KXBACK(h, &r.cc, &r.rc);
-  return r;
-}
-
-inline std::string numbered(int i) { return "message " + std::to_string(i); }
-
-// Runs fn in a child process; waitFor gives its exit status (0 when fn returned true).
-template <typename Fn>
-pid_t spawn(Fn fn) {
-  pid_t pid = fork();
-  if (pid == 0) _exit(fn() ? 0 : 1);
-  return pid;
-}
-
-inline int waitFor(pid_t pid) {
-  int status = 0;
-  waitpid(pid, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
+using namespace qmtest;
 
 // A loopback port nobody listens on at the moment.
 inline int freePort() {
@@ -203,29 +98,17 @@ class PrivateServer {
   int port_ = -1;
 };
 
-// Each test gets its own queue manager (named after the process and the test) with queues Q1
-// and Q2 on the server of KXSERVER; without KXSERVER the test is skipped.
-class KxicTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    const char* server = getenv("KXSERVER");
-    if (!server || !*server) GTEST_SKIP() << "KXSERVER not set: run through tests/kxic/with-redis.sh";
-    unsetenv("KXCLIENTCONF");
-    static int counter = 0;
-    qmgr_ = "T" + std::to_string(getpid()) + "_" + std::to_string(++counter);
-    char msg[256];
-    ASSERT_EQ(kxmCreateQmgr(qmgr_.c_str(), msg, sizeof msg), 0) << msg;
-    ASSERT_EQ(kxmCreateQueue(qmgr_.c_str(), "Q1", -1, msg, sizeof msg), 0) << msg;
-    ASSERT_EQ(kxmCreateQueue(qmgr_.c_str(), "Q2", -1, msg, sizeof msg), 0) << msg;
-    created_ = true;
-  }
-  void TearDown() override {
-    if (!created_) return;
-    char msg[256];
-    EXPECT_EQ(kxmDeleteQmgr(qmgr_.c_str(), msg, sizeof msg), 0) << msg;
-  }
-  std::string qmgr_;
-  bool created_ = false;
+// Queue managers named after the process and a counter, on the server of KXSERVER; without
+// KXSERVER the tests are skipped.
+class ClientEnv : public QmgrEnv {
+ public:
+  std::string name() const override { return "libkxic"; }
+  std::string skipReason() const override;
+  std::string createQmgr(char* msg, size_t msgLen) override;
+  void removeQmgr(const std::string& qmgr) override;
+  std::chrono::milliseconds deadUnitLifetime() override;
 };
+
+using KxicTest = QmgrTest;
 
 }  // namespace kxictest
