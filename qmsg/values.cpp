@@ -110,7 +110,8 @@ bool decfloatText(const uint8_t* p, size_t n, std::string& out) {
   bool negative = (p[0] & 0x80) != 0;
   const BitString b(p, n);
   unsigned comb = b.at(bits - 6, 5);
-  out = negative ? "-" : "";
+  out.clear();
+  if (negative) out += '-';
   if ((comb & 0x1E) == 0x1E) {
     if (comb == 0x1E) out += "Infinity";
     else out += (p[0] & 0x02) ? "sNaN" : "NaN";
@@ -126,38 +127,55 @@ bool decfloatText(const uint8_t* p, size_t n, std::string& out) {
   }
   int exponent = static_cast<int>((expHigh << expCont) | b.at(bits - 6 - expCont, expCont)) - bias;
 
-  std::string coef(1, static_cast<char>('0' + msd));
+  // The coefficient's digits (at most 34) in a buffer of its own: no strings built.
+  char coef[40];
+  size_t count = 0;
+  coef[count++] = static_cast<char>('0' + msd);
   for (size_t i = declets; i-- > 0;) {
-    char three[3];
-    declet(b.at(10 * i, 10), three);
-    coef.append(three, 3);
+    declet(b.at(10 * i, 10), coef + count);
+    count += 3;
   }
-  size_t first = coef.find_first_not_of('0');
-  if (first == std::string::npos) {
+  size_t first = 0;
+  while (first < count && coef[first] == '0') ++first;
+  if (first == count) {
     out += "0";
     return true;
   }
-  coef.erase(0, first);
+  const char* digits = coef + first;
+  size_t len = count - first;
   // The shortest exact form: trailing zeros go into the exponent.
-  while (coef.size() > 1 && coef.back() == '0') {
-    coef.pop_back();
+  while (len > 1 && digits[len - 1] == '0') {
+    --len;
     ++exponent;
   }
-  const int len = static_cast<int>(coef.size());
-  std::string plain;
-  if (exponent >= 0) {
-    plain = coef + std::string(static_cast<size_t>(exponent), '0');
-  } else if (-exponent < len) {
-    plain = coef.substr(0, static_cast<size_t>(len + exponent)) + "." + coef.substr(static_cast<size_t>(len + exponent));
+  // Plain notation or exponent notation, whichever is shorter (plain on a tie).
+  const int ndig = static_cast<int>(len);
+  const int adjusted = exponent + ndig - 1;
+  const std::string expDigits = std::to_string(adjusted < 0 ? -adjusted : adjusted);
+  const size_t sciLen = 1 + (len > 1 ? len : 0) + 2 + expDigits.size();
+  const size_t plainLen = exponent >= 0 ? len + static_cast<size_t>(exponent)
+                          : -exponent < ndig ? len + 1
+                                          : 2 + static_cast<size_t>(-exponent - ndig) + len;
+  if (sciLen < plainLen) {
+    out += digits[0];
+    if (len > 1) {
+      out += '.';
+      out.append(digits + 1, len - 1);
+    }
+    out += adjusted < 0 ? "E-" : "E+";
+    out += expDigits;
+  } else if (exponent >= 0) {
+    out.append(digits, len);
+    out.append(static_cast<size_t>(exponent), '0');
+  } else if (-exponent < ndig) {
+    out.append(digits, static_cast<size_t>(ndig + exponent));
+    out += '.';
+    out.append(digits + ndig + exponent, static_cast<size_t>(-exponent));
   } else {
-    plain = "0." + std::string(static_cast<size_t>(-exponent - len), '0') + coef;
+    out += "0.";
+    out.append(static_cast<size_t>(-exponent - ndig), '0');
+    out.append(digits, len);
   }
-  std::string sci = coef.substr(0, 1);
-  if (len > 1) sci += "." + coef.substr(1);
-  int adjusted = exponent + len - 1;
-  sci += adjusted < 0 ? "E-" : "E+";
-  sci += std::to_string(adjusted < 0 ? -adjusted : adjusted);
-  out += sci.size() < plain.size() ? sci : plain;
   return true;
 }
 
