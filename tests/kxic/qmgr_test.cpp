@@ -14,15 +14,9 @@ TEST_F(KxicTest, AnExpiredUnitOfWorkIsBackedOutAndItsCommitSaysSo) {
   put(h, o, "never", KXPMO_SYNCPOINT);
   std::this_thread::sleep_for(lifetime + std::chrono::milliseconds(200));
   // Another connection takes everything back in order; the put is gone.
-  std::vector<std::string> got;
-  std::string qm = qmgr_;
-  std::thread([&] {
-    KXHCONN c = connect(qm);
-    KXHOBJ q = open(c, "Q1", KXOO_INPUT_SHARED);
-    for (Got g = get(c, q, 0); g.r.cc == KXCC_OK; g = get(c, q, 0)) got.push_back(g.data);
-    disconnect(c);
-  }).join();
-  EXPECT_EQ(got, (std::vector<std::string>{numbered(0), numbered(1), numbered(2)}));
+  EXPECT_EQ(onOwnConnection(qmgr_,
+                            [](KXHCONN c) { return takeAll(c, open(c, "Q1", KXOO_INPUT_SHARED)); }),
+            (std::vector<std::string>{numbered(0), numbered(1), numbered(2)}));
   Result r = commit(h);
   EXPECT_EQ(r.cc, KXCC_FAILED);
   EXPECT_EQ(r.rc, KXRC_BACKED_OUT);

@@ -12,6 +12,7 @@
 
 #include <chrono>
 #include <cstring>
+#include <future>
 #include <string>
 #include <vector>
 
@@ -65,16 +66,27 @@ struct Got {
   KXLONG dataLength = -1;
 };
 
+// A get with the given options; with match, by the MsgId or CorrelId of *match.
 inline Got get(KXHCONN h, KXHOBJ o, KXLONG options, KXLONG bufferLength = 65536,
-               KXLONG waitMs = 0) {
+               KXLONG waitMs = 0, const KXMD* match = nullptr, KXLONG matchOptions = KXMO_NONE) {
   Got g;
+  if (match) g.md = *match;
   KXGMO gmo = KXGMO_DEFAULT;
   gmo.Options = options;
   gmo.WaitInterval = waitMs;
+  gmo.MatchOptions = matchOptions;
   std::vector<char> buf(size_t(bufferLength) + 1);
   KXGET(h, o, &g.md, &gmo, bufferLength, buf.data(), &g.dataLength, &g.r.cc, &g.r.rc);
   if (g.r.cc != KXCC_FAILED) g.data.assign(buf.data(), size_t(gmo.ReturnedLength));
   return g;
+}
+
+// Gets (or browses, with KXGMO_BROWSE_NEXT) until a get fails; the data in order.
+inline std::vector<std::string> takeAll(KXHCONN h, KXHOBJ o, KXLONG options = 0) {
+  std::vector<std::string> all;
+  for (Got g = get(h, o, options); g.r.cc == KXCC_OK; g = get(h, o, options))
+    all.push_back(g.data);
+  return all;
 }
 
 inline KXLONG depth(KXHCONN h, const char* queue) {
@@ -105,6 +117,18 @@ inline Result backOut(KXHCONN h) {
 }
 
 inline std::string numbered(int i) { return "message " + std::to_string(i); }
+
+// Runs fn(connection) on a thread of its own, so on a connection of its own to qmgr, and
+// returns what fn returned.
+template <typename Fn>
+auto onOwnConnection(const std::string& qmgr, Fn fn) {
+  return std::async(std::launch::async, [&] {
+           KXHCONN c = connect(qmgr);
+           auto result = fn(c);
+           disconnect(c);
+           return result;
+         }).get();
+}
 
 // Runs fn in a child process (which makes its own connections); waitFor gives its exit status:
 // 0 when fn returned true, 128 + the signal when it was killed.
