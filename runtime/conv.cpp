@@ -4,6 +4,7 @@
 
 #include <unicode/ucnv.h>
 #include <unicode/ucnv_cb.h>
+#include <unicode/utf16.h>
 #include <unicode/utypes.h>
 #include <unicode/uvernum.h>
 
@@ -506,6 +507,108 @@ class ThreadConverters {
 thread_local ThreadConverters t_converters;
 thread_local std::vector<UChar> t_unicode;       // "Unicode buffer"
 thread_local std::vector<char> t_source;         // repaired or shift-wrapped source bytes
+thread_local std::vector<char> t_direct;         // output of a direct conversion
+
+// ---------------------------------------------------------------------------------------------
+// Direct conversions to UTF-8 of the two commonest sources: UTF-16 (either byte order) and
+// single-byte code pages. A single-byte code page maps each byte on its own, so its table
+// is read from ICU once, byte by byte, with the stop callbacks: a byte that ICU maps to one
+// BMP character is taken from the table, any other (unmappable, or a character outside the
+// BMP) sends the whole text through ICU. UTF-16 that is not well formed (an odd length, a
+// lone surrogate) goes through ICU too. So the bytes produced are always ICU's.
+struct SbcsTable {
+  int32_t ccsid = -1;  // the code page the table was read for
+  uint32_t generation = 0;
+  UChar map[256];
+  bool direct[256];
+};
+thread_local SbcsTable t_sbcs[4];
+thread_local size_t t_sbcsNext = 0;
+
+const SbcsTable* sbcsTableOf(int32_t ccsid, UConverter* from, bool stop) {
+  const uint32_t gen = g_generation.load(std::memory_order_acquire);
+  for (SbcsTable& t : t_sbcs)
+    if (t.ccsid == ccsid && t.generation == gen) return &t;
+  SbcsTable& t = t_sbcs[t_sbcsNext];
+  t_sbcsNext = (t_sbcsNext + 1) % std::size(t_sbcs);
+  setCallbacks(from, true);
+  for (int b = 0; b < 256; ++b) {
+    const char byte = static_cast<char>(b);
+    const char* in = &byte;
+    UChar u[4];
+    UChar* out = u;
+    UErrorCode err = U_ZERO_ERROR;
+    ucnv_toUnicode(from, &out, u + 4, &in, &byte + 1, nullptr, true, &err);
+    t.direct[b] = U_SUCCESS(err) && out - u == 1 && !U16_IS_SURROGATE(u[0]);
+    t.map[b] = t.direct[b] ? u[0] : 0;
+    ucnv_resetToUnicode(from);
+  }
+  setCallbacks(from, stop);
+  t.ccsid = ccsid;
+  t.generation = gen;
+  return &t;
+}
+
+inline char* putUtf8(char* q, uint32_t c) {
+  if (c < 0x80) {
+    *q++ = static_cast<char>(c);
+  } else if (c < 0x800) {
+    *q++ = static_cast<char>(0xC0 | (c >> 6));
+    *q++ = static_cast<char>(0x80 | (c & 0x3F));
+  } else if (c < 0x10000) {
+    *q++ = static_cast<char>(0xE0 | (c >> 12));
+    *q++ = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+    *q++ = static_cast<char>(0x80 | (c & 0x3F));
+  } else {
+    *q++ = static_cast<char>(0xF0 | (c >> 18));
+    *q++ = static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+    *q++ = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+    *q++ = static_cast<char>(0x80 | (c & 0x3F));
+  }
+  return q;
+}
+
+// Converts [in, in + n) to UTF-8 into t_direct without ICU when the pair allows it; false
+// sends the text through ICU. `units` is the number of UTF-16 units the text holds.
+bool convertDirect(int32_t srcCcsid, UConverter* from, UConverter* to, const char* in, size_t n,
+                   bool stop, size_t& produced, size_t& units) {
+  if (ucnv_getType(to) != UCNV_UTF8) return false;
+  const UConverterType type = ucnv_getType(from);
+  const unsigned char* p = reinterpret_cast<const unsigned char*>(in);
+  if (type == UCNV_UTF16_LittleEndian || type == UCNV_UTF16_BigEndian) {
+    if (n % 2 != 0) return false;
+    const bool le = type == UCNV_UTF16_LittleEndian;
+    if (t_direct.size() < n / 2 * 3 + 1) t_direct.resize(n / 2 * 3 + 1);
+    char* q = t_direct.data();
+    for (size_t i = 0; i < n; i += 2) {
+      uint32_t u = le ? (p[i] | (p[i + 1] << 8)) : ((p[i] << 8) | p[i + 1]);
+      if (U16_IS_SURROGATE(u)) {
+        if (!U16_IS_SURROGATE_LEAD(u) || i + 4 > n) return false;
+        uint32_t low = le ? (p[i + 2] | (p[i + 3] << 8)) : ((p[i + 2] << 8) | p[i + 3]);
+        if (!U16_IS_TRAIL(low)) return false;
+        u = U16_GET_SUPPLEMENTARY(u, low);
+        i += 2;
+      }
+      q = putUtf8(q, u);
+    }
+    produced = static_cast<size_t>(q - t_direct.data());
+    units = n / 2;
+    return true;
+  }
+  if (type == UCNV_SBCS) {
+    const SbcsTable* t = sbcsTableOf(srcCcsid, from, stop);
+    if (t_direct.size() < n * 3 + 1) t_direct.resize(n * 3 + 1);
+    char* q = t_direct.data();
+    for (size_t i = 0; i < n; ++i) {
+      if (!t->direct[p[i]]) return false;
+      q = putUtf8(q, t->map[p[i]]);
+    }
+    produced = static_cast<size_t>(q - t_direct.data());
+    units = n;
+    return true;
+  }
+  return false;
+}
 
 void resetBoth(UConverter* a, UConverter* b) {
   for (UConverter* c : {a, b}) {
@@ -729,22 +832,29 @@ int32_t ConvMgr::lookupAddConv(int32_t srcCcsid, const char** src, const char* s
     traceHexText("SOSI: Data after adding SHIFT bytes", in, inLen);
   }
 
-  // Source to Unicode.
+  // Source to Unicode, or straight to UTF-8 where that gives ICU's bytes.
   const size_t unitWidth = graphic ? 4 : 2;
   size_t uCap = inLen * unitWidth / 2 + 2;
-  if (t_unicode.size() < uCap) t_unicode.resize(uCap);
-  UChar* uStart = t_unicode.data();
-  UChar* u = uStart;
-  const char* inCur = in;
+  size_t directLen = 0;
+  size_t uLen = 0;
+  const bool direct = convertDirect(srcCcsid, from, to, in, inLen,
+                                    g_stopOnSubstitution.load(std::memory_order_relaxed), directLen, uLen);
+  UChar* uStart = nullptr;
   UErrorCode err = U_ZERO_ERROR;
-  ucnv_toUnicode(from, &u, uStart + uCap, &inCur, in + inLen, nullptr, true, &err);
-  if (U_FAILURE(err)) {
-    traceIcuError(kFnLookupAddConv, "ucnv_toUnicode", ucnv_getCCSID(from, &err), err);
-    int32_t fail = icuFailure(err);
-    resetBoth(from, to);
-    return fail;
+  if (!direct) {
+    if (t_unicode.size() < uCap) t_unicode.resize(uCap);
+    uStart = t_unicode.data();
+    UChar* u = uStart;
+    const char* inCur = in;
+    ucnv_toUnicode(from, &u, uStart + uCap, &inCur, in + inLen, nullptr, true, &err);
+    if (U_FAILURE(err)) {
+      traceIcuError(kFnLookupAddConv, "ucnv_toUnicode", ucnv_getCCSID(from, &err), err);
+      int32_t fail = icuFailure(err);
+      resetBoth(from, to);
+      return fail;
+    }
+    uLen = static_cast<size_t>(u - uStart);
   }
-  size_t uLen = static_cast<size_t>(u - uStart);
 
   // Target buffer: the caller's, or one sized here.
   const size_t prefix = lengthPrefixed ? (graphic ? 4 : 2) : 0;
@@ -779,13 +889,19 @@ int32_t ConvMgr::lookupAddConv(int32_t srcCcsid, const char** src, const char* s
   // double-byte runs.
   char* data = base + prefix;
   char* t = data;
-  const UChar* uCur = uStart;
-  err = U_ZERO_ERROR;
-  ucnv_fromUnicode(to, &t, limit, &uCur, uStart + uLen, nullptr, true, &err);
-  if (U_FAILURE(err)) {
-    UErrorCode e2 = U_ZERO_ERROR;
-    traceIcuError(kFnLookupAddConv, "ucnv_fromUnicode", ucnv_getCCSID(to, &e2), err);
-    return fail(icuFailure(err));
+  if (direct) {
+    if (static_cast<size_t>(limit - data) < directLen) return fail(kRcConvOverflow);
+    std::memcpy(data, t_direct.data(), directLen);
+    t = data + directLen;
+  } else {
+    const UChar* uCur = uStart;
+    err = U_ZERO_ERROR;
+    ucnv_fromUnicode(to, &t, limit, &uCur, uStart + uLen, nullptr, true, &err);
+    if (U_FAILURE(err)) {
+      UErrorCode e2 = U_ZERO_ERROR;
+      traceIcuError(kFnLookupAddConv, "ucnv_fromUnicode", ucnv_getCCSID(to, &e2), err);
+      return fail(icuFailure(err));
+    }
   }
   size_t produced = static_cast<size_t>(t - data);
   if (ucnv_getType(to) == UCNV_EBCDIC_STATEFUL)

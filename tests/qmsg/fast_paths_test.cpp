@@ -264,3 +264,62 @@ TEST(FastPaths, PackedDecimalMatchesTheDigitStringForm) {
 }
 
 }  // namespace
+
+namespace {
+
+std::string convertThrough(ConvMgr& cm, encodingInfo& enc, const std::string& in, int32_t ccsid) {
+  std::vector<uint8_t> none(8);
+  QMsg m(none.data(), none.size(), stdout, &enc, &cm);
+  ConvText text;
+  EXPECT_EQ(convertText(m, reinterpret_cast<const uint8_t*>(in.data()), in.size(), text, "step", "fn", "label", ccsid), 0);
+  return std::string(text.data(), static_cast<size_t>(text.size()));
+}
+
+// Single-byte code pages and UTF-16 reach UTF-8 without ICU where ICU would give the same
+// bytes: every byte value, unmappable bytes, surrogate pairs, lone surrogates and odd lengths
+// all come out as ICU's own conversion gives them.
+TEST(FastPaths, DirectConversionsToUtf8MatchIcu) {
+  ConvMgr::init();
+  ConvMgr cm(6, "rplqmfmt:processQueue");
+  std::mt19937 rng(1200);
+  for (int32_t ccsid : {37, 420, 1252, 850}) {
+    UErrorCode err = U_ZERO_ERROR;
+    UConverter* c = ucnv_openCCSID(ccsid, UCNV_IBM, &err);
+    ASSERT_TRUE(U_SUCCESS(err));
+    const std::string icuName = ucnv_getName(c, &err);
+    ucnv_close(c);
+    encodingInfo enc = senderContext(ByteOrder::Big, ccsid, 1208);
+    std::string every;
+    for (int b = 0; b < 256; ++b) every += static_cast<char>(b);
+    EXPECT_EQ(convertThrough(cm, enc, every, ccsid), icuConvert(icuName.c_str(), "UTF-8", every)) << ccsid;
+    for (int k = 0; k < 50; ++k) {
+      std::string in(rng() % 600, '\0');
+      for (char& c : in) c = static_cast<char>(k % 2 ? rng() : 0x40 + rng() % 0x80);
+      ASSERT_EQ(convertThrough(cm, enc, in, ccsid), icuConvert(icuName.c_str(), "UTF-8", in)) << ccsid;
+    }
+  }
+  for (ByteOrder order : {ByteOrder::Little, ByteOrder::Big}) {
+    encodingInfo enc = senderContext(order, 1200, 1208);
+    const char* icuName = order == ByteOrder::Little ? "UTF-16LE" : "UTF-16BE";
+    for (int k = 0; k < 400; ++k) {
+      std::u16string units(rng() % 40, u'\0');
+      for (char16_t& u : units) {
+        switch (rng() % 6) {
+          case 0: u = static_cast<char16_t>(0xD800 + rng() % 0x400); break;  // lead
+          case 1: u = static_cast<char16_t>(0xDC00 + rng() % 0x400); break;  // trail
+          case 2: u = static_cast<char16_t>(rng() % 0x80); break;
+          default: u = static_cast<char16_t>(rng() % 0x10000); break;
+        }
+      }
+      std::string in;
+      for (char16_t u : units) {
+        char hi = static_cast<char>(u >> 8), lo = static_cast<char>(u & 0xFF);
+        in += order == ByteOrder::Little ? std::string{lo, hi} : std::string{hi, lo};
+      }
+      if (k % 10 == 9) in += 'x';  // an odd length
+      ASSERT_EQ(convertThrough(cm, enc, in, 1200), icuConvert(icuName, "UTF-8", in)) << k;
+    }
+  }
+}
+
+}  // namespace
