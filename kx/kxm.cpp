@@ -87,6 +87,7 @@ struct Connection {
   int64_t dbPuts = 0;   // rows in state 1 of this connection
   int64_t dbGets = 0;   // rows in state 2 of this connection
   uint64_t writes = 0;  // own committed changes (data_version does not count them)
+  int64_t lastReapUs = 0;  // when this connection last looked for units of work of dead processes
 };
 
 std::mutex gLock;
@@ -247,10 +248,10 @@ KXLONG commitWork(Connection& c) {
   return 0;
 }
 
-// Backs out the units of work of connections whose process has gone, and registers this one.
-int registerOwner(Connection& c) {
-  int rc = c.store.beginWrite();
-  if (rc != SQLITE_OK) return rc;
+// Backs out the units of work of connections whose process has gone (messages they got come
+// back in place, messages they put go). Runs inside the caller's write transaction.
+int backOutDeadOwners(Connection& c) {
+  int rc = SQLITE_OK;
   std::vector<int64_t> dead;
   {
     sqlite3_stmt* s = nullptr;
@@ -275,6 +276,14 @@ int registerOwner(Connection& c) {
                       ";";
     if (rc == SQLITE_OK) rc = c.store.exec(sql.c_str());
   }
+  return rc;
+}
+
+// Backs out what dead processes left, then registers this connection as an owner.
+int registerOwner(Connection& c) {
+  int rc = c.store.beginWrite();
+  if (rc != SQLITE_OK) return rc;
+  rc = backOutDeadOwners(c);
   if (rc == SQLITE_OK) {
     std::string sql = "INSERT INTO owners VALUES(" + std::to_string(c.token) + ", " +
                       std::to_string(c.pid) + ", " + std::to_string(processStart(c.pid)) + ")";
@@ -282,6 +291,26 @@ int registerOwner(Connection& c) {
   }
   if (rc == SQLITE_OK) rc = c.store.commit();
   if (rc != SQLITE_OK) c.store.rollback();
+  return rc;
+}
+
+// A getter that finds the queue empty looks again for units of work of processes that died
+// since it connected (at most four times a second), so that their messages come back without
+// waiting for a new connection.
+bool reapDue(Connection& c) {
+  int64_t now = nowUs();
+  if (now - c.lastReapUs < 250000) return false;
+  c.lastReapUs = now;
+  return true;
+}
+
+int reapDeadOwners(Connection& c) {
+  int rc = c.store.beginWrite();
+  if (rc != SQLITE_OK) return rc;
+  rc = backOutDeadOwners(c);
+  if (rc == SQLITE_OK) rc = c.store.commit();
+  if (rc != SQLITE_OK) c.store.rollback();
+  else ++c.writes;  // what this connection read ahead may have changed
   return rc;
 }
 
@@ -770,6 +799,8 @@ KXENTRY void KXGET(KXHCONN Hconn, KXHOBJ Hobj, KXMD* MsgDesc, KXGMO* GetMsgOpts,
         return;
       }
       KXLONG r = tryGet(*c, *o, a);
+      if (r == KXRC_NO_MSG_AVAILABLE && reapDue(*c) && reapDeadOwners(*c) == SQLITE_OK)
+        r = tryGet(*c, *o, a);
       if (r == 0) return setResult(CompCode, Reason, KXCC_OK, 0);
       if (r == KXRC_TRUNCATED_MSG_ACCEPTED) return setResult(CompCode, Reason, KXCC_WARNING, r);
       if (r == KXRC_TRUNCATED_MSG_FAILED) {
