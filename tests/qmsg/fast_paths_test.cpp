@@ -130,6 +130,11 @@ TEST(FastPaths, DoubleTextMatchesPrintf) {
     std::memcpy(&d, &bits, sizeof d);
     values.push_back(d);
     values.push_back(static_cast<double>(static_cast<int64_t>(bits % 2000001) - 1000000) / 1000.0);
+    // Decimals of 1 to 17 digits at any exponent: short ones take the padded shortest form.
+    std::string text = std::to_string(rng() % 9 + 1);
+    for (int k = static_cast<int>(rng() % 17); k > 0; --k) text += static_cast<char>('0' + rng() % 10);
+    text += "e" + std::to_string(static_cast<int>(rng() % 640) - 320);
+    values.push_back(std::strtod(text.c_str(), nullptr));
   }
   for (double d : values) {
     ASSERT_EQ(doubleText(d, false), plainDouble(d, false)) << std::hexfloat << d;
