@@ -179,48 +179,11 @@ bool decfloatText(const uint8_t* p, size_t n, std::string& out) {
   return true;
 }
 
-namespace {
-
-// When the shortest text that reads back as v has at most precision + 1 digits, v rounded to
-// precision + 1 digits is that text (v lies closer to it than half a unit of the last of
-// those digits, a double's spacing being far finer), so "%.*E" is those digits padded with
-// zeros (for normal numbers and zero; below the normal range the spacing is too coarse).
-// Writes that form and returns its length, or 0 when the shortest text is longer.
-size_t shortestPadded(double v, int precision, char* s) {
-  char t[40];
-  std::to_chars_result r = std::to_chars(t, t + sizeof t, v, std::chars_format::scientific);
-  const char* end = r.ptr;
-  const char* p = t;
-  char* q = s;
-  if (*p == '-') *q++ = *p++;
-  const char* e = static_cast<const char*>(std::memchr(p, 'e', static_cast<size_t>(end - p)));
-  if (e == nullptr) return 0;
-  // Mantissa "d" or "d.ddd": its digits, then as many zeros as the precision wants.
-  int digits = e - p > 1 ? static_cast<int>(e - p) - 1 : 1;
-  if (digits > precision + 1) return 0;
-  *q++ = *p;
-  *q++ = '.';
-  if (e - p > 2) {
-    std::memcpy(q, p + 2, static_cast<size_t>(e - p - 2));
-    q += e - p - 2;
-  }
-  for (int i = digits; i < precision + 1; ++i) *q++ = '0';
-  // Exponent: the sign and at least two digits, as both forms write it.
-  *q++ = 'E';
-  std::memcpy(q, e + 1, static_cast<size_t>(end - e - 1));
-  q += end - e - 1;
-  return static_cast<size_t>(q - s);
-}
-
-}  // namespace
-
 size_t doubleChars(double v, bool single, char* s) {
   const int precision = single ? 5 : 14;
   size_t n;
-  const int kind = std::fpclassify(v);
-  if ((kind == FP_NORMAL || kind == FP_ZERO) && (n = shortestPadded(v, precision, s)) != 0) {
-  } else if (std::isfinite(v)) {
-    // The fixed-precision conversion of the standard library rounds exactly as printf does;
+  if (std::isfinite(v)) {
+    // The shortest-path conversion of the standard library rounds exactly as printf does;
     // only the exponent letter differs.
     std::to_chars_result r = std::to_chars(s, s + kDoubleTextRoom - 1, v, std::chars_format::scientific, precision);
     n = static_cast<size_t>(r.ptr - s);
