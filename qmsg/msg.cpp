@@ -14,6 +14,15 @@ int32_t convertText(const QMsg& m, const uint8_t* p, size_t n, ConvText& out, co
   }
   const char* s = reinterpret_cast<const char*>(p);
   int32_t produced = 0;
+  // UTF-16 to UTF-8, the commonest conversion of GRAPHIC values, needs no converter at all.
+  size_t direct = 0;
+  if ((src == kCcsidUtf16 || src == kCcsidUtf16Alt) && m.enc->outCcsid == kCcsidUtf8 &&
+      n / 2 * 3 <= ConvText::kInlineRoom &&
+      ConvMgr::utf16ToUtf8(s, n, (m.enc->flags & kEncLowByteFirst) != 0, out.inlineRoom(),
+                           ConvText::kInlineRoom, direct)) {
+    out.useInline(static_cast<int>(direct));
+    return 0;
+  }
   // A short text goes into the object's own room when even the widest output (four bytes
   // for each character and the converter's margin, blank padding of a pure double-byte
   // target, the zero) fits; anything longer into a buffer the manager allocates.

@@ -576,24 +576,9 @@ bool convertDirect(int32_t srcCcsid, UConverter* from, UConverter* to, const cha
   const UConverterType type = ucnv_getType(from);
   const unsigned char* p = reinterpret_cast<const unsigned char*>(in);
   if (type == UCNV_UTF16_LittleEndian || type == UCNV_UTF16_BigEndian) {
-    if (n % 2 != 0) return false;
-    const bool le = type == UCNV_UTF16_LittleEndian;
     if (t_direct.size() < n / 2 * 3 + 1) t_direct.resize(n / 2 * 3 + 1);
-    char* q = t_direct.data();
-    for (size_t i = 0; i < n; i += 2) {
-      uint32_t u = le ? (p[i] | (p[i + 1] << 8)) : ((p[i] << 8) | p[i + 1]);
-      if (U16_IS_SURROGATE(u)) {
-        if (!U16_IS_SURROGATE_LEAD(u) || i + 4 > n) return false;
-        uint32_t low = le ? (p[i + 2] | (p[i + 3] << 8)) : ((p[i + 2] << 8) | p[i + 3]);
-        if (!U16_IS_TRAIL(low)) return false;
-        u = U16_GET_SUPPLEMENTARY(u, low);
-        i += 2;
-      }
-      q = putUtf8(q, u);
-    }
-    produced = static_cast<size_t>(q - t_direct.data());
     units = n / 2;
-    return true;
+    return ConvMgr::utf16ToUtf8(in, n, type == UCNV_UTF16_LittleEndian, t_direct.data(), t_direct.size(), produced);
   }
   if (type == UCNV_SBCS) {
     const SbcsTable* t = sbcsTableOf(srcCcsid, from, stop);
@@ -765,6 +750,25 @@ const char* ConvMgr::getName(int32_t ccsid, int32_t& rc) {
   }
   rc = 0;
   return name;
+}
+
+bool ConvMgr::utf16ToUtf8(const char* in, size_t n, bool lowFirst, char* out, size_t room, size_t& produced) {
+  if (n % 2 != 0 || room < n / 2 * 3) return false;
+  const unsigned char* p = reinterpret_cast<const unsigned char*>(in);
+  char* q = out;
+  for (size_t i = 0; i < n; i += 2) {
+    uint32_t u = lowFirst ? (p[i] | (p[i + 1] << 8)) : ((p[i] << 8) | p[i + 1]);
+    if (U16_IS_SURROGATE(u)) {
+      if (!U16_IS_SURROGATE_LEAD(u) || i + 4 > n) return false;
+      uint32_t low = lowFirst ? (p[i + 2] | (p[i + 3] << 8)) : ((p[i + 2] << 8) | p[i + 3]);
+      if (!U16_IS_TRAIL(low)) return false;
+      u = U16_GET_SUPPLEMENTARY(u, low);
+      i += 2;
+    }
+    q = putUtf8(q, u);
+  }
+  produced = static_cast<size_t>(q - out);
+  return true;
 }
 
 int16_t ConvMgr::readShortPtr(const void* p, int32_t encoding) {

@@ -107,6 +107,12 @@ class ConvMgr {
   // converters live for the whole run, so this keeps everything).
   void dropExpired() {}
 
+  // UTF-16 (low byte first or not) to UTF-8 without ICU, as ICU writes it, into `room`
+  // bytes at `out` (three for every two bytes of input suffice). False, with nothing
+  // promised about `out`, when the text is not well formed (an odd length, a lone surrogate)
+  // or the room is short: ICU must convert it then.
+  static bool utf16ToUtf8(const char* in, size_t n, bool lowFirst, char* out, size_t room, size_t& produced);
+
   // Integers from unaligned bytes, low byte first when encoding bit 0 is set.
   static int16_t readShortPtr(const void* p, int32_t encoding);
   static int32_t readIntPtr(const void* p, int32_t encoding);
