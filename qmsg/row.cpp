@@ -450,7 +450,11 @@ int32_t printTransRow(QMsg& m, size_t at, uint16_t version) {
       e.lit("                       Row operation involves LOB columns\n");
     else if (operation & kOpXmlBit)
       e.lit("                       Row operation involves XML columns\n");
-    e.lit("rowheader.bafter:      ").str(joinFlags(kBafterBits, bafter).c_str()).ch('\n');
+    // The texts of the set bits in table order, as joinFlags joins them, written one by one.
+    e.lit("rowheader.bafter:      ");
+    for (const ValueName& f : kBafterBits)
+      if (bafter & f.value) e.str(f.name);
+    e.ch('\n');
     e.lit("rowheader.sub_id:      ").num(static_cast<int32_t>(subId)).ch('\n');
     e.lit("rowheader.partitionNo: ").num(partitionNo).ch('\n');  // "%hu"
   }
