@@ -283,6 +283,11 @@ const char* const kXmlDocs[] = {
     "<?xml version=\"1.0\"?><!DOCTYPE r [<!ELEMENT r (#PCDATA)><!ENTITY e \"ent\">]><r>&e;</r>",
     "<r><?pi data?><x a='1' b=\"2\">Grüße 日本</x></r>",
     "<unclosed><x></unclosed>",
+    // Once made the printer wait on standard input, and expand for minutes.
+    "<!DOCTYPE a SYSTEM \"/dev/stdin\"><a/>",
+    "<!DOCTYPE r [<!ENTITY a \"aaaaaaaaaa\"><!ENTITY b \"&a;&a;&a;&a;&a;&a;&a;&a;&a;&a;\"><!ENTITY c "
+    "\"&b;&b;&b;&b;&b;&b;&b;&b;&b;&b;\"><!ENTITY d \"&c;&c;&c;&c;&c;&c;&c;&c;&c;&c;\"><!ENTITY e "
+    "\"&d;&d;&d;&d;&d;&d;&d;&d;&d;&d;\"><!ENTITY f \"&e;&e;&e;&e;&e;&e;&e;&e;&e;&e;\">]><r>&f;</r>",
 };
 
 }  // namespace
