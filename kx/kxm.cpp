@@ -666,6 +666,23 @@ KXLONG connect(KXCHAR* name, KXHCONN* hconn) {
 }
 
 // A call that runs out of memory ends with a reason like any other failure.
+// The connection of a handle, or null with completion code 2 and reason 2018.
+Connection* connectionOf(KXHCONN h, KXLONG* cc, KXLONG* rc) {
+  Connection* c = findConnection(h);
+  if (!c) failed(cc, rc, KXRC_HCONN_ERROR);
+  return c;
+}
+
+// The open object of a handle on a connection, or null with completion code 2 and reason 2018
+// or 2019.
+Object* objectOf(KXHCONN hc, KXHOBJ ho, Connection*& c, KXLONG* cc, KXLONG* rc) {
+  c = connectionOf(hc, cc, rc);
+  if (!c) return nullptr;
+  Object* o = findObject(*c, ho);
+  if (!o) failed(cc, rc, KXRC_HOBJ_ERROR);
+  return o;
+}
+
 template <typename Body>
 void guarded(KXLONG* cc, KXLONG* rc, Body&& body) {
   try {
@@ -734,11 +751,8 @@ KXENTRY void KXOPEN(KXHCONN Hconn, KXOD* ObjDesc, KXLONG Options, KXHOBJ* Hobj, 
                     KXLONG* Reason) {
   guarded(CompCode, Reason, [&] {
     std::lock_guard<std::mutex> lock(gLock);
-    Connection* c = findConnection(Hconn);
-    if (!c) {
-      failed(CompCode, Reason, KXRC_HCONN_ERROR);
-      return;
-    }
+    Connection* c = connectionOf(Hconn, CompCode, Reason);
+    if (!c) return;
     if (!Hobj) {
       failed(CompCode, Reason, KXRC_HOBJ_ERROR);
       return;
@@ -756,11 +770,8 @@ KXENTRY void KXCLOSE(KXHCONN Hconn, KXHOBJ* Hobj, KXLONG Options, KXLONG* CompCo
                      KXLONG* Reason) {
   guarded(CompCode, Reason, [&] {
     std::lock_guard<std::mutex> lock(gLock);
-    Connection* c = findConnection(Hconn);
-    if (!c) {
-      failed(CompCode, Reason, KXRC_HCONN_ERROR);
-      return;
-    }
+    Connection* c = connectionOf(Hconn, CompCode, Reason);
+    if (!c) return;
     if (!Hobj || !findObject(*c, *Hobj)) {
       failed(CompCode, Reason, KXRC_HOBJ_ERROR);
       return;
@@ -784,16 +795,9 @@ KXENTRY void KXGET(KXHCONN Hconn, KXHOBJ Hobj, KXMD* MsgDesc, KXGMO* GetMsgOpts,
     int64_t deadline = -1;
     int sleepMs = 1;
     for (;;) {
-      Connection* c = findConnection(Hconn);
-      if (!c) {
-        failed(CompCode, Reason, KXRC_HCONN_ERROR);
-        return;
-      }
-      Object* o = findObject(*c, Hobj);
-      if (!o) {
-        failed(CompCode, Reason, KXRC_HOBJ_ERROR);
-        return;
-      }
+      Connection* c = nullptr;
+      Object* o = objectOf(Hconn, Hobj, c, CompCode, Reason);
+      if (!o) return;
       if (KXLONG r = checkGet(*o, a)) {
         failed(CompCode, Reason, r);
         return;
@@ -834,16 +838,9 @@ KXENTRY void KXPUT(KXHCONN Hconn, KXHOBJ Hobj, KXMD* MsgDesc, KXPMO* PutMsgOpts,
                    KXLONG BufferLength, void* Buffer, KXLONG* CompCode, KXLONG* Reason) {
   guarded(CompCode, Reason, [&] {
     std::lock_guard<std::mutex> lock(gLock);
-    Connection* c = findConnection(Hconn);
-    if (!c) {
-      failed(CompCode, Reason, KXRC_HCONN_ERROR);
-      return;
-    }
-    Object* o = findObject(*c, Hobj);
-    if (!o) {
-      failed(CompCode, Reason, KXRC_HOBJ_ERROR);
-      return;
-    }
+    Connection* c = nullptr;
+    Object* o = objectOf(Hconn, Hobj, c, CompCode, Reason);
+    if (!o) return;
     if (KXLONG r = putMessage(*c, *o, MsgDesc, PutMsgOpts, BufferLength, Buffer)) {
       failed(CompCode, Reason, r);
       return;
@@ -856,11 +853,8 @@ KXENTRY void KXPUT1(KXHCONN Hconn, KXOD* ObjDesc, KXMD* MsgDesc, KXPMO* PutMsgOp
                     KXLONG BufferLength, void* Buffer, KXLONG* CompCode, KXLONG* Reason) {
   guarded(CompCode, Reason, [&] {
     std::lock_guard<std::mutex> lock(gLock);
-    Connection* c = findConnection(Hconn);
-    if (!c) {
-      failed(CompCode, Reason, KXRC_HCONN_ERROR);
-      return;
-    }
+    Connection* c = connectionOf(Hconn, CompCode, Reason);
+    if (!c) return;
     KXHOBJ h = -1;
     KXLONG r = openQueue(*c, ObjDesc, KXOO_OUTPUT, &h);
     if (r == 0) {
@@ -880,16 +874,9 @@ KXENTRY void KXINQ(KXHCONN Hconn, KXHOBJ Hobj, KXLONG SelectorCount, KXLONG* Sel
                    KXLONG* CompCode, KXLONG* Reason) {
   guarded(CompCode, Reason, [&] {
     std::lock_guard<std::mutex> lock(gLock);
-    Connection* c = findConnection(Hconn);
-    if (!c) {
-      failed(CompCode, Reason, KXRC_HCONN_ERROR);
-      return;
-    }
-    Object* o = findObject(*c, Hobj);
-    if (!o) {
-      failed(CompCode, Reason, KXRC_HOBJ_ERROR);
-      return;
-    }
+    Connection* c = nullptr;
+    Object* o = objectOf(Hconn, Hobj, c, CompCode, Reason);
+    if (!o) return;
     if (!(o->options & KXOO_INQUIRE)) {
       failed(CompCode, Reason, KXRC_NOT_OPEN_FOR_INQUIRE);
       return;
@@ -950,16 +937,9 @@ KXENTRY void KXSET(KXHCONN Hconn, KXHOBJ Hobj, KXLONG SelectorCount, KXLONG* Sel
                    KXLONG* CompCode, KXLONG* Reason) {
   guarded(CompCode, Reason, [&] {
     std::lock_guard<std::mutex> lock(gLock);
-    Connection* c = findConnection(Hconn);
-    if (!c) {
-      failed(CompCode, Reason, KXRC_HCONN_ERROR);
-      return;
-    }
-    Object* o = findObject(*c, Hobj);
-    if (!o) {
-      failed(CompCode, Reason, KXRC_HOBJ_ERROR);
-      return;
-    }
+    Connection* c = nullptr;
+    Object* o = objectOf(Hconn, Hobj, c, CompCode, Reason);
+    if (!o) return;
     if (!(o->options & KXOO_SET)) {
       failed(CompCode, Reason, KXRC_NOT_OPEN_FOR_SET);
       return;
@@ -1023,11 +1003,8 @@ KXENTRY void KXBEGIN(KXHCONN Hconn, KXBO* BeginOpts, KXLONG* CompCode, KXLONG* R
 KXENTRY void KXCMIT(KXHCONN Hconn, KXLONG* CompCode, KXLONG* Reason) {
   guarded(CompCode, Reason, [&] {
     std::lock_guard<std::mutex> lock(gLock);
-    Connection* c = findConnection(Hconn);
-    if (!c) {
-      failed(CompCode, Reason, KXRC_HCONN_ERROR);
-      return;
-    }
+    Connection* c = connectionOf(Hconn, CompCode, Reason);
+    if (!c) return;
     if (KXLONG r = commitWork(*c)) {
       failed(CompCode, Reason, r);
       return;
@@ -1039,11 +1016,8 @@ KXENTRY void KXCMIT(KXHCONN Hconn, KXLONG* CompCode, KXLONG* Reason) {
 KXENTRY void KXBACK(KXHCONN Hconn, KXLONG* CompCode, KXLONG* Reason) {
   guarded(CompCode, Reason, [&] {
     std::lock_guard<std::mutex> lock(gLock);
-    Connection* c = findConnection(Hconn);
-    if (!c) {
-      failed(CompCode, Reason, KXRC_HCONN_ERROR);
-      return;
-    }
+    Connection* c = connectionOf(Hconn, CompCode, Reason);
+    if (!c) return;
     if (KXLONG r = backOut(*c)) {
       failed(CompCode, Reason, r);
       return;
