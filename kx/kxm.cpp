@@ -23,7 +23,10 @@
 #include <vector>
 
 #include "kx/kxc.h"
+#include "kx/rules.h"
 #include "kx/store.h"
+
+using namespace kxrules;
 
 namespace kxm {
 namespace {
@@ -36,14 +39,6 @@ constexpr int kFirstBatch = 32;
 constexpr int kLastBatch = 512;
 constexpr int64_t kBatchDataCap = 64 * 1024;
 
-constexpr KXLONG kOpenInputOptions = KXOO_INPUT_AS_Q_DEF | KXOO_INPUT_SHARED | KXOO_INPUT_EXCLUSIVE;
-constexpr KXLONG kOpenKnownOptions = kOpenInputOptions | KXOO_BROWSE | KXOO_OUTPUT | KXOO_INQUIRE |
-                                     KXOO_SET | KXOO_FAIL_IF_QUIESCING;
-constexpr KXLONG kGetKnownOptions = KXGMO_WAIT | KXGMO_SYNCPOINT | KXGMO_NO_SYNCPOINT |
-                                    KXGMO_BROWSE_FIRST | KXGMO_BROWSE_NEXT |
-                                    KXGMO_ACCEPT_TRUNCATED_MSG | KXGMO_FAIL_IF_QUIESCING;
-constexpr KXLONG kPutKnownOptions = KXPMO_SYNCPOINT | KXPMO_NO_SYNCPOINT | KXPMO_NEW_MSG_ID |
-                                    KXPMO_SET_ALL_CONTEXT | KXPMO_FAIL_IF_QUIESCING;
 
 struct Ahead {  // one message read ahead by a browse
   int64_t seq;
@@ -92,7 +87,6 @@ struct Connection {
 
 std::mutex gLock;
 std::vector<std::unique_ptr<Connection>> gConnections;  // handle = index + 1
-uint64_t gMsgCounter = 0;
 
 void setResult(KXLONG* cc, KXLONG* rc, KXLONG c, KXLONG r) {
   if (cc) *cc = c;
@@ -122,45 +116,6 @@ int64_t nowUs() {
   clock_gettime(CLOCK_MONOTONIC, &ts);
   return int64_t(ts.tv_sec) * 1'000'000 + ts.tv_nsec / 1000;
 }
-
-bool allZero(const uint8_t* p, size_t n) {
-  for (size_t i = 0; i < n; ++i)
-    if (p[i]) return false;
-  return true;
-}
-
-// "KXM " + microseconds since the epoch (big-endian) + process id + a per-process counter.
-void newMsgId(uint8_t* id) {
-  timespec ts;
-  clock_gettime(CLOCK_REALTIME, &ts);
-  uint64_t us = uint64_t(ts.tv_sec) * 1'000'000 + uint64_t(ts.tv_nsec) / 1000;
-  if (gMsgCounter == 0) {
-    if (getrandom(&gMsgCounter, sizeof gMsgCounter, 0) != sizeof gMsgCounter) gMsgCounter = us;
-    gMsgCounter &= 0x0000ffffffffffffull;
-  }
-  uint64_t n = ++gMsgCounter;
-  uint32_t pid = uint32_t(getpid());
-  memcpy(id, "KXM ", 4);
-  for (int i = 0; i < 8; ++i) id[4 + i] = uint8_t(us >> (56 - 8 * i));
-  for (int i = 0; i < 4; ++i) id[12 + i] = uint8_t(pid >> (24 - 8 * i));
-  for (int i = 0; i < 8; ++i) id[16 + i] = uint8_t(n >> (56 - 8 * i));
-}
-
-// PutDate "YYYYMMDD" and PutTime "HHMMSSTH" in UTC.
-void stampPutTime(KXMD& md) {
-  timespec ts;
-  clock_gettime(CLOCK_REALTIME, &ts);
-  struct tm tm;
-  gmtime_r(&ts.tv_sec, &tm);
-  char buf[64];
-  snprintf(buf, sizeof buf, "%04d%02d%02d%02d%02d%02d%02d", (tm.tm_year + 1900) % 10000,
-           tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec,
-           int(ts.tv_nsec / 10'000'000));
-  memcpy(md.PutDate, buf, 8);
-  memcpy(md.PutTime, buf + 8, 8);
-}
-
-bool strucIdIs(const char* id, const char* want) { return memcmp(id, want, 4) == 0; }
 
 // ---- Units of work ----------------------------------------------------------------------------
 
@@ -533,41 +488,13 @@ KXLONG tryGet(Connection& c, Object& o, const GetArgs& a) {
   return getDestructive(c, o, a, opts & KXGMO_SYNCPOINT);
 }
 
-// Checks a get's arguments; returns 0 or the reason.
-KXLONG checkGet(const Object& o, const GetArgs& a) {
-  if (!a.md || !strucIdIs(a.md->StrucId, "MD  ")) return KXRC_MD_ERROR;
-  if (!a.gmo || !strucIdIs(a.gmo->StrucId, "GMO ") || a.gmo->Version < 1) return KXRC_GMO_ERROR;
-  KXLONG opts = a.gmo->Options;
-  if (opts & ~kGetKnownOptions) return KXRC_OPTIONS_ERROR;
-  if ((opts & KXGMO_SYNCPOINT) && (opts & KXGMO_NO_SYNCPOINT)) return KXRC_OPTIONS_ERROR;
-  bool browse = opts & (KXGMO_BROWSE_FIRST | KXGMO_BROWSE_NEXT);
-  if ((opts & KXGMO_BROWSE_FIRST) && (opts & KXGMO_BROWSE_NEXT)) return KXRC_OPTIONS_ERROR;
-  if (browse && (opts & KXGMO_SYNCPOINT)) return KXRC_OPTIONS_ERROR;
-  if (a.gmo->MatchOptions & ~(KXMO_MATCH_MSG_ID | KXMO_MATCH_CORREL_ID)) return KXRC_OPTIONS_ERROR;
-  if ((opts & KXGMO_WAIT) && a.gmo->WaitInterval < 0 && a.gmo->WaitInterval != KXWI_UNLIMITED)
-    return KXRC_WAIT_INTERVAL_ERROR;
-  if (browse && !(o.options & KXOO_BROWSE)) return KXRC_NOT_OPEN_FOR_BROWSE;
-  if (!browse && !(o.options & kOpenInputOptions)) return KXRC_NOT_OPEN_FOR_INPUT;
-  if (a.bufferLength < 0) return KXRC_BUFFER_LENGTH_ERROR;
-  if (a.bufferLength > 0 && !a.buffer) return KXRC_BUFFER_ERROR;
-  if (!a.dataLength) return KXRC_DATA_LENGTH_ERROR;
-  return 0;
-}
-
 // ---- Putting ------------------------------------------------------------------------------------
 
 KXLONG putMessage(Connection& c, Object& o, KXMD* md, KXPMO* pmo, KXLONG length, void* buffer) {
-  if (!md || !strucIdIs(md->StrucId, "MD  ")) return KXRC_MD_ERROR;
-  if (!pmo || !strucIdIs(pmo->StrucId, "PMO ")) return KXRC_PMO_ERROR;
+  if (KXLONG r = checkPut(o.options, o.maxLength, md, pmo, length, buffer)) return r;
   KXLONG opts = pmo->Options;
-  if (opts & ~kPutKnownOptions) return KXRC_OPTIONS_ERROR;
-  if ((opts & KXPMO_SYNCPOINT) && (opts & KXPMO_NO_SYNCPOINT)) return KXRC_OPTIONS_ERROR;
-  if (!(o.options & KXOO_OUTPUT)) return KXRC_NOT_OPEN_FOR_OUTPUT;
-  if (length < 0) return KXRC_BUFFER_LENGTH_ERROR;
-  if (length > 0 && !buffer) return KXRC_BUFFER_ERROR;
-  if (length > o.maxLength) return KXRC_MSG_TOO_BIG_FOR_Q;
   if (!(opts & KXPMO_SET_ALL_CONTEXT)) {
-    if ((opts & KXPMO_NEW_MSG_ID) || allZero(md->MsgId, kMsgIdLength)) newMsgId(md->MsgId);
+    if ((opts & KXPMO_NEW_MSG_ID) || allZero(md->MsgId, kMsgIdLength)) newMsgId(md->MsgId, "KXM ");
     stampPutTime(*md);
   }
   const uint8_t* mdBytes = reinterpret_cast<const uint8_t*>(md);
@@ -798,7 +725,7 @@ KXENTRY void KXGET(KXHCONN Hconn, KXHOBJ Hobj, KXMD* MsgDesc, KXGMO* GetMsgOpts,
       Connection* c = nullptr;
       Object* o = objectOf(Hconn, Hobj, c, CompCode, Reason);
       if (!o) return;
-      if (KXLONG r = checkGet(*o, a)) {
+      if (KXLONG r = checkGet(o->options, a.md, a.gmo, a.bufferLength, a.buffer, a.dataLength)) {
         failed(CompCode, Reason, r);
         return;
       }

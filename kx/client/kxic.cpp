@@ -24,6 +24,9 @@
 #include "kx/client/link.h"
 #include "kx/client/scripts.h"
 #include "kx/kxc.h"
+#include "kx/rules.h"
+
+using namespace kxrules;
 
 namespace kxic {
 namespace {
@@ -41,14 +44,6 @@ constexpr int kWaitSliceMs = 1000;
 // again after this long.
 constexpr int64_t kWatchRetryMs = 5000;
 
-constexpr KXLONG kOpenInputOptions = KXOO_INPUT_AS_Q_DEF | KXOO_INPUT_SHARED | KXOO_INPUT_EXCLUSIVE;
-constexpr KXLONG kOpenKnownOptions = kOpenInputOptions | KXOO_BROWSE | KXOO_OUTPUT | KXOO_INQUIRE |
-                                     KXOO_SET | KXOO_FAIL_IF_QUIESCING;
-constexpr KXLONG kGetKnownOptions = KXGMO_WAIT | KXGMO_SYNCPOINT | KXGMO_NO_SYNCPOINT |
-                                    KXGMO_BROWSE_FIRST | KXGMO_BROWSE_NEXT |
-                                    KXGMO_ACCEPT_TRUNCATED_MSG | KXGMO_FAIL_IF_QUIESCING;
-constexpr KXLONG kPutKnownOptions = KXPMO_SYNCPOINT | KXPMO_NO_SYNCPOINT | KXPMO_NEW_MSG_ID |
-                                    KXPMO_SET_ALL_CONTEXT | KXPMO_FAIL_IF_QUIESCING;
 
 struct Object {
   std::string name;
@@ -87,8 +82,6 @@ struct Connection {
 
 std::mutex gTable;
 std::vector<std::shared_ptr<Connection>> gConnections;  // handle = index + 1
-std::mutex gIdLock;
-uint64_t gMsgCounter = 0;
 
 void setResult(KXLONG* cc, KXLONG* rc, KXLONG c, KXLONG r) {
   if (cc) *cc = c;
@@ -96,8 +89,6 @@ void setResult(KXLONG* cc, KXLONG* rc, KXLONG c, KXLONG r) {
 }
 
 void failed(KXLONG* cc, KXLONG* rc, KXLONG reason) { setResult(cc, rc, KXCC_FAILED, reason); }
-
-bool strucIdIs(const char* id, const char* want) { return memcmp(id, want, 4) == 0; }
 
 std::string_view bytes(const void* p, size_t n) {
   return std::string_view(static_cast<const char*>(p), n);
@@ -111,48 +102,6 @@ int64_t nowMs() {
   timespec ts;
   clock_gettime(CLOCK_MONOTONIC, &ts);
   return int64_t(ts.tv_sec) * 1000 + ts.tv_nsec / 1'000'000;
-}
-
-bool allZero(const uint8_t* p, size_t n) {
-  for (size_t i = 0; i < n; ++i)
-    if (p[i]) return false;
-  return true;
-}
-
-// "KXC " + microseconds since the epoch (big-endian) + process id + a per-process counter that
-// starts at a random value, so that ids from several machines do not meet.
-void newMsgId(uint8_t* id) {
-  timespec ts;
-  clock_gettime(CLOCK_REALTIME, &ts);
-  uint64_t us = uint64_t(ts.tv_sec) * 1'000'000 + uint64_t(ts.tv_nsec) / 1000;
-  uint64_t n;
-  {
-    std::lock_guard<std::mutex> lock(gIdLock);
-    if (gMsgCounter == 0) {
-      if (getrandom(&gMsgCounter, sizeof gMsgCounter, 0) != sizeof gMsgCounter) gMsgCounter = us;
-      gMsgCounter &= 0x0000ffffffffffffull;
-    }
-    n = ++gMsgCounter;
-  }
-  uint32_t pid = uint32_t(getpid());
-  memcpy(id, "KXC ", 4);
-  for (int i = 0; i < 8; ++i) id[4 + i] = uint8_t(us >> (56 - 8 * i));
-  for (int i = 0; i < 4; ++i) id[12 + i] = uint8_t(pid >> (24 - 8 * i));
-  for (int i = 0; i < 8; ++i) id[16 + i] = uint8_t(n >> (56 - 8 * i));
-}
-
-// PutDate "YYYYMMDD" and PutTime "HHMMSSTH" in UTC.
-void stampPutTime(KXMD& md) {
-  timespec ts;
-  clock_gettime(CLOCK_REALTIME, &ts);
-  struct tm tm;
-  gmtime_r(&ts.tv_sec, &tm);
-  char buf[64];
-  snprintf(buf, sizeof buf, "%04d%02d%02d%02d%02d%02d%02d", (tm.tm_year + 1900) % 10000,
-           tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec,
-           int(ts.tv_nsec / 10'000'000));
-  memcpy(md.PutDate, buf, 8);
-  memcpy(md.PutTime, buf + 8, 8);
 }
 
 // The reason for a failed command: a lost connection or an error reply.
@@ -409,41 +358,13 @@ KXLONG waitForChange(Connection& c, Object& o, const WaitPoint& wp, int64_t ms) 
   return 0;
 }
 
-// Checks a get's arguments; returns 0 or the reason.
-KXLONG checkGet(const Object& o, const GetArgs& a) {
-  if (!a.md || !strucIdIs(a.md->StrucId, "MD  ")) return KXRC_MD_ERROR;
-  if (!a.gmo || !strucIdIs(a.gmo->StrucId, "GMO ") || a.gmo->Version < 1) return KXRC_GMO_ERROR;
-  KXLONG opts = a.gmo->Options;
-  if (opts & ~kGetKnownOptions) return KXRC_OPTIONS_ERROR;
-  if ((opts & KXGMO_SYNCPOINT) && (opts & KXGMO_NO_SYNCPOINT)) return KXRC_OPTIONS_ERROR;
-  bool browse = opts & (KXGMO_BROWSE_FIRST | KXGMO_BROWSE_NEXT);
-  if ((opts & KXGMO_BROWSE_FIRST) && (opts & KXGMO_BROWSE_NEXT)) return KXRC_OPTIONS_ERROR;
-  if (browse && (opts & KXGMO_SYNCPOINT)) return KXRC_OPTIONS_ERROR;
-  if (a.gmo->MatchOptions & ~(KXMO_MATCH_MSG_ID | KXMO_MATCH_CORREL_ID)) return KXRC_OPTIONS_ERROR;
-  if ((opts & KXGMO_WAIT) && a.gmo->WaitInterval < 0 && a.gmo->WaitInterval != KXWI_UNLIMITED)
-    return KXRC_WAIT_INTERVAL_ERROR;
-  if (browse && !(o.options & KXOO_BROWSE)) return KXRC_NOT_OPEN_FOR_BROWSE;
-  if (!browse && !(o.options & kOpenInputOptions)) return KXRC_NOT_OPEN_FOR_INPUT;
-  if (a.bufferLength < 0) return KXRC_BUFFER_LENGTH_ERROR;
-  if (a.bufferLength > 0 && !a.buffer) return KXRC_BUFFER_ERROR;
-  if (!a.dataLength) return KXRC_DATA_LENGTH_ERROR;
-  return 0;
-}
-
 // ---- Putting ------------------------------------------------------------------------------------
 
 KXLONG putMessage(Connection& c, Object& o, KXMD* md, KXPMO* pmo, KXLONG length, void* buffer) {
-  if (!md || !strucIdIs(md->StrucId, "MD  ")) return KXRC_MD_ERROR;
-  if (!pmo || !strucIdIs(pmo->StrucId, "PMO ")) return KXRC_PMO_ERROR;
+  if (KXLONG r = checkPut(o.options, o.maxLength, md, pmo, length, buffer)) return r;
   KXLONG opts = pmo->Options;
-  if (opts & ~kPutKnownOptions) return KXRC_OPTIONS_ERROR;
-  if ((opts & KXPMO_SYNCPOINT) && (opts & KXPMO_NO_SYNCPOINT)) return KXRC_OPTIONS_ERROR;
-  if (!(o.options & KXOO_OUTPUT)) return KXRC_NOT_OPEN_FOR_OUTPUT;
-  if (length < 0) return KXRC_BUFFER_LENGTH_ERROR;
-  if (length > 0 && !buffer) return KXRC_BUFFER_ERROR;
-  if (length > o.maxLength) return KXRC_MSG_TOO_BIG_FOR_Q;
   if (!(opts & KXPMO_SET_ALL_CONTEXT)) {
-    if ((opts & KXPMO_NEW_MSG_ID) || allZero(md->MsgId, kMsgIdLength)) newMsgId(md->MsgId);
+    if ((opts & KXPMO_NEW_MSG_ID) || allZero(md->MsgId, kMsgIdLength)) newMsgId(md->MsgId, "KXC ");
     stampPutTime(*md);
   }
   bool syncpoint = opts & KXPMO_SYNCPOINT;
@@ -661,7 +582,7 @@ KXENTRY void KXGET(KXHCONN Hconn, KXHOBJ Hobj, KXMD* MsgDesc, KXGMO* GetMsgOpts,
   withConnection(Hconn, CompCode, Reason, [&](Connection& c) -> KXLONG {
     Object* o = findObject(c, Hobj);
     if (!o) return KXRC_HOBJ_ERROR;
-    if (KXLONG r = checkGet(*o, a)) return r;
+    if (KXLONG r = checkGet(o->options, a.md, a.gmo, a.bufferLength, a.buffer, a.dataLength)) return r;
     int64_t deadline = -1;
     bool first = a.gmo->Options & KXGMO_BROWSE_FIRST;
     for (;;) {
