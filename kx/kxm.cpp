@@ -804,20 +804,9 @@ KXENTRY void KXINQ(KXHCONN Hconn, KXHOBJ Hobj, KXLONG SelectorCount, KXLONG* Sel
     Connection* c = nullptr;
     Object* o = objectOf(Hconn, Hobj, c, CompCode, Reason);
     if (!o) return;
-    if (!(o->options & KXOO_INQUIRE)) {
-      failed(CompCode, Reason, KXRC_NOT_OPEN_FOR_INQUIRE);
-      return;
-    }
-    if (SelectorCount < 0 || (SelectorCount > 0 && !Selectors)) {
-      failed(CompCode, Reason, KXRC_SELECTOR_COUNT_ERROR);
-      return;
-    }
-    if (IntAttrCount < 0 || (IntAttrCount > 0 && !IntAttrs)) {
-      failed(CompCode, Reason, KXRC_INT_ATTR_COUNT_ERROR);
-      return;
-    }
-    if (CharAttrLength < 0 || (CharAttrLength > 0 && !CharAttrs)) {
-      failed(CompCode, Reason, KXRC_CHAR_ATTR_LENGTH_ERROR);
+    if (KXLONG r = checkInquire(o->options, SelectorCount, Selectors, IntAttrCount, IntAttrs,
+                                CharAttrLength, CharAttrs)) {
+      failed(CompCode, Reason, r);
       return;
     }
     KXLONG ints = 0, chars = 0;
@@ -867,28 +856,9 @@ KXENTRY void KXSET(KXHCONN Hconn, KXHOBJ Hobj, KXLONG SelectorCount, KXLONG* Sel
     Connection* c = nullptr;
     Object* o = objectOf(Hconn, Hobj, c, CompCode, Reason);
     if (!o) return;
-    if (!(o->options & KXOO_SET)) {
-      failed(CompCode, Reason, KXRC_NOT_OPEN_FOR_SET);
+    if (KXLONG r = checkSet(o->options, SelectorCount, Selectors, IntAttrCount, IntAttrs)) {
+      failed(CompCode, Reason, r);
       return;
-    }
-    if (SelectorCount < 0 || (SelectorCount > 0 && !Selectors)) {
-      failed(CompCode, Reason, KXRC_SELECTOR_COUNT_ERROR);
-      return;
-    }
-    if (IntAttrCount < SelectorCount || (IntAttrCount > 0 && !IntAttrs)) {
-      failed(CompCode, Reason, KXRC_INT_ATTR_COUNT_ERROR);
-      return;
-    }
-    // Only the maximum message length can be set.
-    for (KXLONG i = 0; i < SelectorCount; ++i) {
-      if (Selectors[i] != KXIA_MAX_MSG_LENGTH) {
-        failed(CompCode, Reason, KXRC_SELECTOR_ERROR);
-        return;
-      }
-      if (IntAttrs[i] < 0 || IntAttrs[i] > 999000000) {
-        failed(CompCode, Reason, KXRC_OPTIONS_ERROR);
-        return;
-      }
     }
     for (KXLONG i = 0; i < SelectorCount; ++i) {
       sqlite3_stmt* s = c->store.setMaxLen;

@@ -72,6 +72,32 @@ inline KXLONG checkPut(KXLONG openOptions, int64_t maxLength, const KXMD* md, co
   return 0;
 }
 
+// An inquiry's arguments: the object opened for inquire, counts not negative, arrays present
+// where a count asks for them; 0 or the reason.
+inline KXLONG checkInquire(KXLONG openOptions, KXLONG selectorCount, const KXLONG* selectors,
+                           KXLONG intAttrCount, const KXLONG* intAttrs, KXLONG charAttrLength,
+                           const KXCHAR* charAttrs) {
+  if (!(openOptions & KXOO_INQUIRE)) return KXRC_NOT_OPEN_FOR_INQUIRE;
+  if (selectorCount < 0 || (selectorCount > 0 && !selectors)) return KXRC_SELECTOR_COUNT_ERROR;
+  if (intAttrCount < 0 || (intAttrCount > 0 && !intAttrs)) return KXRC_INT_ATTR_COUNT_ERROR;
+  if (charAttrLength < 0 || (charAttrLength > 0 && !charAttrs)) return KXRC_CHAR_ATTR_LENGTH_ERROR;
+  return 0;
+}
+
+// A set's arguments: only the maximum message length can be set, to 0 through 999,000,000;
+// 0 or the reason.
+inline KXLONG checkSet(KXLONG openOptions, KXLONG selectorCount, const KXLONG* selectors,
+                       KXLONG intAttrCount, const KXLONG* intAttrs) {
+  if (!(openOptions & KXOO_SET)) return KXRC_NOT_OPEN_FOR_SET;
+  if (selectorCount < 0 || (selectorCount > 0 && !selectors)) return KXRC_SELECTOR_COUNT_ERROR;
+  if (intAttrCount < selectorCount || (intAttrCount > 0 && !intAttrs)) return KXRC_INT_ATTR_COUNT_ERROR;
+  for (KXLONG i = 0; i < selectorCount; ++i) {
+    if (selectors[i] != KXIA_MAX_MSG_LENGTH) return KXRC_SELECTOR_ERROR;
+    if (intAttrs[i] < 0 || intAttrs[i] > 999000000) return KXRC_OPTIONS_ERROR;
+  }
+  return 0;
+}
+
 // A new message id: the library's 4-character tag, microseconds since the epoch (big-endian),
 // the process id and a per-process counter that starts at a random value, so that ids of
 // several processes and machines do not meet.

@@ -627,11 +627,9 @@ KXENTRY void KXINQ(KXHCONN Hconn, KXHOBJ Hobj, KXLONG SelectorCount, KXLONG* Sel
   withConnection(Hconn, CompCode, Reason, [&](Connection& c) -> KXLONG {
     Object* o = findObject(c, Hobj);
     if (!o) return KXRC_HOBJ_ERROR;
-    if (!(o->options & KXOO_INQUIRE)) return KXRC_NOT_OPEN_FOR_INQUIRE;
-    if (SelectorCount < 0 || (SelectorCount > 0 && !Selectors)) return KXRC_SELECTOR_COUNT_ERROR;
-    if (IntAttrCount < 0 || (IntAttrCount > 0 && !IntAttrs)) return KXRC_INT_ATTR_COUNT_ERROR;
-    if (CharAttrLength < 0 || (CharAttrLength > 0 && !CharAttrs))
-      return KXRC_CHAR_ATTR_LENGTH_ERROR;
+    if (KXLONG r = checkInquire(o->options, SelectorCount, Selectors, IntAttrCount, IntAttrs,
+                                CharAttrLength, CharAttrs))
+      return r;
     KXLONG ints = 0, chars = 0;
     for (KXLONG i = 0; i < SelectorCount; ++i) {
       KXLONG sel = Selectors[i];
@@ -662,15 +660,7 @@ KXENTRY void KXSET(KXHCONN Hconn, KXHOBJ Hobj, KXLONG SelectorCount, KXLONG* Sel
   withConnection(Hconn, CompCode, Reason, [&](Connection& c) -> KXLONG {
     Object* o = findObject(c, Hobj);
     if (!o) return KXRC_HOBJ_ERROR;
-    if (!(o->options & KXOO_SET)) return KXRC_NOT_OPEN_FOR_SET;
-    if (SelectorCount < 0 || (SelectorCount > 0 && !Selectors)) return KXRC_SELECTOR_COUNT_ERROR;
-    if (IntAttrCount < SelectorCount || (IntAttrCount > 0 && !IntAttrs))
-      return KXRC_INT_ATTR_COUNT_ERROR;
-    // Only the maximum message length can be set.
-    for (KXLONG i = 0; i < SelectorCount; ++i) {
-      if (Selectors[i] != KXIA_MAX_MSG_LENGTH) return KXRC_SELECTOR_ERROR;
-      if (IntAttrs[i] < 0 || IntAttrs[i] > 999000000) return KXRC_OPTIONS_ERROR;
-    }
+    if (KXLONG r = checkSet(o->options, SelectorCount, Selectors, IntAttrCount, IntAttrs)) return r;
     for (KXLONG i = 0; i < SelectorCount; ++i) {
       std::string value = std::to_string(IntAttrs[i]);
       Reply r = evalScript(c.link, c.setMax, {c.prefix + "queues"}, {o->name, value});
