@@ -1,17 +1,12 @@
 // The queue reading loop.
 #include "driver/queue_loop.h"
 
-#include <unicode/ucnv.h>
-
 #include <cerrno>
 #include <cinttypes>
 #include <cstdlib>
 #include <cstring>
 
-#include "driver/printers.h"
-#include "driver/xml_printer.h"
-#include "qmsg/compact.h"
-#include "qmsg/forms.h"
+#include "driver/message_printer.h"
 #include "runtime/catalog.h"
 #include "runtime/conv.h"
 #include "runtime/trace.h"
@@ -20,7 +15,6 @@ namespace {
 
 constexpr const char* kStep = "rplqmfmt:processQueue";
 constexpr int kFnProcessQueue = 12;
-constexpr int32_t kLoopComponent = 6;
 constexpr size_t kFirstBufferSize = 4096;
 
 // Open options: browse, or browse plus input-shared for "-delmsg".
@@ -30,34 +24,7 @@ constexpr KXLONG kOpenDelete = KXOO_BROWSE | KXOO_INPUT_SHARED;
 constexpr KXLONG kGetBrowse = KXGMO_BROWSE_NEXT | KXGMO_NO_SYNCPOINT | KXGMO_FAIL_IF_QUIESCING;
 constexpr KXLONG kGetDelete = KXGMO_NO_SYNCPOINT | KXGMO_FAIL_IF_QUIESCING;
 
-// Result of the compact decoder when a transaction names a subscription with no schema.
-constexpr int32_t kRcNoSchema = -200;
-
 bool g_outputFailed = false;
-
-bool formatIs(const KXMD& md, const char* name) { return std::memcmp(md.Format, name, 8) == 0; }
-
-// The output CCSID: the CCSID of the "-oenc" converter, or of the platform's default one.
-int32_t outputCcsid(const char* encodingName, int32_t& ccsid) {
-  const char* name = encodingName[0] != '\0' ? encodingName : ucnv_getDefaultName();
-  UErrorCode status = U_ZERO_ERROR;
-  UConverter* conv = ucnv_open(name, &status);
-  if (status != U_ZERO_ERROR) {
-    if (conv != nullptr) ucnv_close(conv);
-    reportFailuref(kStep, "ucnv_open", -1, "Cannot open the converter %s, ICU rc=%d.", name,
-                   static_cast<int>(status));
-    return -1;
-  }
-  ccsid = ucnv_getCCSID(conv, &status);
-  if (status != U_ZERO_ERROR) {
-    ucnv_close(conv);
-    reportFailuref(kStep, "ucnv_getCCSID", -1, "Cannot get the CCSID of the converter %s, ICU rc=%d.\n",
-                   name, static_cast<int>(status));
-    return -1;
-  }
-  ucnv_close(conv);
-  return 0;
-}
 
 }  // namespace
 
@@ -78,10 +45,10 @@ int32_t checkOutput(FILE* out, bool flush, const char* step) {
   return kRcOutputFailed;
 }
 
-int32_t processQueue(KXHCONN* hconn, const char* queueName, FILE* out, char* encodingName,
-                     bool deleteMsgs, bool hex, bool fullDescriptor, bool headerOnly,
-                     int32_t limit, int32_t skip) {
+int32_t processQueue(KXHCONN* hconn, const QueueRun& run, FILE* out) {
   RPL_TRACE(kCompDriver, kFnProcessQueue);
+  const char* queueName = run.queueName;
+  const bool deleteMsgs = run.deleteMsgs;
 
   // The receive buffer: `bufLen` bytes are offered to a get; at least one more byte is
   // allocated once a message has filled it, for the zero stored after the data.
@@ -95,14 +62,11 @@ int32_t processQueue(KXHCONN* hconn, const char* queueName, FILE* out, char* enc
     return rplTrace_.ret(1);
   }
 
-  int32_t outCcsid = 0;
-  if (outputCcsid(encodingName, outCcsid) != 0) {
+  MessagePrinter printer(queueName, run.encodingName, run.print);
+  if (printer.start() != 0) {
     std::free(buf);
     return rplTrace_.ret(-1);
   }
-
-  ConvMgr::init();
-  ConvMgr cm(kLoopComponent, kStep);
 
   KXOD od = KXOD_DEFAULT;
   kxSetName(od.ObjectName, sizeof od.ObjectName, queueName);
@@ -127,10 +91,9 @@ int32_t processQueue(KXHCONN* hconn, const char* queueName, FILE* out, char* enc
   int32_t counter = 0;
   int32_t skipped = 0;
   int32_t result = 0;
-  encodingInfo enc;
   // The run ends when the counter reaches limit + skip (32-bit arithmetic, so a negative
   // limit reads to the end of the queue).
-  const int32_t target = static_cast<int32_t>(static_cast<uint32_t>(limit) + static_cast<uint32_t>(skip));
+  const int32_t target = static_cast<int32_t>(static_cast<uint32_t>(run.limit) + static_cast<uint32_t>(run.skip));
 
   while (counter != target) {
     KXLONG dataLen = 0;
@@ -177,75 +140,15 @@ int32_t processQueue(KXHCONN* hconn, const char* queueName, FILE* out, char* enc
       allocated = static_cast<size_t>(dataLen) + 1;
     }
 
-    if (skipped < skip) {
+    if (skipped < run.skip) {
       ++skipped;
       ++counter;
       continue;
     }
 
-    if (fullDescriptor)
-      printDescriptor(md, out, counter, false);
-    else if (headerOnly)
-      printDescriptor(md, out, counter, true);
-
     bool stop = false;
-    if (dataLen == 0) {
-      ++counter;
-      std::fprintf(out, "\n\n**** Message number: %d\n", counter);
-      std::fputs("**** Message size:   0\n\n", out);
-    } else if (hex) {
-      ++counter;
-      std::fprintf(out, "\n\n**** Message number: %d\n", counter);
-      std::fputs("**** Message Descriptor: \n", out);
-      dumpHex(sizeof md, reinterpret_cast<const uint8_t*>(&md), out, true);
-      std::fputc('\n', out);
-      std::fprintf(out, "**** Message Content: size:   %d\n", dataLen);
-      std::fputc('\n', out);
-      dumpHex(static_cast<size_t>(dataLen), buf, out, true);
-    } else {
-      enc.setup(md.CodedCharSetId);
-      enc.outCcsid = outCcsid;
-      enc.flags = littleEndianEncoding(md.Encoding) ? kEncMachineOrder : 0;
-      const size_t len = static_cast<size_t>(dataLen);
-
-      if (formatIs(md, KXFMT_STRING) && buf[0] != '<') {
-        ++counter;
-        std::fprintf(out, "\n\n**** Message number: %d\n", counter);
-        std::fprintf(out, "**** Message size:   %" PRIu64 "\n", static_cast<uint64_t>(len) + kDescriptorSize);
-        std::fputc('\n', out);
-        std::fprintf(out, "%.*s\n", dataLen, reinterpret_cast<const char*>(buf));
-      } else if (formatIs(md, KXFMT_STRING)) {
-        buf[len] = 0;
-        printXmlMsg(reinterpret_cast<const char*>(buf), static_cast<uint32_t>(len), queueName, out,
-                    encodingName, &counter, 0);
-      } else if (formatIs(md, KXFMT_RFH2)) {
-        buf[len] = 0;
-        std::fputs("\nRFH2 Header\n", out);
-        size_t body = 0;
-        int32_t rc = processRFH2(buf, len, enc, cm, out, &body);
-        if (rc != 0) {
-          reportFailure(kStep, "processRFH2", rc, "Cannot decode RFH2 header");
-          result = rc;
-          stop = true;
-        } else {
-          printXmlMsg(reinterpret_cast<const char*>(buf + body), static_cast<uint32_t>(len - body),
-                      queueName, out, encodingName, &counter, 0);
-        }
-      } else if (formatIs(md, KXFMT_COMPACT)) {
-        int32_t rc = processCompactMsg(buf, len, queueName, out, &counter, &enc, &cm, false, false,
-                                       headerOnly);
-        if (rc == kRcNoSchema)
-          reportFailure(kStep, "processCompactMsg", kRcNoSchema,
-                        "Cannot decode transaction message, no subscription schema message was in the queue.");
-        if (rc != 0) {
-          result = rc;
-          stop = true;
-        }
-      } else {
-        // Not counted: such messages do not count toward the limit.
-        reportFailure(kStep, "processQueue", 0, "Unknown message format. Message won't be displayed.");
-      }
-    }
+    int32_t rc = printer.print(md, buf, static_cast<size_t>(dataLen), counter, out, stop);
+    if (rc != 0) result = rc;
 
     // With "-delmsg" the message is already gone from the queue: its report is written out
     // before the next one is taken.

@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "driver/kxbind.h"
+#include "driver/message_printer.h"
 
 // Result of a run stopped because the output could not be written.
 inline constexpr int32_t kRcOutputFailed = -1;
@@ -15,9 +16,17 @@ inline constexpr int32_t kRcOutputFailed = -1;
 // reports "Cannot write the output: <reason>." and returns kRcOutputFailed.
 int32_t checkOutput(FILE* out, bool flush, const char* step);
 
+// One run of the loop over a queue.
+struct QueueRun {
+  const char* queueName = "";
+  char* encodingName = nullptr;  // "-oenc" text (kEncodingNameRoom bytes, may be empty)
+  bool deleteMsgs = false;       // "-delmsg": destructive gets instead of browsing
+  PrintOptions print;            // "-hex", "-kxmd", "-msghdr"
+  int32_t limit = -1;            // "-l"; -1: to the end of the queue
+  int32_t skip = 0;              // "-s": messages read and not printed first
+};
+
 // Returns 0 at the end of the queue or at the limit, 1 after a get or allocation failure, -1
 // after a converter, open or close failure or an output that cannot be written, or the compact
-// decoder's result. `encodingName` is the "-oenc" text (kEncodingNameRoom bytes, may be empty).
-int32_t processQueue(KXHCONN* hconn, const char* queueName, FILE* out, char* encodingName,
-                     bool deleteMsgs, bool hex, bool fullDescriptor, bool headerOnly,
-                     int32_t limit, int32_t skip);
+// decoder's result.
+int32_t processQueue(KXHCONN* hconn, const QueueRun& run, FILE* out);

@@ -137,8 +137,14 @@ int runTool(int argc, char** argv) {
 
   if (out != nullptr) {
     g_out = out;
-    o.exitCode = processQueue(&g_hconn, o.queueName, out, o.encodingName, o.deleteMsgs, o.hex,
-                              o.fullDescriptor, o.headerOnly, o.limit, o.skip);
+    QueueRun run;
+    run.queueName = o.queueName;
+    run.encodingName = o.encodingName;
+    run.deleteMsgs = o.deleteMsgs;
+    run.print = PrintOptions{o.hex, o.fullDescriptor, o.headerOnly};
+    run.limit = o.limit;
+    run.skip = o.skip;
+    o.exitCode = processQueue(&g_hconn, run, out);
     // What is still buffered is written before the run is called a success.
     if (checkOutput(out, true, kMain) != 0 && o.exitCode == 0) o.exitCode = kRcOutputFailed;
   }

@@ -271,7 +271,11 @@ TEST_F(DamagedQueue, FormatsToTheEndWithoutCrashOrHang) {
   int64_t left = depth();
   while (left > 0) {
     char encodingName[kEncodingNameRoom] = "UTF-8";
-    const int32_t rc = processQueue(&hconn_, kQueue, out, encodingName, true, false, false, false, -1, 0);
+    QueueRun run;
+    run.queueName = kQueue;
+    run.encodingName = encodingName;
+    run.deleteMsgs = true;
+    const int32_t rc = processQueue(&hconn_, run, out);
     ++runs;
     if (rc != 0) ++stopped;
     // A failure of the loop itself (open, get) would leave the queue as it is.
