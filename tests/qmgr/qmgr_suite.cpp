@@ -271,8 +271,8 @@ struct Reader {
 constexpr KXLONG kFirstBuffer = 4096;
 // Lengths around the first buffer, around what a get reads along with the descriptor and a
 // browse batch holds, and well beyond.
-constexpr size_t kBigLengths[] = {0,     1,     4095,   4096,   4097,         65535,
-                                  65536, 65537, 200000, 1 << 20, (1 << 20) + 3};
+constexpr size_t kBigLengths[] = {0,     1,      4095,    4096,          4097,         65535,
+                                  65536, 65537,  200000,  (1 << 20) + 3, (4 << 20) + 1};
 
 class BigMessageTest : public QmgrTest, public ::testing::WithParamInterface<Reader> {};
 
