@@ -1,6 +1,8 @@
 // The queue reading loop.
 #include "driver/queue_loop.h"
 
+#include <sys/mman.h>
+
 #include <cerrno>
 #include <cinttypes>
 #include <cstdlib>
@@ -25,6 +27,18 @@ constexpr KXLONG kGetBrowse = KXGMO_BROWSE_NEXT | KXGMO_NO_SYNCPOINT | KXGMO_FAI
 constexpr KXLONG kGetDelete = KXGMO_NO_SYNCPOINT | KXGMO_FAIL_IF_QUIESCING;
 
 bool g_outputFailed = false;
+
+// The receive buffer for a message of n bytes. A big one is aligned to huge pages and asks the
+// kernel for them: a 64 MiB message then costs 32 page faults instead of 16,384, which were
+// most of the time of taking it in. Freed with free() like any other.
+void* allocReceive(size_t n) {
+  constexpr size_t kHugePage = 2u << 20;
+  if (n < 4 * kHugePage) return std::malloc(n);
+  size_t rounded = (n + kHugePage - 1) / kHugePage * kHugePage;
+  void* p = std::aligned_alloc(kHugePage, rounded);
+  if (p != nullptr) madvise(p, rounded, MADV_HUGEPAGE);
+  return p;
+}
 
 }  // namespace
 
@@ -104,7 +118,7 @@ int32_t processQueue(KXHCONN* hconn, const QueueRun& run, FILE* out) {
         // The message stays where it is: get it again into a buffer of its size.
         std::free(buf);
         allocated = static_cast<size_t>(dataLen) + 1;
-        buf = static_cast<uint8_t*>(std::malloc(allocated));
+        buf = static_cast<uint8_t*>(allocReceive(allocated));
         if (buf == nullptr) {
           reportFailuref(kStep, "malloc", 1,
                          "Memory allocation for KXGET on queue %s failed, tried to allocate %d bytes.",

@@ -38,6 +38,9 @@ constexpr size_t kPendingMemoryLimit = 4u << 20;
 constexpr int kFirstBatch = 32;
 constexpr int kLastBatch = 512;
 constexpr int64_t kBatchDataCap = 64 * 1024;
+// Data longer than this goes between the caller's buffer and the database pages through
+// incremental blob reads and writes, so that a big message is never held a second time in memory.
+constexpr int64_t kBlobIoFrom = 64 * 1024;
 
 
 struct Ahead {  // one message read ahead by a browse
@@ -119,20 +122,48 @@ int64_t nowUs() {
 
 // ---- Units of work ----------------------------------------------------------------------------
 
+// Inserts one message. Big data is inserted as zeros of its length and then written into the
+// row's pages, all in one transaction (the caller's, or one of its own), so that SQLite builds no
+// record holding a copy of it.
 int insertRow(Connection& c, int64_t qid, int state, const uint8_t* md, const void* data,
               int64_t length) {
-  sqlite3_stmt* s = c.store.insert;
-  Use use(s);
-  sqlite3_bind_int64(s, 1, qid);
-  sqlite3_bind_int(s, 2, state);
-  sqlite3_bind_int64(s, 3, state == kVisible ? 0 : c.token);
-  sqlite3_bind_blob(s, 4, md + offsetof(KXMD, MsgId), kMsgIdLength, SQLITE_STATIC);
-  sqlite3_bind_blob(s, 5, md + offsetof(KXMD, CorrelId), kMsgIdLength, SQLITE_STATIC);
-  sqlite3_bind_blob(s, 6, md, kMdLength, SQLITE_STATIC);
-  sqlite3_bind_blob64(s, 7, length ? data : "", sqlite3_uint64(length), SQLITE_STATIC);
-  int rc = sqlite3_step(s);
-  if (rc != SQLITE_DONE) return rc;
-  return SQLITE_OK;  // no row when the queue was deleted: the message goes with it
+  bool big = length > kBlobIoFrom;
+  bool own = big && sqlite3_get_autocommit(c.store.db());
+  if (own) {
+    if (int rc = c.store.beginWrite()) return rc;
+  }
+  int rc;
+  {
+    sqlite3_stmt* s = c.store.insert;
+    Use use(s);
+    sqlite3_bind_int64(s, 1, qid);
+    sqlite3_bind_int(s, 2, state);
+    sqlite3_bind_int64(s, 3, state == kVisible ? 0 : c.token);
+    sqlite3_bind_blob(s, 4, md + offsetof(KXMD, MsgId), kMsgIdLength, SQLITE_STATIC);
+    sqlite3_bind_blob(s, 5, md + offsetof(KXMD, CorrelId), kMsgIdLength, SQLITE_STATIC);
+    sqlite3_bind_blob(s, 6, md, kMdLength, SQLITE_STATIC);
+    if (big)
+      sqlite3_bind_zeroblob64(s, 7, sqlite3_uint64(length));
+    else
+      sqlite3_bind_blob64(s, 7, length ? data : "", sqlite3_uint64(length), SQLITE_STATIC);
+    rc = sqlite3_step(s);
+  }
+  // No row when the queue was deleted: the message goes with it.
+  bool inserted = rc == SQLITE_DONE && sqlite3_changes(c.store.db()) == 1;
+  rc = rc == SQLITE_DONE ? SQLITE_OK : rc;
+  if (rc == SQLITE_OK && big && inserted) {
+    sqlite3_blob* b = nullptr;
+    rc = sqlite3_blob_open(c.store.db(), "main", "messages", "data",
+                           sqlite3_last_insert_rowid(c.store.db()), 1, &b);
+    if (rc == SQLITE_OK) rc = sqlite3_blob_write(b, data, int(length), 0);
+    int closed = sqlite3_blob_close(b);
+    if (rc == SQLITE_OK) rc = closed;
+  }
+  if (own) {
+    if (rc == SQLITE_OK) rc = c.store.commit();
+    if (rc != SQLITE_OK) c.store.rollback();
+  }
+  return rc;
 }
 
 int runOwner(Connection& c, sqlite3_stmt* s) {
@@ -164,6 +195,26 @@ KXLONG flushPending(Connection& c) {
   c.pendingBytes = 0;
   ++c.writes;
   return 0;
+}
+
+// A big syncpoint put is not copied into memory: it is written as pending at once, after the
+// puts of the unit of work that wait in memory, so that their order is kept.
+KXLONG putPendingNow(Connection& c, int64_t qid, const uint8_t* md, const void* data,
+                     int64_t length) {
+  int rc = c.store.beginWrite();
+  if (rc == SQLITE_OK) rc = writePending(c, kPutPending);
+  if (rc == SQLITE_OK) rc = insertRow(c, qid, kPutPending, md, data, length);
+  bool inserted = rc == SQLITE_OK && sqlite3_changes(c.store.db()) == 1;
+  if (rc == SQLITE_OK) rc = c.store.commit();
+  if (rc != SQLITE_OK) {
+    c.store.rollback();
+    return reasonOf(rc);
+  }
+  c.dbPuts += int64_t(c.pending.size()) + (inserted ? 1 : 0);
+  c.pending.clear();
+  c.pendingBytes = 0;
+  ++c.writes;
+  return inserted ? 0 : KXRC_Q_DELETED;
 }
 
 KXLONG backOut(Connection& c) {
@@ -279,8 +330,18 @@ struct GetArgs {
   KXLONG* dataLength;
 };
 
-// Hands one message to the caller. Returns the reason: 0, 2079 or 2080.
-KXLONG deliver(const GetArgs& a, const void* md, int64_t length, const void* data) {
+// The most data a get reads along with the descriptor: the caller's buffer, at most kBlobIoFrom.
+int64_t inlineLimit(const GetArgs& a) {
+  bool accept = a.gmo->Options & KXGMO_ACCEPT_TRUNCATED_MSG;
+  return std::min<int64_t>(accept ? INT64_MAX : a.bufferLength, kBlobIoFrom);
+}
+
+// Hands one message to the caller. The data is `data`, or when that is null the data of
+// message `seq`, read from its pages straight into the caller's buffer (only as much as the
+// buffer takes, and nothing when the message does not fit). Returns the reason: 0, 2079, 2080,
+// or the reason of a failed read.
+KXLONG deliver(Store& st, const GetArgs& a, const void* md, int64_t length, const void* data,
+               int64_t seq) {
   memcpy(a.md, md, kMdLength);
   *a.dataLength = KXLONG(std::min<int64_t>(length, INT32_MAX));
   if (length > a.bufferLength && !(a.gmo->Options & KXGMO_ACCEPT_TRUNCATED_MSG)) {
@@ -288,7 +349,19 @@ KXLONG deliver(const GetArgs& a, const void* md, int64_t length, const void* dat
     return KXRC_TRUNCATED_MSG_FAILED;
   }
   int64_t n = std::min<int64_t>(length, a.bufferLength);
-  if (n > 0) memcpy(a.buffer, data, size_t(n));
+  if (n > 0 && data) {
+    memcpy(a.buffer, data, size_t(n));
+  } else if (n > 0) {
+    sqlite3_blob* b = nullptr;
+    int rc = sqlite3_blob_open(st.db(), "main", "messages", "data", seq, 0, &b);
+    if (rc == SQLITE_OK && sqlite3_blob_bytes(b) != length) rc = SQLITE_ABORT;
+    if (rc == SQLITE_OK) rc = sqlite3_blob_read(b, a.buffer, int(n), 0);
+    sqlite3_blob_close(b);
+    if (rc != SQLITE_OK) {
+      a.gmo->ReturnedLength = 0;
+      return rc == SQLITE_ABORT ? KXRC_UNEXPECTED_ERROR : reasonOf(rc);
+    }
+  }
   a.gmo->ReturnedLength = KXLONG(n);
   return n < length ? KXRC_TRUNCATED_MSG_ACCEPTED : 0;
 }
@@ -315,10 +388,9 @@ KXLONG getDestructive(Connection& c, Object& o, const GetArgs& a, bool syncpoint
   int64_t seq = 0;
   {
     Use use(s);
-    bool accept = a.gmo->Options & KXGMO_ACCEPT_TRUNCATED_MSG;
     sqlite3_bind_int64(s, 1, o.qid);
     sqlite3_bind_int64(s, 2, 0);
-    sqlite3_bind_int64(s, 3, accept ? INT64_MAX : a.bufferLength);
+    sqlite3_bind_int64(s, 3, inlineLimit(a));
     bindMatch(s, a);
     sqlite3_bind_int(s, 6, 1);
     rc = sqlite3_step(s);
@@ -331,10 +403,11 @@ KXLONG getDestructive(Connection& c, Object& o, const GetArgs& a, bool syncpoint
       return rc == SQLITE_ROW ? KXRC_UNEXPECTED_ERROR : reasonOf(rc);
     }
     seq = sqlite3_column_int64(s, 0);
-    reason = deliver(a, sqlite3_column_blob(s, 1), sqlite3_column_int64(s, 2),
-                     sqlite3_column_blob(s, 3));
+    reason = deliver(st, a, sqlite3_column_blob(s, 1), sqlite3_column_int64(s, 2),
+                     sqlite3_column_type(s, 3) == SQLITE_NULL ? nullptr : sqlite3_column_blob(s, 3),
+                     seq);
   }
-  if (reason == KXRC_TRUNCATED_MSG_FAILED) {
+  if (reason != 0 && reason != KXRC_TRUNCATED_MSG_ACCEPTED) {
     st.rollback();
     return reason;
   }
@@ -436,20 +509,32 @@ KXLONG browseAhead(Connection& c, Object& o, const GetArgs& a, int64_t after) {
     KXLONG reason;
     bool accept = a.gmo->Options & KXGMO_ACCEPT_TRUNCATED_MSG;
     if (e.data != SIZE_MAX || (e.length > a.bufferLength && !accept)) {
-      reason = deliver(a, md, e.length, e.data != SIZE_MAX ? o.arena.data() + e.data : nullptr);
+      reason = deliver(c.store, a, md, e.length,
+                       e.data != SIZE_MAX ? o.arena.data() + e.data : nullptr, e.seq);
       if (reason == KXRC_TRUNCATED_MSG_FAILED) return reason;
     } else {
-      // A long message: read its data now; gone means the read-ahead is stale.
-      sqlite3_stmt* s = c.store.dataOf;
-      Use use(s);
-      sqlite3_bind_int64(s, 1, e.seq);
-      int rc = sqlite3_step(s);
+      // A long message: read its data now, in one read transaction that first makes sure it is
+      // still there and visible; gone means the read-ahead is stale.
+      int rc = c.store.beginRead();
+      if (rc != SQLITE_OK) return reasonOf(rc);
+      {
+        sqlite3_stmt* s = c.store.dataOf;
+        Use use(s);
+        sqlite3_bind_int64(s, 1, e.seq);
+        rc = sqlite3_step(s);
+      }
       if (rc == SQLITE_DONE) {
+        c.store.rollback();
         o.aheadFrom = -1;
         continue;
       }
-      if (rc != SQLITE_ROW) return reasonOf(rc);
-      reason = deliver(a, md, sqlite3_column_bytes(s, 0), sqlite3_column_blob(s, 0));
+      if (rc != SQLITE_ROW) {
+        c.store.rollback();
+        return reasonOf(rc);
+      }
+      reason = deliver(c.store, a, md, e.length, nullptr, e.seq);
+      c.store.rollback();
+      if (reason != 0 && reason != KXRC_TRUNCATED_MSG_ACCEPTED) return reason;
     }
     o.cursor = e.seq;
     ++o.aheadPos;
@@ -462,19 +547,21 @@ KXLONG browseAhead(Connection& c, Object& o, const GetArgs& a, int64_t after) {
 KXLONG browseMatching(Connection& c, Object& o, const GetArgs& a, int64_t after) {
   sqlite3_stmt* s = c.store.next;
   Use use(s);
-  bool accept = a.gmo->Options & KXGMO_ACCEPT_TRUNCATED_MSG;
   sqlite3_bind_int64(s, 1, o.qid);
   sqlite3_bind_int64(s, 2, after);
-  sqlite3_bind_int64(s, 3, accept ? INT64_MAX : a.bufferLength);
+  sqlite3_bind_int64(s, 3, inlineLimit(a));
   bindMatch(s, a);
   sqlite3_bind_int(s, 6, 1);
   int rc = sqlite3_step(s);
   if (rc == SQLITE_DONE) return KXRC_NO_MSG_AVAILABLE;
   if (rc != SQLITE_ROW) return reasonOf(rc);
   if (sqlite3_column_bytes(s, 1) != kMdLength) return KXRC_UNEXPECTED_ERROR;
-  KXLONG reason =
-      deliver(a, sqlite3_column_blob(s, 1), sqlite3_column_int64(s, 2), sqlite3_column_blob(s, 3));
-  if (reason != KXRC_TRUNCATED_MSG_FAILED) o.cursor = sqlite3_column_int64(s, 0);
+  // The statement keeps its read transaction open, so a big message is read from the same view.
+  int64_t seq = sqlite3_column_int64(s, 0);
+  KXLONG reason = deliver(
+      c.store, a, sqlite3_column_blob(s, 1), sqlite3_column_int64(s, 2),
+      sqlite3_column_type(s, 3) == SQLITE_NULL ? nullptr : sqlite3_column_blob(s, 3), seq);
+  if (reason == 0 || reason == KXRC_TRUNCATED_MSG_ACCEPTED) o.cursor = seq;
   return reason;
 }
 
@@ -498,6 +585,8 @@ KXLONG putMessage(Connection& c, Object& o, KXMD* md, KXPMO* pmo, KXLONG length,
     stampPutTime(*md);
   }
   const uint8_t* mdBytes = reinterpret_cast<const uint8_t*>(md);
+  if ((opts & KXPMO_SYNCPOINT) && length > kBlobIoFrom)
+    return putPendingNow(c, o.qid, mdBytes, buffer, length);
   if (opts & KXPMO_SYNCPOINT) {
     PendingPut p;
     p.qid = o.qid;

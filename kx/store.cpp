@@ -234,7 +234,7 @@ int32_t Store::open(const std::string& qmgr, std::string& why) {
     const char* sql;
   } stmts[] = {
       {&next, next_sql},
-      {&dataOf, "SELECT data FROM messages WHERE seq = ?1 AND state = 0"},
+      {&dataOf, "SELECT length(data) FROM messages WHERE seq = ?1 AND state = 0"},
       {&insert,
        "INSERT INTO messages(qid, state, owner, msgid, correlid, md, data)"
        " SELECT ?1, ?2, ?3, ?4, ?5, ?6, ?7 WHERE EXISTS(SELECT 1 FROM queues WHERE id = ?1)"},

@@ -85,7 +85,7 @@ class Store {
   // seq, md, length(data), data when length(data) <= ?3 -- of queue ?1 after seq ?2, visible,
   // matching MsgId ?4 and CorrelId ?5 when these are bound, at most ?6 rows.
   sqlite3_stmt* next = nullptr;
-  sqlite3_stmt* dataOf = nullptr;     // data of visible message ?1
+  sqlite3_stmt* dataOf = nullptr;     // length of the data of visible message ?1
   sqlite3_stmt* insert = nullptr;     // ?1 qid ?2 state ?3 owner ?4 msgid ?5 correlid ?6 md ?7 data
   sqlite3_stmt* remove = nullptr;     // delete message ?1
   sqlite3_stmt* mark = nullptr;       // message ?1 got under syncpoint by owner ?2

@@ -38,6 +38,9 @@ constexpr int kOwnerTtlMs = 120000;
 constexpr int kFirstBatch = 32;
 constexpr int kLastBatch = 512;
 constexpr int kBatchByteCap = 4 << 20;
+// Browse batches carry the data of messages up to this long; a longer message comes as its
+// length, and its data is fetched when it is handed out, only when the caller's buffer takes it.
+constexpr int kBatchDataLimit = 64 * 1024;
 // A wait blocks on the server in slices of at most this long, then looks again.
 constexpr int kWaitSliceMs = 1000;
 // A browse that could not listen for changes reads without read-ahead; it tries to listen
@@ -190,7 +193,7 @@ KXLONG deliver(const GetArgs& a, std::string_view md, int64_t length, const char
     return KXRC_TRUNCATED_MSG_FAILED;
   }
   int64_t n = std::min<int64_t>(length, a.bufferLength);
-  if (n > 0) memcpy(a.buffer, data, size_t(n));
+  if (n > 0 && data) memcpy(a.buffer, data, size_t(n));
   a.gmo->ReturnedLength = KXLONG(n);
   return n < length ? KXRC_TRUNCATED_MSG_ACCEPTED : 0;
 }
@@ -255,20 +258,54 @@ KXLONG fetchBatch(Connection& c, Object& o, const std::string& from, bool ahead 
   std::string start = from.empty() ? "-" : "(" + from;
   std::string count = std::to_string(ahead ? o.batchSize : 1);
   std::string cap = std::to_string(kBatchByteCap);
+  std::string limit = std::to_string(kBatchDataLimit);
   std::string owners = c.prefix + "owners";
   o.batch.reset();
   Reply r = evalScript(c.link, c.browse, {o.keys.q, o.keys.gl, o.keys.pl, owners, o.keys.z},
-                       {start, count, cap});
+                       {start, count, cap, limit});
   if (!r || r->type != REDIS_REPLY_ARRAY || r->elements < 1 || (r->elements - 1) % 3 != 0)
     return failureOf(r);
-  for (size_t i = 1; i < r->elements; i += 3)
+  for (size_t i = 1; i < r->elements; i += 3) {
     if (text(r->element[i + 1]).size() != size_t(kMdLength)) return KXRC_UNEXPECTED_ERROR;
+    redisReply* d = r->element[i + 2];
+    if (d->type != REDIS_REPLY_STRING && (d->type != REDIS_REPLY_INTEGER || d->integer < 0))
+      return KXRC_UNEXPECTED_ERROR;
+  }
   std::string_view last = text(r->element[0]);
   if (!last.empty()) o.scanEnd = last;
   o.batch = std::move(r);
   o.pos = 1;
   o.batchSize = std::min(o.batchSize * 2, kLastBatch);
   return 0;
+}
+
+// The reason a browse gets when a message of its batch has gone before its data was fetched.
+constexpr KXLONG kGone = -1;
+
+// Hands out the browse batch entry {id, md, data or length}. A long message's data is fetched
+// now, once, and only when the caller's buffer takes some of it. Returns deliver's reason, a
+// failure, or kGone.
+KXLONG deliverEntry(Connection& c, Object& o, const GetArgs& a, redisReply** e) {
+  if (e[2]->type == REDIS_REPLY_STRING)
+    return deliver(a, text(e[1]), int64_t(e[2]->len), e[2]->str);
+  int64_t length = e[2]->integer;
+  if ((length > a.bufferLength && !(a.gmo->Options & KXGMO_ACCEPT_TRUNCATED_MSG)) ||
+      a.bufferLength == 0)
+    return deliver(a, text(e[1]), length, nullptr);
+  Reply r = c.link.command({"XRANGE", o.keys.q, text(e[0]), text(e[0])});
+  if (!r || r->type != REDIS_REPLY_ARRAY) return failureOf(r);
+  if (r->elements == 0) return kGone;
+  redisReply* entry = r->element[0];
+  if (entry->type != REDIS_REPLY_ARRAY || entry->elements != 2 ||
+      entry->element[1]->type != REDIS_REPLY_ARRAY)
+    return KXRC_UNEXPECTED_ERROR;
+  redisReply* f = entry->element[1];
+  for (size_t i = 0; i + 1 < f->elements; i += 2) {
+    if (text(f->element[i]) != "data") continue;
+    if (int64_t(f->element[i + 1]->len) != length) return kGone;
+    return deliver(a, text(e[1]), length, f->element[i + 1]->str);
+  }
+  return KXRC_UNEXPECTED_ERROR;
 }
 
 // Browse without match options: the next message of the batch, reading batches as needed.
@@ -284,8 +321,15 @@ KXLONG browseNext(Connection& c, Object& o, const GetArgs& a) {
   for (;;) {
     if (o.pos + 2 < o.batch->elements) {
       redisReply** e = o.batch->element + o.pos;
-      KXLONG reason = deliver(a, text(e[1]), int64_t(e[2]->len), e[2]->str);
-      if (reason == KXRC_TRUNCATED_MSG_FAILED) return reason;
+      KXLONG reason = deliverEntry(c, o, a, e);
+      if (reason == kGone) {
+        // The batch is stale: read again from the cursor.
+        o.scanEnd = o.cursor;
+        if (KXLONG r = fetchBatch(c, o, o.cursor, ahead)) return r;
+        fetched = true;
+        continue;
+      }
+      if (reason != 0 && reason != KXRC_TRUNCATED_MSG_ACCEPTED) return reason;
       o.cursor = text(e[0]);
       o.pos += 3;
       return reason;
@@ -307,9 +351,9 @@ KXLONG browseMatching(Connection& c, Object& o, const GetArgs& a) {
     redisReply* b = o.batch.get();
     for (size_t i = 1; i + 2 < b->elements; i += 3) {
       if (!matches(a, text(b->element[i + 1]))) continue;
-      KXLONG reason = deliver(a, text(b->element[i + 1]), int64_t(b->element[i + 2]->len),
-                              b->element[i + 2]->str);
-      if (reason != KXRC_TRUNCATED_MSG_FAILED) o.cursor = text(b->element[i]);
+      KXLONG reason = deliverEntry(c, o, a, b->element + i);
+      if (reason == kGone) continue;  // taken meanwhile: look further
+      if (reason == 0 || reason == KXRC_TRUNCATED_MSG_ACCEPTED) o.cursor = text(b->element[i]);
       o.batch.reset();  // the next plain browse reads again from the cursor
       return reason;
     }

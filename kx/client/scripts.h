@@ -182,12 +182,14 @@ inline constexpr const char* kGetScript = KXIC_LUA_COMMON
     "return {0, top[1] and top[1][1] or '0-0', wtop[1] and wtop[1][1] or '0-0'}\n";
 
 // Browse batch: visible messages after a start id, up to a count and about a byte cap (at
-// least one message).
-// KEYS: q, gl, pl, owners, z. ARGV: start ('-' or '(' id), count, cap.
-// Reply: {last id scanned or '', id1, md1, data1, id2, ...}.
+// least one message). A message longer than the limit comes as its length in place of its data,
+// so that a browse learns the length of a big message without fetching it, and fetches it
+// once, when it is handed out.
+// KEYS: q, gl, pl, owners, z. ARGV: start ('-' or '(' id), count, cap, limit.
+// Reply: {last id scanned or '', id1, md1, data1 or length1, id2, ...}.
 inline constexpr const char* kBrowseScript = KXIC_LUA_COMMON
     "local q, gl, pl, owners = KEYS[1], KEYS[2], KEYS[3], KEYS[4]\n"
-    "local cap = tonumber(ARGV[3])\n"
+    "local cap, limit = tonumber(ARGV[3]), tonumber(ARGV[4])\n"
     "local count = math.min(tonumber(ARGV[2]), room(KEYS[5], cap))\n"
     "local locks = redis.call('HLEN', gl) + redis.call('HLEN', pl)\n"
     "local glt, plt = lock_table(gl, locks), lock_table(pl, locks)\n"
@@ -210,11 +212,15 @@ inline constexpr const char* kBrowseScript = KXIC_LUA_COMMON
     "    if not md or not data then show = false end\n"
     "  end\n"
     "  if show then\n"
-    "    if #out > 1 and total + #data > cap then break end\n"
-    "    total = total + #data\n"
+    "    local long = #data > limit\n"
+    "    if #out > 1 and not long and total + #data > cap then break end\n"
     "    out[#out + 1] = id\n"
     "    out[#out + 1] = md\n"
-    "    out[#out + 1] = data\n"
+    "    if long then out[#out + 1] = #data\n"
+    "    else\n"
+    "      total = total + #data\n"
+    "      out[#out + 1] = data\n"
+    "    end\n"
     "  end\n"
     "  last = id\n"
     "end\n"

@@ -184,6 +184,32 @@ TEST_F(ReadLoopTest, BufferGrowsOnlyForMessagesThatDoNotFit) {
                        textMsg(3, std::string(4096, 'c')));
 }
 
+// A message far beyond the first buffer (one the loop takes into huge pages), between small
+// ones, browsed and then drained: printed whole each time, taken with two gets.
+TEST_F(ReadLoopTest, ABigMessageIsPrintedWholeBetweenSmallOnes) {
+  std::string big;
+  for (int i = 0; big.size() < (9u << 20); ++i)
+    big += "line " + std::to_string(i) + " of a big text\n";
+  put("before");
+  put(big);
+  put("after");
+  const std::string want = textMsg(1, "before") + textMsg(2, big) + textMsg(3, "after");
+  const std::string log = dir_ + "/gets.log";
+  const std::string n = std::to_string(big.size());
+  RunResult r = run({"Q1", "QM1"}, {"LD_LIBRARY_PATH=" KXSHIM_DIR, "KXSHIM_LOG=" + log});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(readFile(log), "KXGET 4096 0 0 6\n"
+                           "KXGET 4096 2 2080 " + n + "\n"
+                           "KXGET " + n + " 0 0 " + n + "\n"
+                           "KXGET " + n + " 0 0 5\n"
+                           "KXGET " + n + " 2 2033 0\n");
+  EXPECT_TRUE(r.out == want) << "browse output differs";
+  r = run({"Q1", "QM1", "-delmsg"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_TRUE(r.out == want) << "drain output differs";
+  EXPECT_EQ(depth(), 0);
+}
+
 TEST_F(ReadLoopTest, ZeroLengthUnknownFormatAndText) {
   put("", KXFMT_COMPACT);
   put("", "WHATEVER");

@@ -22,3 +22,61 @@ TEST_F(KxicTest, AnExpiredUnitOfWorkIsBackedOutAndItsCommitSaysSo) {
   EXPECT_EQ(r.rc, KXRC_BACKED_OUT);
   disconnect(h);
 }
+
+namespace {
+
+// Bytes the server of KXSERVER has sent to its clients so far.
+long long serverOutputBytes() {
+  const char* server = getenv("KXSERVER");
+  std::string addr = server ? server : "127.0.0.1:6379";
+  size_t colon = addr.rfind(':');
+  std::string cmd = "redis-cli -h " + addr.substr(0, colon) + " -p " + addr.substr(colon + 1) +
+                    " info stats 2>/dev/null";
+  FILE* p = popen(cmd.c_str(), "r");
+  if (!p) return -1;
+  long long bytes = -1;
+  char line[256];
+  while (fgets(line, sizeof line, p))
+    if (sscanf(line, "total_net_output_bytes:%lld", &bytes) == 1) break;
+  while (fgets(line, sizeof line, p)) {
+  }
+  pclose(p);
+  return bytes;
+}
+
+}  // namespace
+
+// A big message crosses the network once: the get that finds the buffer too small learns the
+// length without the data, and the get that follows brings the data.
+TEST_F(KxicTest, ABigMessageIsFetchedOnceAfterATooSmallGet) {
+  constexpr long long kSlack = 64 << 10;  // commands, replies and descriptors around the data
+  KXHCONN h = connect(qmgr_);
+  KXHOBJ o = open(h, "Q1", KXOO_OUTPUT | KXOO_BROWSE | KXOO_INPUT_SHARED);
+  ASSERT_GE(serverOutputBytes(), 0) << "redis-cli cannot reach the server";
+  struct Row {
+    long long size;
+    KXLONG options;
+  };
+  for (Row row : {Row{4 << 20, KXGMO_BROWSE_NEXT}, Row{4 << 20, KXGMO_NO_SYNCPOINT},
+                  Row{9 << 20, KXGMO_BROWSE_NEXT}}) {
+    const long long size = row.size;
+    const KXLONG options = row.options;
+    ASSERT_EQ(put(h, o, std::string(size_t(size), 'x')).cc, KXCC_OK);
+    long long before = serverOutputBytes();
+    Got g = get(h, o, options, 4096);
+    EXPECT_EQ(g.r.rc, KXRC_TRUNCATED_MSG_FAILED);
+    EXPECT_EQ(g.dataLength, size);
+    long long learned = serverOutputBytes();
+    EXPECT_LT(learned - before, kSlack) << "options " << options;
+    g = get(h, o, options, KXLONG(size));
+    EXPECT_EQ(g.r.cc, KXCC_OK);
+    EXPECT_EQ(g.data.size(), size_t(size));
+    long long got = serverOutputBytes() - learned;
+    EXPECT_GE(got, size);
+    EXPECT_LT(got, size + kSlack) << "options " << options;
+    if (options & KXGMO_BROWSE_NEXT) {
+      ASSERT_EQ(get(h, o, 0, KXLONG(size)).r.cc, KXCC_OK);
+    }
+  }
+  disconnect(h);
+}

@@ -247,6 +247,116 @@ TEST_F(QmgrTest, LargeMessagesAmongSmallOnesComeBackWhole) {
   disconnect(h);
 }
 
+// A message of n bytes in which every position holds a different pattern, so that a byte read
+// from the wrong offset shows.
+std::string patterned(size_t n, unsigned seed) {
+  std::string s(n, '\0');
+  uint32_t x = seed * 2654435761u + 1;
+  for (size_t i = 0; i < n; ++i) {
+    x = x * 1103515245u + 12345u;
+    s[i] = char(x >> 24);
+  }
+  return s;
+}
+
+// How a reader takes one message, the way the formatter does: a get with its first buffer; on
+// 2080 the length is checked, the message must still be there, and the get is repeated with a
+// buffer of exactly that length.
+struct Reader {
+  const char* name;
+  KXLONG options;      // browse-next or a destructive get, with or without syncpoint
+  KXLONG matchOptions;  // match the MsgId as put
+};
+
+constexpr KXLONG kFirstBuffer = 4096;
+// Lengths around the first buffer, around what a get reads along with the descriptor and a
+// browse batch holds, and well beyond.
+constexpr size_t kBigLengths[] = {0,     1,      4095,    4096,          4097,         65535,
+                                  65536, 65537,  200000,  (1 << 20) + 3, (4 << 20) + 1};
+
+class BigMessageTest : public QmgrTest, public ::testing::WithParamInterface<Reader> {};
+
+TEST_P(BigMessageTest, ComeBackWholeAfterOneTooSmallGet) {
+  const Reader& rd = GetParam();
+  KXHCONN h = connect(qmgr_);
+  KXHOBJ o = open(h, "Q1", KXOO_OUTPUT | KXOO_BROWSE | KXOO_INPUT_SHARED);
+  KXHOBJ side = open(h, "Q1", KXOO_BROWSE);
+  std::vector<std::string> sent;
+  std::vector<KXMD> mds;
+  for (size_t n : kBigLengths) {
+    sent.push_back(patterned(n, unsigned(sent.size())));
+    KXMD md = KXMD_DEFAULT;
+    ASSERT_EQ(put(h, o, sent.back(), 0, &md).cc, KXCC_OK) << n;
+    mds.push_back(md);
+  }
+  bool browse = rd.options & KXGMO_BROWSE_NEXT;
+  for (size_t i = 0; i < sent.size(); ++i) {
+    const std::string& want = sent[i];
+    KXLONG size = KXLONG(want.size());
+    const KXMD* match = rd.matchOptions ? &mds[i] : nullptr;
+    // A second handle browses along, one byte short and accepting truncation: the first bytes,
+    // the whole length and a warning.
+    Got t = get(h, side, KXGMO_BROWSE_NEXT | KXGMO_ACCEPT_TRUNCATED_MSG,
+                std::max<KXLONG>(size - 1, 0));
+    EXPECT_EQ(t.r.rc, size ? KXRC_TRUNCATED_MSG_ACCEPTED : 0) << size;
+    EXPECT_EQ(t.dataLength, size);
+    EXPECT_TRUE(t.data == want.substr(0, std::max<size_t>(want.size(), 1) - 1)) << size;
+    Got g = get(h, o, rd.options, kFirstBuffer, 0, match, rd.matchOptions);
+    if (size > kFirstBuffer) {
+      ASSERT_EQ(g.r.cc, KXCC_FAILED) << size;
+      ASSERT_EQ(g.r.rc, KXRC_TRUNCATED_MSG_FAILED) << size;
+      EXPECT_EQ(g.dataLength, size);
+      EXPECT_EQ(memcmp(g.md.MsgId, mds[i].MsgId, sizeof g.md.MsgId), 0) << size;
+      // Still there: messages got under syncpoint count in the depth until the commit.
+      bool kept = browse || (rd.options & KXGMO_SYNCPOINT);
+      EXPECT_EQ(depth(h, "Q1"), KXLONG(sent.size() - (kept ? 0 : i))) << size;
+      g = get(h, o, rd.options, size, 0, match, rd.matchOptions);
+    }
+    ASSERT_EQ(g.r.cc, KXCC_OK) << size << " reason " << g.r.rc;
+    EXPECT_EQ(g.dataLength, size);
+    ASSERT_EQ(g.data.size(), want.size());
+    EXPECT_TRUE(g.data == want) << "data of the message of " << size << " bytes differ";
+  }
+  if (rd.options & KXGMO_SYNCPOINT) {
+    EXPECT_EQ(depth(h, "Q1"), KXLONG(sent.size()));
+    EXPECT_EQ(commit(h).cc, KXCC_OK);
+  }
+  EXPECT_EQ(depth(h, "Q1"), browse ? KXLONG(sent.size()) : 0);
+  disconnect(h);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Readers, BigMessageTest,
+    ::testing::Values(Reader{"Browse", KXGMO_BROWSE_NEXT, KXMO_NONE},
+                      Reader{"BrowseByMsgId", KXGMO_BROWSE_NEXT, KXMO_MATCH_MSG_ID},
+                      Reader{"Get", KXGMO_NO_SYNCPOINT, KXMO_NONE},
+                      Reader{"GetByMsgId", KXGMO_NO_SYNCPOINT, KXMO_MATCH_MSG_ID},
+                      Reader{"GetUnderSyncpoint", KXGMO_SYNCPOINT, KXMO_NONE}),
+    [](const ::testing::TestParamInfo<Reader>& info) { return std::string(info.param.name); });
+
+// Puts under syncpoint, big and small mixed: hidden until the commit, then in their order, byte
+// for byte; a back-out leaves nothing.
+TEST_F(QmgrTest, BigSyncpointPutsKeepTheirOrderAndBackOutWhole) {
+  KXHCONN h = connect(qmgr_);
+  KXHOBJ o = open(h, "Q1", KXOO_OUTPUT | KXOO_BROWSE | KXOO_INPUT_SHARED);
+  std::vector<std::string> sent;
+  for (size_t n : {size_t(10), size_t(300000), size_t(20), size_t(65537), size_t(2 << 20)})
+    sent.push_back(patterned(n, unsigned(n)));
+  for (const std::string& d : sent) ASSERT_EQ(put(h, o, d, KXPMO_SYNCPOINT).cc, KXCC_OK);
+  EXPECT_EQ(depth(h, "Q1"), 0);
+  EXPECT_EQ(backOut(h).cc, KXCC_OK);
+  EXPECT_EQ(depth(h, "Q1"), 0);
+  for (const std::string& d : sent) ASSERT_EQ(put(h, o, d, KXPMO_SYNCPOINT).cc, KXCC_OK);
+  EXPECT_EQ(commit(h).cc, KXCC_OK);
+  ASSERT_EQ(depth(h, "Q1"), KXLONG(sent.size()));
+  for (const std::string& d : sent) {
+    Got g = get(h, o, 0, 4 << 20);
+    ASSERT_EQ(g.r.cc, KXCC_OK) << d.size();
+    EXPECT_TRUE(g.data == d) << d.size();
+  }
+  disconnect(h);
+}
+
 TEST_F(QmgrTest, WaitReturnsAMessagePutLaterOrTimesOut) {
   KXHCONN h = connect(qmgr_);
   KXHOBJ o = open(h, "Q1", KXOO_INPUT_SHARED | KXOO_BROWSE);
