@@ -18,7 +18,7 @@ trap 'rm -rf "$work"' EXIT
 export KX_DATA_PATH=$work/data HOME=$work/home
 unset RPLUSEKXCLIENT KXCLIENTCONF KXSERVER
 mkdir -p "$HOME" "$work/cwd/outdir" && touch "$work/cwd/one.msg" "$work/cwd/two.msg"
-cd "$work/cwd"
+cd "$work/cwd" || exit 1
 for cmd in "create-qmgr QM1" "create-qmgr QM2" "create-queue QM1 RECVQ" "create-queue QM1 SENDQ" \
   "create-queue QM1 ADMINQ" "create-queue QM2 OTHER.Q"; do
   "$kxq" $cmd >/dev/null || { echo "setup failed: kxq $cmd"; exit 1; }
