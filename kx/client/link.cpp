@@ -842,6 +842,7 @@ Reply Link::run(const std::vector<std::string_view>& args, int extraMs, const ch
       pauseMs = std::min(pauseMs * 2, 50);
       target = &node_;
       asking = false;
+      redirects = 0;  // the time limit bounds this loop; MOVED and ASK count afresh
       continue;
     }
     if (scriptText && !loaded && startsWith(s, "NOSCRIPT")) {

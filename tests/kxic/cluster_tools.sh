@@ -75,6 +75,10 @@ while :; do
   moved=$((moved + 1))
   sleep 0.05
 done
+# Every key has moved but the slot is still migrating: commands are sent on with ASK and
+# answered TRYAGAIN (their keys that do not exist count as not moved) until the slot is handed
+# over. Long enough for many such rounds.
+sleep 1
 for p in "${ports[@]}"; do
   redis-cli -p "$p" cluster setslot "$slot" node "$dstid" >/dev/null
 done
