@@ -602,7 +602,8 @@ bool Wire::sendAll(const std::string& bytes, int64_t deadline) {
   while (done < bytes.size()) {
     if (ssl) {
       ERR_clear_error();
-      int n = SSL_write(ssl, bytes.data() + done, int(std::min<size_t>(bytes.size() - done, 1 << 30)));
+      size_t chunk = std::min<size_t>(bytes.size() - done, 1 << 30);
+      int n = SSL_write(ssl, bytes.data() + done, int(chunk));
       if (n > 0) {
         done += size_t(n);
         continue;
@@ -758,7 +759,7 @@ bool Wire::drain(std::vector<Reply>& out) {
   }
 }
 
-// ---- The connection to a queue manager, across a cluster's nodes ---------------------------------
+// ---- The connection to a queue manager, across a cluster's nodes ------------------------------
 
 int32_t Link::open(const ServerAddress& addr, std::string& why) {
   close();

@@ -15,7 +15,7 @@ namespace {
 // The reason of a TLS failure: the connect is not worth retrying.
 constexpr int32_t kReasonTlsFailed = 2397;
 
-const char* const kTlsVariables[] = {"KXSERVER", "KXTLS",           "KXTLSCA",    "KXTLSCERT",
+const char* const kTlsVariables[] = {"KXSERVER", "KXTLS",           "KXTLSCA",     "KXTLSCERT",
                                      "KXTLSKEY", "KXTLSSERVERNAME", "KXCLIENTCONF"};
 
 // Puts the KX* variables back as they were when it was made.
@@ -106,16 +106,43 @@ TEST_F(KxicTls, EachRefusalComesAtOnceWithItsOwnWords) {
   };
   const Row rows[] = {
       {"the client's CA and certificate", {"tls"}, 0, ""},
-      {"the name localhost, also in the certificate", {"tls", "1", "ca.crt", "client.crt", "client.key", "localhost"}, 0, ""},
-      {"a server certificate from another CA", {"tls", "1", "other-ca.crt"}, kReasonTlsFailed, "does not verify"},
-      {"another name than the certificate's", {"tls", "1", "ca.crt", "client.crt", "client.key", "db.example"}, kReasonTlsFailed, "does not name \"db.example\""},
+      {"the name localhost, also in the certificate",
+       {"tls", "1", "ca.crt", "client.crt", "client.key", "localhost"},
+       0,
+       ""},
+      {"a server certificate from another CA",
+       {"tls", "1", "other-ca.crt"},
+       kReasonTlsFailed,
+       "does not verify"},
+      {"another name than the certificate's",
+       {"tls", "1", "ca.crt", "client.crt", "client.key", "db.example"},
+       kReasonTlsFailed,
+       "does not name \"db.example\""},
       {"a plain-text server behind tls", {"plain"}, kReasonTlsFailed, "answered in plain text"},
-      {"a TLS server reached without tls", {"tls", "-", "-", "-", "-"}, kReasonTlsFailed, "speaks TLS but TLS is not asked for"},
-      {"no client certificate", {"tls", "1", "ca.crt", "-", "-"}, kReasonTlsFailed, "refused the TLS session"},
-      {"a client certificate from another CA", {"tls", "1", "ca.crt", "other-client.crt", "other-client.key"}, kReasonTlsFailed, "refused the TLS session"},
-      {"a CA file that is not there", {"tls", "1", "missing.crt"}, kReasonTlsFailed, "cannot read the CA certificates"},
-      {"a key that is not the certificate's", {"tls", "1", "ca.crt", "client.crt", "other-client.key"}, kReasonTlsFailed, "cannot use the client key"},
-      {"TLS options without KXTLS", {"tls", "-", "ca.crt", "-", "-"}, KXRC_Q_MGR_NAME_ERROR, "set KXTLS=1"},
+      {"a TLS server reached without tls",
+       {"tls", "-", "-", "-", "-"},
+       kReasonTlsFailed,
+       "speaks TLS but TLS is not asked for"},
+      {"no client certificate",
+       {"tls", "1", "ca.crt", "-", "-"},
+       kReasonTlsFailed,
+       "refused the TLS session"},
+      {"a client certificate from another CA",
+       {"tls", "1", "ca.crt", "other-client.crt", "other-client.key"},
+       kReasonTlsFailed,
+       "refused the TLS session"},
+      {"a CA file that is not there",
+       {"tls", "1", "missing.crt"},
+       kReasonTlsFailed,
+       "cannot read the CA certificates"},
+      {"a key that is not the certificate's",
+       {"tls", "1", "ca.crt", "client.crt", "other-client.key"},
+       kReasonTlsFailed,
+       "cannot use the client key"},
+      {"TLS options without KXTLS",
+       {"tls", "-", "ca.crt", "-", "-"},
+       KXRC_Q_MGR_NAME_ERROR,
+       "set KXTLS=1"},
       {"KXTLS neither 0 nor 1", {"tls", "yes"}, KXRC_Q_MGR_NAME_ERROR, "is not 1"},
   };
   for (const Row& row : rows) {
@@ -143,10 +170,16 @@ TEST_F(KxicTls, TheConfigurationLineCarriesTheTlsOptions) {
     const char* words;
   };
   const Row rows[] = {
-      {"every option", "tls ca=" + d + "ca.crt cert=" + d + "client.crt key=" + d + "client.key servername=localhost", 0, ""},
+      {"every option",
+       "tls ca=" + d + "ca.crt cert=" + d + "client.crt key=" + d +
+           "client.key servername=localhost",
+       0, ""},
       {"the key in the certificate's file", "tls ca=" + d + "ca.crt cert=" + d + "both.pem", 0, ""},
-      {"insecure takes any server certificate", "tls insecure cert=" + d + "client.crt key=" + d + "client.key", 0, ""},
-      {"the system's store does not know the test CA", "tls cert=" + d + "client.crt key=" + d + "client.key", kReasonTlsFailed, "the system's store"},
+      {"insecure takes any server certificate",
+       "tls insecure cert=" + d + "client.crt key=" + d + "client.key", 0, ""},
+      {"the system's store does not know the test CA",
+       "tls cert=" + d + "client.crt key=" + d + "client.key", kReasonTlsFailed,
+       "the system's store"},
       {"ca= without tls", "ca=" + d + "ca.crt", KXRC_Q_MGR_NAME_ERROR, "add tls"},
       {"an empty servername", "tls servername=", KXRC_Q_MGR_NAME_ERROR, "unknown option"},
   };
