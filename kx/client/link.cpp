@@ -643,7 +643,17 @@ int Wire::readSome(int64_t deadline, bool wait) {
       ERR_clear_error();
       int r = SSL_read(ssl, buf, sizeof buf);
       if (r > 0) {
+        // A record holds at most 16 KiB: take in the ones already decrypted or waiting on
+        // the socket too, so that a long reply reaches the parser in few pieces.
         n = r;
+        while (size_t(n) < sizeof buf) {
+          int more = SSL_read(ssl, buf + n, int(sizeof buf - size_t(n)));
+          if (more <= 0) {
+            ERR_clear_error();  // WANT_READ, or a failure the next read reports again
+            break;
+          }
+          n += more;
+        }
       } else {
         int err = SSL_get_error(ssl, r);
         if (err == SSL_ERROR_WANT_READ || err == SSL_ERROR_WANT_WRITE) {
