@@ -3,6 +3,8 @@
 //
 //   kxic_bench [COUNT [SIZE]]        (default 100000 messages of 1024 bytes; server: KXSERVER)
 //
+// Over TLS (KXTLS=1) the figures are named with "_tls" after them.
+//
 // Prints one line per figure for people and one "BENCH kxic.<name> msgs_per_s=<n>" line for
 // tools.
 #include <stdlib.h>
@@ -26,8 +28,11 @@ double seconds(std::chrono::steady_clock::time_point since) {
 
 void line(const char* what, const char* name, long count, double secs) {
   double rate = secs > 0 ? double(count) / secs : 0.0;
-  printf("kxic %-22s %8ld msgs in %7.3f s = %9.0f msg/s\n", what, count, secs, rate);
-  printf("BENCH kxic.%s msgs_per_s=%.0f\n", name, rate);
+  const char* tls = getenv("KXTLS");
+  bool overTls = tls && strcmp(tls, "1") == 0;
+  std::string label = std::string(what) + (overTls ? ", TLS" : "");
+  printf("kxic %-22s %8ld msgs in %7.3f s = %9.0f msg/s\n", label.c_str(), count, secs, rate);
+  printf("BENCH kxic.%s%s msgs_per_s=%.0f\n", name, overTls ? "_tls" : "", rate);
   fflush(stdout);
 }
 

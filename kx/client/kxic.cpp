@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -479,6 +480,17 @@ KXLONG openQueue(Connection& c, KXOD* od, KXLONG options, KXHOBJ* hobj) {
 
 // ---- Connecting ---------------------------------------------------------------------------------
 
+// Says on standard error why a connect failed; a caller retrying gets the same words once.
+void sayWhy(const std::string& qmgr, const std::string& why) {
+  static std::mutex m;
+  static std::string last;
+  std::string line = "kxic: queue manager " + qmgr + ": " + why + "\n";
+  std::lock_guard<std::mutex> lock(m);
+  if (line == last) return;
+  last = line;
+  fputs(line.c_str(), stderr);
+}
+
 KXLONG connect(KXCHAR* name, KXHCONN* hconn) {
   if (!hconn) return KXRC_HCONN_ERROR;
   std::string qmgr = fieldName(name, kNameLength);
@@ -501,8 +513,8 @@ KXLONG connect(KXCHAR* name, KXHCONN* hconn) {
   auto c = std::make_shared<Connection>();
   ServerAddress addr;
   std::string why;
-  if (KXLONG r = resolveServer(qmgr, addr, why)) return r;
-  if (KXLONG r = c->link.open(addr, why)) return r;
+  if (KXLONG r = resolveServer(qmgr, addr, why)) return sayWhy(qmgr, why), r;
+  if (KXLONG r = c->link.open(addr, why)) return sayWhy(qmgr, why), r;
   c->pid = getpid();
   c->thread = std::this_thread::get_id();
   c->qmgr = qmgr;
