@@ -310,6 +310,7 @@ KXLONG commitWork(Connection& c) {
     if (r != KXRC_RESOURCE_PROBLEM) break;
     if (!c.pending.empty() || c.dbPuts || !relieve(c)) return r;
   }
+  if (rc != SQLITE_OK && reasonOf(rc) == KXRC_RESOURCE_PROBLEM) return KXRC_RESOURCE_PROBLEM;
   if (rc != SQLITE_OK) {
     KXLONG r = reasonOf(rc);
     std::string cause = gLastFailure;
