@@ -522,6 +522,11 @@ TEST_F(QmgrTest, TheUnitOfWorkOfAKilledProcessIsBackedOut) {
                               return takeAll(c, open(c, "Q1", KXOO_BROWSE), KXGMO_BROWSE_NEXT);
                             }),
             kAllFour);
+  // A get of a process that died counts as a back-out.
+  Got first = get(h, o, KXGMO_SYNCPOINT);
+  EXPECT_EQ(first.data, numbered(0));
+  EXPECT_EQ(first.md.BackoutCount, 1);
+  EXPECT_EQ(backOut(h).cc, KXCC_OK);
   EXPECT_EQ(takeAll(h, o), kAllFour);
   disconnect(h);
 }
