@@ -396,8 +396,9 @@ int cmdClear(const Args& a) {
     KXGET(c.hconn, h, &md, &gmo, 0, nullptr, &length, &cc, &rc);
     if (rc == KXRC_NO_MSG_AVAILABLE) break;
     if (cc == KXCC_FAILED) {
+      int e = failCall("get", "queue " + a[1], cc, rc);  // while the cause is known
       backOut(c);
-      return failCall("get", "queue " + a[1], cc, rc);
+      return e;
     }
     if (++removed % kCommitEvery == 0) {
       if (int e = commit(c, a[1])) return e;
