@@ -5,10 +5,11 @@
 //   kx_crash_run [--writers N] [--drainers N] [--kills N] [--qmgr NAME]
 //
 // Writers put one message under syncpoint and commit it; each commit that returned OK is an
-// acknowledged message. Drainers get under syncpoint, record the message as taken, commit, and
-// record the commit when it returned OK; a drainer killed between the two records leaves its
-// last message in doubt (committed or backed out), and only that one. Every child writes its records into a file of its own, one fixed-length record per
-// write, so a kill loses at most the record of the step it was in. The parent kills a random
+// acknowledged message, recorded in a file of the writer's own (one fixed-length record per
+// write, so a kill loses at most the record of the step it was in: a message committed but not
+// recorded is simply not counted as acknowledged). Drainers get a message under syncpoint and
+// put its id on a receipt queue in the same unit of work, then commit: the receipts are exactly
+// the gets that were committed, whenever a drainer was killed. The parent kills a random
 // writer and a random drainer `--kills` times each and starts a new one in its place, then
 // stops the writers, lets the drainers empty the queue, and reads what is left on the queue and
 // on the dead-letter queue. Exit status 0 when no acknowledged message was lost and none was
@@ -36,6 +37,7 @@ namespace {
 
 constexpr size_t kRecord = 32;  // "A w03g0012-000123" padded with blanks, newline at the end
 constexpr const char* kQueue = "CRASHQ";
+constexpr const char* kReceipts = "RECEIPTQ";
 constexpr const char* kDeadLetter = "KX.DEAD.LETTER";
 
 std::string gDir;
@@ -104,12 +106,11 @@ KXHOBJ openOrDie(KXHCONN h, const char* queue, KXLONG options) {
   _exit(0);
 }
 
-// Gets and commits until the queue stays empty after the writers stopped.
-[[noreturn]] void drainer(int slot, int generation) {
-  std::string file = gDir + "/d" + std::to_string(slot) + "g" + std::to_string(generation);
-  int fd = open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+// Gets and commits, with a receipt, until the queue stays empty after the writers stopped.
+[[noreturn]] void drainer(int, int) {
   KXHCONN h = connectOrDie();
   KXHOBJ o = openOrDie(h, kQueue, KXOO_INPUT_SHARED);
+  KXHOBJ receipts = openOrDie(h, kReceipts, KXOO_OUTPUT);
   std::vector<char> buf(4096);
   int empty = 0;
   for (;;) {
@@ -126,9 +127,15 @@ KXHOBJ openOrDie(KXHCONN h, const char* queue, KXLONG options) {
     }
     empty = 0;
     std::string id(buf.data(), std::min<size_t>(size_t(len), 18));
-    record(fd, 'T', id);
+    KXMD rmd = KXMD_DEFAULT;
+    KXPMO pmo = KXPMO_DEFAULT;
+    pmo.Options = KXPMO_SYNCPOINT;
+    KXPUT(h, receipts, &rmd, &pmo, KXLONG(id.size()), id.data(), &cc, &rc);
+    if (cc == KXCC_FAILED) {
+      KXBACK(h, &cc, &rc);
+      continue;
+    }
     KXCMIT(h, &cc, &rc);
-    if (cc == KXCC_OK) record(fd, 'C', id);
   }
   _exit(0);
 }
@@ -159,22 +166,16 @@ void browseInto(KXHCONN h, const char* queue, std::vector<std::string>& out) {
   KXCLOSE(h, &o, 0, &cc, &rc);
 }
 
-// Reads a child's records; returns the id of a last "taken" record without its commit record.
-std::string readRecords(const std::string& path, std::map<char, std::vector<std::string>>& into) {
+void readRecords(const std::string& path, std::map<char, std::vector<std::string>>& into) {
   FILE* f = fopen(path.c_str(), "r");
-  if (!f) return {};
+  if (!f) return;
   char line[kRecord];
-  char lastKind = 0;
-  std::string lastId;
   while (fread(line, 1, sizeof line, f) == sizeof line) {
     std::string id(line + 2, kRecord - 3);
     id.erase(id.find_last_not_of(' ') + 1);
     into[line[0]].push_back(id);
-    lastKind = line[0];
-    lastId = id;
   }
   fclose(f);
-  return lastKind == 'T' ? lastId : std::string();
 }
 
 }  // namespace
@@ -200,6 +201,7 @@ int main(int argc, char** argv) {
   kxmDeleteQmgr(gQmgr.c_str(), msg, sizeof msg);
   if (kxmCreateQmgr(gQmgr.c_str(), msg, sizeof msg) ||
       kxmCreateQueue(gQmgr.c_str(), kQueue, -1, msg, sizeof msg) ||
+      kxmCreateQueue(gQmgr.c_str(), kReceipts, -1, msg, sizeof msg) ||
       kxmCreateQueue(gQmgr.c_str(), kDeadLetter, -1, msg, sizeof msg)) {
     fprintf(stderr, "crash_run: %s\n", msg);
     return 2;
@@ -241,7 +243,7 @@ int main(int argc, char** argv) {
   if (const char* e = getenv("KXIC_UNIT_TIMEOUT")) ttl = atol(e);
   const char* client = getenv("RPLUSEKXCLIENT");
   if (client && strcasecmp(client, "TRUE") == 0) usleep(useconds_t(ttl + 2000) * 1000);
-  std::vector<std::string> left, dead;
+  std::vector<std::string> left, dead, committed;
   KXHCONN h = connectOrDie();
   {
     // A get that finds the queue empty gives back what dead processes left.
@@ -257,6 +259,7 @@ int main(int argc, char** argv) {
   }
   browseInto(h, kQueue, left);
   browseInto(h, kDeadLetter, dead);
+  browseInto(h, kReceipts, committed);
   KXLONG cc, rc;
   KXDISC(&h, &cc, &rc);
 
@@ -264,32 +267,20 @@ int main(int argc, char** argv) {
   for (int i = 0; i < writers; ++i)
     for (int g = 0; g <= wGen[size_t(i)]; ++g)
       readRecords(gDir + "/w" + std::to_string(i) + "g" + std::to_string(g), recs);
-  std::set<std::string> inDoubt;  // taken by a drainer killed before it recorded its commit
-  for (int i = 0; i < drainers; ++i)
-    for (int g = 0; g <= dGen[size_t(i)]; ++g) {
-      std::string id = readRecords(gDir + "/d" + std::to_string(i) + "g" + std::to_string(g), recs);
-      if (!id.empty()) inDoubt.insert(id);
-    }
   std::map<std::string, int> seen;  // committed gets plus what is left
-  for (const std::string& id : recs['C']) ++seen[id];
+  for (const std::string& id : committed) ++seen[id];
   for (const std::string& id : left) ++seen[id];
   for (const std::string& id : dead) ++seen[id];
   std::set<std::string> acked(recs['A'].begin(), recs['A'].end());
-  long lost = 0, twice = 0, doubtTaken = 0;
-  for (const std::string& id : acked) {
-    if (seen.count(id)) continue;
-    if (inDoubt.count(id))
-      ++doubtTaken;  // committed by a drainer killed before its record: not lost
-    else
-      ++lost;
-  }
+  long lost = 0, twice = 0;
+  for (const std::string& id : acked)
+    if (!seen.count(id)) ++lost;
   for (const auto& [id, n] : seen)
     if (n > 1) ++twice;
   printf("CRASH backend=%s writers=%d drainers=%d kills=%d+%d acknowledged=%zu committed_gets=%zu"
-         " left=%zu dead_letter=%zu in_doubt_taken=%ld lost=%ld committed_twice=%ld"
-         " children_failed=%d\n",
+         " left=%zu dead_letter=%zu lost=%ld committed_twice=%ld children_failed=%d\n",
          client && strcasecmp(client, "TRUE") == 0 ? "redis" : "local", writers, drainers, kills,
-         kills, acked.size(), recs['C'].size(), left.size(), dead.size(), doubtTaken, lost, twice,
+         kills, acked.size(), committed.size(), left.size(), dead.size(), lost, twice,
          failedChildren);
   kxmDeleteQmgr(gQmgr.c_str(), msg, sizeof msg);
   std::string cmd = "rm -rf '" + gDir + "'";
