@@ -295,7 +295,7 @@ int32_t Store::open(const std::string& qmgr, std::string& why) {
   int32_t r = openFile(file, why);
   // On a full disk the shared-memory index or the log may not be made: give back the reserve
   // and try once more, so that the queue manager can still be read and drained.
-  if (r == KXRC_RESOURCE_PROBLEM && releaseReserve()) {
+  if (r == KXRC_RESOURCE_PROBLEM && openFull_ && releaseReserve()) {
     close();
     r = openFile(file, why);
   }
@@ -363,6 +363,7 @@ int32_t Store::openFile(const std::string& file, std::string& why) {
     }
   }
   if (rc == SQLITE_OK && format == "1") rc = upgrade();
+  openFull_ = diskFull(rc);
   if (rc != SQLITE_OK) {
     if ((rc & 0xff) == SQLITE_BUSY) {
       why = "cannot use " + file + ": " + lastError();

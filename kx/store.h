@@ -139,6 +139,7 @@ class Store {
 
   sqlite3* db_ = nullptr;
   std::string file_;
+  bool openFull_ = false;  // the last open failed on a full disk
   sqlite3_stmt* begin_ = nullptr;
   sqlite3_stmt* beginImmediate_ = nullptr;
   sqlite3_stmt* commit_ = nullptr;
