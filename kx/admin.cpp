@@ -72,6 +72,7 @@ KXENTRY int32_t kxmDeleteQmgr(const char* qmgr, char* msg, size_t msgLen) {
           "cannot delete " + file + ": " + strerror(errno), msg, msgLen);
     unlink((file + "-wal").c_str());
     unlink((file + "-shm").c_str());
+    unlink((file + "-reserve").c_str());
     return report(0, "", msg, msgLen);
   });
 }
@@ -95,11 +96,14 @@ KXENTRY int32_t kxmCreateQueue(const char* qmgr, const char* queue, int64_t maxM
     std::string why;
     if (int32_t r = store.open(qmgr ? qmgr : "", why)) return report(r, why, msg, msgLen);
     sqlite3_stmt* s = nullptr;
-    int rc = sqlite3_prepare_v2(store.db(), "INSERT INTO queues(name, max_len) VALUES(?1, ?2)", -1,
-                                &s, nullptr);
+    // The dead-letter queue keeps what it is given: its messages are never passed over.
+    int rc = sqlite3_prepare_v2(
+        store.db(), "INSERT INTO queues(name, max_len, backout_threshold) VALUES(?1, ?2, ?3)", -1,
+        &s, nullptr);
     if (rc == SQLITE_OK) {
       sqlite3_bind_text(s, 1, name.c_str(), -1, SQLITE_TRANSIENT);
       sqlite3_bind_int64(s, 2, maxMsgLength);
+      sqlite3_bind_int(s, 3, name == kDeadLetterQueue ? 0 : kDefaultBackoutThreshold);
       rc = sqlite3_step(s);
       sqlite3_finalize(s);
     }

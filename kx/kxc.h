@@ -71,6 +71,7 @@ typedef char KXCHAR;
 #define KXRC_TRUNCATED_MSG_FAILED 2080  /* data longer than the buffer; message left alone */
 #define KXRC_UNKNOWN_OBJECT_NAME 2085   /* unknown queue */
 #define KXRC_WAIT_INTERVAL_ERROR 2090   /* negative WaitInterval other than unlimited */
+#define KXRC_OBJECT_DAMAGED 2101        /* the queue manager's store is damaged: not retried */
 #define KXRC_RESOURCE_PROBLEM 2102      /* disk full, or the store stayed locked too long */
 #define KXRC_BO_ERROR 2134              /* bad begin options */
 #define KXRC_CNO_ERROR 2139             /* bad connect options */
@@ -135,6 +136,7 @@ typedef char KXCHAR;
 
 #define KXIA_CURRENT_Q_DEPTH 3
 #define KXIA_MAX_MSG_LENGTH 13
+#define KXIA_BACKOUT_THRESHOLD 22 /* back-outs after which a get passes a message over; 0 never */
 #define KXCA_Q_NAME 2016 /* character attribute, 48 bytes */
 
 /* ---- Descriptor values -------------------------------------------------------------------- */
@@ -178,7 +180,9 @@ typedef char KXCHAR;
  *  16 Expiry           20 Feedback        24 Encoding        28 CodedCharSetId
  *  32 Format[8]        40 Priority        44 Persistence
  *  48 MsgId[24]        72 CorrelId[24]
- *  96 Fields1[208]     further fields, carried unchanged from put to get
+ *  96 BackoutCount     times the message was got under syncpoint and backed out (set by the
+ *                      queue manager on every get; 0 for a message never backed out)
+ * 100 Fields1[204]     further fields, carried unchanged from put to get
  * 304 PutDate[8] "YYYYMMDD"   312 PutTime[8] "HHMMSSTH"  (set by the queue manager, UTC)
  * 320 Fields2[44]      further fields, carried unchanged from put to get
  */
@@ -196,7 +200,8 @@ typedef struct tagKXMD {
   KXLONG Persistence;
   KXBYTE MsgId[24];
   KXBYTE CorrelId[24];
-  KXBYTE Fields1[208];
+  KXLONG BackoutCount;
+  KXBYTE Fields1[204];
   KXCHAR PutDate[8];
   KXCHAR PutTime[8];
   KXBYTE Fields2[44];
@@ -268,7 +273,8 @@ KX_STATIC_ASSERT(offsetof(KXMD, Priority) == 40, "KXMD.Priority");
 KX_STATIC_ASSERT(offsetof(KXMD, Persistence) == 44, "KXMD.Persistence");
 KX_STATIC_ASSERT(offsetof(KXMD, MsgId) == 48, "KXMD.MsgId");
 KX_STATIC_ASSERT(offsetof(KXMD, CorrelId) == 72, "KXMD.CorrelId");
-KX_STATIC_ASSERT(offsetof(KXMD, Fields1) == 96, "KXMD.Fields1");
+KX_STATIC_ASSERT(offsetof(KXMD, BackoutCount) == 96, "KXMD.BackoutCount");
+KX_STATIC_ASSERT(offsetof(KXMD, Fields1) == 100, "KXMD.Fields1");
 KX_STATIC_ASSERT(offsetof(KXMD, PutDate) == 304, "KXMD.PutDate");
 KX_STATIC_ASSERT(offsetof(KXMD, PutTime) == 312, "KXMD.PutTime");
 KX_STATIC_ASSERT(offsetof(KXMD, Fields2) == 320, "KXMD.Fields2");
@@ -291,7 +297,7 @@ KX_STATIC_ASSERT(sizeof(KXBO) == 12, "KXBO is 12 bytes");
 #define KXMD_DEFAULT                                                                      \
   { {'M', 'D', ' ', ' '}, 2, KXRO_NONE, KXMT_DATAGRAM, KXEI_UNLIMITED, KXFB_NONE,          \
     KXENC_NATIVE, KXCCSI_Q_MGR, {' ', ' ', ' ', ' ', ' ', ' ', ' ', ' '},                 \
-    KXPRI_PRIORITY_AS_Q_DEF, KXPER_PERSISTENCE_AS_Q_DEF, {0}, {0}, {0}, {0}, {0}, {0} }
+    KXPRI_PRIORITY_AS_Q_DEF, KXPER_PERSISTENCE_AS_Q_DEF, {0}, {0}, 0, {0}, {0}, {0}, {0} }
 #define KXOD_DEFAULT {{'O', 'D', ' ', ' '}, 1, KXOT_Q, {0}, {0}}
 #define KXGMO_DEFAULT {{'G', 'M', 'O', ' '}, 2, KXGMO_NO_SYNCPOINT, 0, KXMO_NONE, -1}
 #define KXPMO_DEFAULT {{'P', 'M', 'O', ' '}, 1, KXPMO_NO_SYNCPOINT}

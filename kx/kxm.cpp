@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -23,6 +24,7 @@
 #include <vector>
 
 #include "kx/kxc.h"
+#include "kx/kxm_admin.h"
 #include "kx/rules.h"
 #include "kx/store.h"
 
@@ -46,6 +48,7 @@ constexpr int64_t kBlobIoFrom = 64 * 1024;
 struct Ahead {  // one message read ahead by a browse
   int64_t seq;
   int64_t length;
+  int64_t backouts;
   size_t md;    // offset of the descriptor in the arena
   size_t data;  // offset of the data in the arena, or SIZE_MAX when not read ahead
 };
@@ -54,8 +57,10 @@ struct Object {
   std::string name;
   int64_t qid = 0;
   int64_t maxLength = 0;
+  int64_t backoutThreshold = 0;  // destructive gets pass over messages backed out this often
   KXLONG options = 0;
   int64_t cursor = 0;  // sequence of the last message browsed; 0 before the first
+  int64_t browsed = 0;  // messages browsed since the first, for reports
   // Read-ahead: messages after `aheadFrom` as of (aheadVersion, aheadWrites).
   std::vector<Ahead> ahead;
   std::vector<uint8_t> arena;
@@ -86,10 +91,58 @@ struct Connection {
   int64_t dbGets = 0;   // rows in state 2 of this connection
   uint64_t writes = 0;  // own committed changes (data_version does not count them)
   int64_t lastReapUs = 0;  // when this connection last looked for units of work of dead processes
+  bool full = false;         // the last write failed on a full disk
+  bool needReserve = false;  // the reserve was given back: puts wait until it is made again
+  bool damageReported = false;
 };
 
 std::mutex gLock;
 std::vector<std::unique_ptr<Connection>> gConnections;  // handle = index + 1
+// Why the last call of this thread failed, in words (kxmLastFailure).
+thread_local std::string gLastFailure;
+
+// The reason for a failed SQLite call on a connection, with its cause kept in words. A damaged
+// file is also reported on standard error, once per connection, because no retry mends it and
+// the operator must learn which file it is.
+KXLONG sqlFailure(Connection& c, int rc, const std::string& where) {
+  KXLONG r = reasonOf(rc);
+  std::string err = sqlite3_errstr(rc);
+  if (c.store.db() && sqlite3_extended_errcode(c.store.db()) == rc)
+    err = sqlite3_errmsg(c.store.db());
+  c.full = diskFull(rc);
+  if (r == KXRC_OBJECT_DAMAGED) {
+    gLastFailure = c.store.file() + " is damaged: " + err + " (" + where + ")";
+    if (!c.damageReported) fprintf(stderr, "kxm: %s\n", gLastFailure.c_str());
+    c.damageReported = true;
+  } else if (c.full) {
+    gLastFailure = "cannot write " + c.store.file() + ": " + err + " (" + where + ")";
+  } else {
+    gLastFailure = c.store.file() + ": " + err + " (" + where + ")";
+  }
+  return r;
+}
+
+// Puts after the reserve was given back wait until it can be made again, so that the space a
+// drain frees goes first to the reserve; 0 or 2102.
+KXLONG roomForPuts(Connection& c) {
+  if (!c.needReserve) return 0;
+  if (!c.store.keepReserve()) {
+    gLastFailure = "cannot write " + c.store.file() +
+                   ": database or disk is full (puts wait until messages are drained)";
+    return KXRC_RESOURCE_PROBLEM;
+  }
+  c.needReserve = false;
+  return 0;
+}
+
+// After a write failed on a full disk: frees what the queue manager can, so that one more try
+// of a draining write may succeed.
+bool relieve(Connection& c) {
+  if (!c.full) return false;
+  c.full = false;
+  c.needReserve = true;
+  return c.store.relieve();
+}
 
 void setResult(KXLONG* cc, KXLONG* rc, KXLONG c, KXLONG r) {
   if (cc) *cc = c;
@@ -166,11 +219,59 @@ int insertRow(Connection& c, int64_t qid, int state, const uint8_t* md, const vo
   return rc;
 }
 
-int runOwner(Connection& c, sqlite3_stmt* s) {
+int runFor(sqlite3_stmt* s, int64_t token) {
   Use use(s);
-  sqlite3_bind_int64(s, 1, c.token);
+  sqlite3_bind_int64(s, 1, token);
   int rc = sqlite3_step(s);
   return rc == SQLITE_DONE ? SQLITE_OK : rc;
+}
+
+int runOwner(Connection& c, sqlite3_stmt* s) { return runFor(s, c.token); }
+
+std::string hex(const void* p, int n) {
+  static const char digits[] = "0123456789abcdef";
+  std::string out;
+  const uint8_t* b = static_cast<const uint8_t*>(p);
+  for (int i = 0; i < n; ++i) {
+    out += digits[b[i] >> 4];
+    out += digits[b[i] & 15];
+  }
+  return out;
+}
+
+// Backs out the pending gets of one owner inside the caller's write transaction: each counts one
+// more back-out; those at their queue's threshold move to the dead-letter queue when there is
+// one, or stay where they are and are passed over by destructive gets. Either is reported.
+int backOutGets(Connection& c, int64_t token) {
+  Store& st = c.store;
+  int rc = runFor(st.countBacks, token);
+  if (rc != SQLITE_OK) return rc;
+  std::vector<std::string> reports;
+  {
+    sqlite3_stmt* s = st.overThreshold;
+    Use use(s);
+    sqlite3_bind_int64(s, 1, token);
+    while ((rc = sqlite3_step(s)) == SQLITE_ROW) {
+      const char* q = reinterpret_cast<const char*>(sqlite3_column_text(s, 1));
+      reports.push_back("message " + hex(sqlite3_column_blob(s, 2), sqlite3_column_bytes(s, 2)) +
+                        " on queue " + (q ? q : "?") + " of " + c.qmgr + " was backed out " +
+                        std::to_string(sqlite3_column_int64(s, 3)) + " times");
+    }
+    if (rc != SQLITE_DONE) return rc;
+  }
+  rc = SQLITE_OK;
+  if (!reports.empty()) {
+    rc = runFor(st.moveDead, token);
+    if (rc != SQLITE_OK) return rc;
+    bool moved = sqlite3_changes(st.db()) > 0;
+    for (const std::string& r : reports)
+      fprintf(stderr, "kxm: %s: %s\n", r.c_str(),
+              moved ? (std::string("moved to the dead-letter queue ") + kDeadLetterQueue).c_str()
+                    : (std::string("left on its queue, where gets now pass it over (no queue ") +
+                       kDeadLetterQueue + ")")
+                          .c_str());
+  }
+  return runFor(st.backGets, token);
 }
 
 // Writes the syncpoint puts held in memory as rows of the given state.
@@ -188,7 +289,7 @@ KXLONG flushPending(Connection& c) {
   if (rc == SQLITE_OK) rc = c.store.commit();
   if (rc != SQLITE_OK) {
     c.store.rollback();
-    return reasonOf(rc);
+    return sqlFailure(c, rc, "putting under syncpoint");
   }
   c.dbPuts += int64_t(c.pending.size());
   c.pending.clear();
@@ -221,31 +322,52 @@ KXLONG backOut(Connection& c) {
   c.pending.clear();
   c.pendingBytes = 0;
   if (c.dbPuts == 0 && c.dbGets == 0) return 0;
-  int rc = c.store.beginWrite();
-  if (rc == SQLITE_OK && c.dbPuts) rc = runOwner(c, c.store.backPuts);
-  if (rc == SQLITE_OK && c.dbGets) rc = runOwner(c, c.store.backGets);
-  if (rc == SQLITE_OK) rc = c.store.commit();
-  if (rc != SQLITE_OK) {
+  int rc = SQLITE_OK;
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    rc = c.store.beginWrite();
+    if (rc == SQLITE_OK && c.dbPuts) rc = runOwner(c, c.store.backPuts);
+    if (rc == SQLITE_OK && c.dbGets) rc = backOutGets(c, c.token);
+    if (rc == SQLITE_OK) rc = c.store.commit();
+    if (rc == SQLITE_OK) break;
     c.store.rollback();
-    return reasonOf(rc);
+    KXLONG r = sqlFailure(c, rc, "backing out a unit of work");
+    if (!relieve(c)) return r;
   }
+  if (rc != SQLITE_OK) return sqlFailure(c, rc, "backing out a unit of work");
   c.dbPuts = c.dbGets = 0;
   ++c.writes;
   return 0;
 }
 
-// Commits the unit of work; on failure it is backed out and KXRC_BACKED_OUT returned.
+// Commits the unit of work. A commit that cannot be written for a full disk or a lock held too
+// long leaves the unit of work as it was and returns 2102 (commit again, or back out); a
+// damaged file returns 2101 after backing out what it can; any other failure backs out and
+// returns 2003.
 KXLONG commitWork(Connection& c) {
   if (c.pending.empty() && c.dbPuts == 0 && c.dbGets == 0) return 0;
-  int rc = c.store.beginWrite();
-  if (rc == SQLITE_OK) rc = writePending(c, kVisible);
-  if (rc == SQLITE_OK && c.dbPuts) rc = runOwner(c, c.store.commitPuts);
-  if (rc == SQLITE_OK && c.dbGets) rc = runOwner(c, c.store.commitGets);
-  if (rc == SQLITE_OK) rc = c.store.commit();
-  if (rc != SQLITE_OK) {
+  // A unit of work that only takes messages away may use the reserve; one that adds may not.
+  if (!c.pending.empty() || c.dbPuts)
+    if (KXLONG r = roomForPuts(c)) return r;
+  int rc = SQLITE_OK;
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    rc = c.store.beginWrite();
+    if (rc == SQLITE_OK) rc = writePending(c, kVisible);
+    if (rc == SQLITE_OK && c.dbPuts) rc = runOwner(c, c.store.commitPuts);
+    if (rc == SQLITE_OK && c.dbGets) rc = runOwner(c, c.store.commitGets);
+    if (rc == SQLITE_OK) rc = c.store.commit();
+    if (rc == SQLITE_OK) break;
     c.store.rollback();
+    KXLONG r = sqlFailure(c, rc, "committing a unit of work");
+    if (r != KXRC_RESOURCE_PROBLEM) break;
+    if (!c.pending.empty() || c.dbPuts || !relieve(c)) return r;
+  }
+  if (rc != SQLITE_OK && reasonOf(rc) == KXRC_RESOURCE_PROBLEM) return KXRC_RESOURCE_PROBLEM;
+  if (rc != SQLITE_OK) {
+    KXLONG r = reasonOf(rc);
+    std::string cause = gLastFailure;
     backOut(c);
-    return KXRC_BACKED_OUT;
+    gLastFailure = cause;
+    return r == KXRC_OBJECT_DAMAGED ? r : KXRC_BACKED_OUT;
   }
   c.pending.clear();
   c.pendingBytes = 0;
@@ -274,12 +396,11 @@ int backOutDeadOwners(Connection& c) {
     sqlite3_finalize(s);
   }
   for (int64_t token : dead) {
-    std::string t = std::to_string(token);
-    // "owner <> 0" lets the partial index on owner serve these statements.
-    std::string sql = "DELETE FROM messages WHERE owner = " + t + " AND owner <> 0 AND state = 1;" +
-                      "UPDATE messages SET state = 0, owner = 0 WHERE owner = " + t +
-                      " AND owner <> 0 AND state = 2;" + "DELETE FROM owners WHERE token = " + t +
-                      ";";
+    // A get of a process that died counts as backed out: a message that kills its getters
+    // reaches the threshold like one whose commit fails.
+    if (rc == SQLITE_OK) rc = runFor(c.store.backPuts, token);
+    if (rc == SQLITE_OK) rc = backOutGets(c, token);
+    std::string sql = "DELETE FROM owners WHERE token = " + std::to_string(token);
     if (rc == SQLITE_OK) rc = c.store.exec(sql.c_str());
   }
   return rc;
@@ -382,7 +503,7 @@ void bindMatch(sqlite3_stmt* s, const GetArgs& a) {
 KXLONG getDestructive(Connection& c, Object& o, const GetArgs& a, bool syncpoint) {
   Store& st = c.store;
   int rc = st.beginWrite();
-  if (rc != SQLITE_OK) return reasonOf(rc);
+  if (rc != SQLITE_OK) return sqlFailure(c, rc, "getting from queue " + o.name);
   sqlite3_stmt* s = st.next;
   KXLONG reason;
   int64_t seq = 0;
@@ -393,6 +514,10 @@ KXLONG getDestructive(Connection& c, Object& o, const GetArgs& a, bool syncpoint
     sqlite3_bind_int64(s, 3, inlineLimit(a));
     bindMatch(s, a);
     sqlite3_bind_int(s, 6, 1);
+    if (o.backoutThreshold > 0)
+      sqlite3_bind_int64(s, 7, o.backoutThreshold);
+    else
+      sqlite3_bind_null(s, 7);
     rc = sqlite3_step(s);
     if (rc == SQLITE_DONE) {
       st.rollback();
@@ -400,12 +525,13 @@ KXLONG getDestructive(Connection& c, Object& o, const GetArgs& a, bool syncpoint
     }
     if (rc != SQLITE_ROW || sqlite3_column_bytes(s, 1) != kMdLength) {
       st.rollback();
-      return rc == SQLITE_ROW ? KXRC_UNEXPECTED_ERROR : reasonOf(rc);
+      return rc == SQLITE_ROW ? KXRC_UNEXPECTED_ERROR : sqlFailure(c, rc, "getting from queue " + o.name);
     }
     seq = sqlite3_column_int64(s, 0);
     reason = deliver(st, a, sqlite3_column_blob(s, 1), sqlite3_column_int64(s, 2),
                      sqlite3_column_type(s, 3) == SQLITE_NULL ? nullptr : sqlite3_column_blob(s, 3),
                      seq);
+    a.md->BackoutCount = KXLONG(sqlite3_column_int64(s, 4));
   }
   if (reason != 0 && reason != KXRC_TRUNCATED_MSG_ACCEPTED) {
     st.rollback();
@@ -421,7 +547,7 @@ KXLONG getDestructive(Connection& c, Object& o, const GetArgs& a, bool syncpoint
   if (rc == SQLITE_DONE) rc = st.commit();
   if (rc != SQLITE_OK && rc != SQLITE_DONE) {
     st.rollback();
-    return reasonOf(rc);
+    return sqlFailure(c, rc, "getting from queue " + o.name);
   }
   if (syncpoint) ++c.dbGets;
   ++c.writes;
@@ -447,6 +573,7 @@ int readAhead(Connection& c, Object& o, int64_t after) {
     sqlite3_bind_null(s, 4);
     sqlite3_bind_null(s, 5);
     sqlite3_bind_int(s, 6, o.batchSize);
+    sqlite3_bind_null(s, 7);
     while ((rc = sqlite3_step(s)) == SQLITE_ROW) {
       if (sqlite3_column_bytes(s, 1) != kMdLength) {
         rc = SQLITE_CORRUPT;
@@ -455,6 +582,7 @@ int readAhead(Connection& c, Object& o, int64_t after) {
       Ahead e;
       e.seq = sqlite3_column_int64(s, 0);
       e.length = sqlite3_column_int64(s, 2);
+      e.backouts = sqlite3_column_int64(s, 4);
       e.md = o.arena.size();
       const uint8_t* md = static_cast<const uint8_t*>(sqlite3_column_blob(s, 1));
       o.arena.insert(o.arena.end(), md, md + kMdLength);
@@ -480,6 +608,13 @@ int readAhead(Connection& c, Object& o, int64_t after) {
   return SQLITE_OK;
 }
 
+// A browse that cannot read on says where it stopped.
+KXLONG browseFailure(Connection& c, const Object& o, int rc) {
+  return sqlFailure(c, rc,
+                    "browsing queue " + o.name + ", stopped after message " +
+                        std::to_string(o.browsed));
+}
+
 // Browse without match options: from the read-ahead while the file is unchanged.
 KXLONG browseAhead(Connection& c, Object& o, const GetArgs& a, int64_t after) {
   for (int attempt = 0; attempt < 3; ++attempt) {
@@ -501,7 +636,7 @@ KXLONG browseAhead(Connection& c, Object& o, const GetArgs& a, int64_t after) {
       else if (o.aheadFrom >= 0)
         o.batchSize = std::min(o.batchSize * 2, kLastBatch);
       int rc = readAhead(c, o, after);
-      if (rc != SQLITE_OK) return reasonOf(rc);
+      if (rc != SQLITE_OK) return browseFailure(c, o, rc);
       if (o.ahead.empty()) return KXRC_NO_MSG_AVAILABLE;
     }
     const Ahead& e = o.ahead[o.aheadPos];
@@ -529,14 +664,17 @@ KXLONG browseAhead(Connection& c, Object& o, const GetArgs& a, int64_t after) {
         continue;
       }
       if (rc != SQLITE_ROW) {
+        KXLONG failure = browseFailure(c, o, rc);  // before the rollback clears SQLite's text
         c.store.rollback();
-        return reasonOf(rc);
+        return failure;
       }
       reason = deliver(c.store, a, md, e.length, nullptr, e.seq);
       c.store.rollback();
       if (reason != 0 && reason != KXRC_TRUNCATED_MSG_ACCEPTED) return reason;
     }
+    a.md->BackoutCount = KXLONG(e.backouts);
     o.cursor = e.seq;
+    ++o.browsed;
     ++o.aheadPos;
     return reason;
   }
@@ -552,23 +690,28 @@ KXLONG browseMatching(Connection& c, Object& o, const GetArgs& a, int64_t after)
   sqlite3_bind_int64(s, 3, inlineLimit(a));
   bindMatch(s, a);
   sqlite3_bind_int(s, 6, 1);
+  sqlite3_bind_null(s, 7);
   int rc = sqlite3_step(s);
   if (rc == SQLITE_DONE) return KXRC_NO_MSG_AVAILABLE;
-  if (rc != SQLITE_ROW) return reasonOf(rc);
+  if (rc != SQLITE_ROW) return browseFailure(c, o, rc);
   if (sqlite3_column_bytes(s, 1) != kMdLength) return KXRC_UNEXPECTED_ERROR;
   // The statement keeps its read transaction open, so a big message is read from the same view.
   int64_t seq = sqlite3_column_int64(s, 0);
   KXLONG reason = deliver(
       c.store, a, sqlite3_column_blob(s, 1), sqlite3_column_int64(s, 2),
       sqlite3_column_type(s, 3) == SQLITE_NULL ? nullptr : sqlite3_column_blob(s, 3), seq);
-  if (reason == 0 || reason == KXRC_TRUNCATED_MSG_ACCEPTED) o.cursor = seq;
+  a.md->BackoutCount = KXLONG(sqlite3_column_int64(s, 4));
+  if (reason == 0 || reason == KXRC_TRUNCATED_MSG_ACCEPTED) {
+    o.cursor = seq;
+    ++o.browsed;
+  }
   return reason;
 }
 
 KXLONG tryGet(Connection& c, Object& o, const GetArgs& a) {
   KXLONG opts = a.gmo->Options;
   if (opts & (KXGMO_BROWSE_FIRST | KXGMO_BROWSE_NEXT)) {
-    if (opts & KXGMO_BROWSE_FIRST) o.cursor = 0;
+    if (opts & KXGMO_BROWSE_FIRST) o.cursor = o.browsed = 0;
     if (a.gmo->MatchOptions == KXMO_NONE) return browseAhead(c, o, a, o.cursor);
     return browseMatching(c, o, a, o.cursor);
   }
@@ -584,6 +727,8 @@ KXLONG putMessage(Connection& c, Object& o, KXMD* md, KXPMO* pmo, KXLONG length,
     if ((opts & KXPMO_NEW_MSG_ID) || allZero(md->MsgId, kMsgIdLength)) newMsgId(md->MsgId, "KXM ");
     stampPutTime(*md);
   }
+  // The back-out count belongs to the queue manager: a message starts with none.
+  md->BackoutCount = 0;
   const uint8_t* mdBytes = reinterpret_cast<const uint8_t*>(md);
   if ((opts & KXPMO_SYNCPOINT) && length > kBlobIoFrom)
     return putPendingNow(c, o.qid, mdBytes, buffer, length);
@@ -596,7 +741,8 @@ KXLONG putMessage(Connection& c, Object& o, KXMD* md, KXPMO* pmo, KXLONG length,
     c.pending.push_back(std::move(p));
     c.pendingBytes += size_t(length) + kMdLength;
     if (c.pendingBytes <= kPendingMemoryLimit) return 0;
-    KXLONG r = flushPending(c);
+    KXLONG r = roomForPuts(c);
+    if (!r) r = flushPending(c);
     if (r) {
       // This put failed; the earlier ones of the unit of work stay pending.
       c.pendingBytes -= size_t(length) + kMdLength;
@@ -604,8 +750,9 @@ KXLONG putMessage(Connection& c, Object& o, KXMD* md, KXPMO* pmo, KXLONG length,
     }
     return r;
   }
+  if (KXLONG r = roomForPuts(c)) return r;
   int rc = insertRow(c, o.qid, kVisible, mdBytes, buffer, length);
-  if (rc != SQLITE_OK) return reasonOf(rc);
+  if (rc != SQLITE_OK) return sqlFailure(c, rc, "putting on queue " + o.name);
   if (sqlite3_changes(c.store.db()) != 1) return KXRC_Q_DELETED;
   ++c.writes;
   return 0;
@@ -630,9 +777,10 @@ KXLONG openQueue(Connection& c, KXOD* od, KXLONG options, KXHOBJ* hobj) {
     sqlite3_bind_text(s, 1, name.data(), int(name.size()), SQLITE_STATIC);
     int rc = sqlite3_step(s);
     if (rc == SQLITE_DONE) return KXRC_UNKNOWN_OBJECT_NAME;
-    if (rc != SQLITE_ROW) return reasonOf(rc);
+    if (rc != SQLITE_ROW) return sqlFailure(c, rc, "opening queue " + name);
     o->qid = sqlite3_column_int64(s, 0);
     o->maxLength = sqlite3_column_int64(s, 1);
+    o->backoutThreshold = sqlite3_column_int64(s, 2);
   }
   o->name = name;
   o->options = options;
@@ -646,6 +794,9 @@ KXLONG openQueue(Connection& c, KXOD* od, KXLONG options, KXHOBJ* hobj) {
 
 KXLONG closeConnection(Connection& c) {
   KXLONG reason = commitWork(c);
+  // A unit of work that could not be committed nor backed out keeps its owner row: it is backed
+  // out once this process has gone.
+  if (reason && (c.dbPuts || c.dbGets) && backOut(c) != 0) return reason;
   std::string sql = "DELETE FROM owners WHERE token = " + std::to_string(c.token);
   c.store.exec(sql.c_str());
   return reason;
@@ -664,7 +815,11 @@ KXLONG connect(KXCHAR* name, KXHCONN* hconn) {
   auto c = std::make_unique<Connection>();
   std::string why;
   if (qmgr.empty()) return KXRC_Q_MGR_NAME_ERROR;
-  if (KXLONG r = c->store.open(qmgr, why)) return r;
+  if (KXLONG r = c->store.open(qmgr, why)) {
+    gLastFailure = why;
+    if (r == KXRC_OBJECT_DAMAGED) fprintf(stderr, "kxm: %s\n", why.c_str());
+    return r;
+  }
   c->pid = getpid();
   c->thread = std::this_thread::get_id();
   c->qmgr = qmgr;
@@ -672,7 +827,13 @@ KXLONG connect(KXCHAR* name, KXHCONN* hconn) {
     if (getrandom(&c->token, sizeof c->token, 0) != sizeof c->token) c->token = nowUs();
     c->token &= INT64_MAX;
   }
-  if (int rc = registerOwner(*c)) return reasonOf(rc);
+  int rc = registerOwner(*c);
+  // On a full disk the owner row may need the space the queue manager keeps in reserve.
+  if (rc != SQLITE_OK && diskFull(rc)) {
+    sqlFailure(*c, rc, "connecting");
+    if (relieve(*c)) rc = registerOwner(*c);
+  }
+  if (rc != SQLITE_OK) return sqlFailure(*c, rc, "connecting");
   size_t slot = 0;
   while (slot < gConnections.size() && gConnections[slot]) ++slot;
   if (slot == gConnections.size()) gConnections.emplace_back();
@@ -701,6 +862,7 @@ Object* objectOf(KXHCONN hc, KXHOBJ ho, Connection*& c, KXLONG* cc, KXLONG* rc) 
 
 template <typename Body>
 void guarded(KXLONG* cc, KXLONG* rc, Body&& body) {
+  gLastFailure.clear();
   try {
     body();
   } catch (const std::bad_alloc&) {
@@ -819,6 +981,10 @@ KXENTRY void KXGET(KXHCONN Hconn, KXHOBJ Hobj, KXMD* MsgDesc, KXGMO* GetMsgOpts,
         return;
       }
       KXLONG r = tryGet(*c, *o, a);
+      // A destructive get on a full disk may use the space the queue manager holds back: taking
+      // messages away is how the disk gets room again.
+      bool browse = a.gmo->Options & (KXGMO_BROWSE_FIRST | KXGMO_BROWSE_NEXT);
+      if (r == KXRC_RESOURCE_PROBLEM && !browse && relieve(*c)) r = tryGet(*c, *o, a);
       if (r == KXRC_NO_MSG_AVAILABLE && reapDue(*c) && reapDeadOwners(*c) == SQLITE_OK)
         r = tryGet(*c, *o, a);
       if (r == 0) return setResult(CompCode, Reason, KXCC_OK, 0);
@@ -911,7 +1077,8 @@ KXENTRY void KXINQ(KXHCONN Hconn, KXHOBJ Hobj, KXLONG SelectorCount, KXLONG* Sel
         chars += kNameLength;
         continue;
       }
-      if (sel != KXIA_CURRENT_Q_DEPTH && sel != KXIA_MAX_MSG_LENGTH) {
+      if (sel != KXIA_CURRENT_Q_DEPTH && sel != KXIA_MAX_MSG_LENGTH &&
+          sel != KXIA_BACKOUT_THRESHOLD) {
         failed(CompCode, Reason, KXRC_SELECTOR_ERROR);
         return;
       }
@@ -921,6 +1088,10 @@ KXENTRY void KXINQ(KXHCONN Hconn, KXHOBJ Hobj, KXLONG SelectorCount, KXLONG* Sel
       }
       if (sel == KXIA_MAX_MSG_LENGTH) {
         IntAttrs[ints++] = KXLONG(o->maxLength);
+        continue;
+      }
+      if (sel == KXIA_BACKOUT_THRESHOLD) {
+        IntAttrs[ints++] = KXLONG(o->backoutThreshold);
         continue;
       }
       sqlite3_stmt* s = c->store.depth;
@@ -950,16 +1121,17 @@ KXENTRY void KXSET(KXHCONN Hconn, KXHOBJ Hobj, KXLONG SelectorCount, KXLONG* Sel
       return;
     }
     for (KXLONG i = 0; i < SelectorCount; ++i) {
-      sqlite3_stmt* s = c->store.setMaxLen;
+      bool threshold = Selectors[i] == KXIA_BACKOUT_THRESHOLD;
+      sqlite3_stmt* s = threshold ? c->store.setThreshold : c->store.setMaxLen;
       Use use(s);
       sqlite3_bind_int64(s, 1, o->qid);
       sqlite3_bind_int64(s, 2, IntAttrs[i]);
       int rc = sqlite3_step(s);
       if (rc != SQLITE_DONE) {
-        failed(CompCode, Reason, reasonOf(rc));
+        failed(CompCode, Reason, sqlFailure(*c, rc, "setting an attribute of queue " + o->name));
         return;
       }
-      o->maxLength = IntAttrs[i];
+      (threshold ? o->backoutThreshold : o->maxLength) = IntAttrs[i];
       ++c->writes;
     }
     setResult(CompCode, Reason, KXCC_OK, 0);
@@ -1010,6 +1182,11 @@ KXENTRY void KXBACK(KXHCONN Hconn, KXLONG* CompCode, KXLONG* Reason) {
     }
     setResult(CompCode, Reason, KXCC_OK, 0);
   });
+}
+
+KXENTRY int32_t kxmLastFailure(char* msg, size_t msgLen) {
+  if (msg && msgLen) snprintf(msg, msgLen, "%s", gLastFailure.c_str());
+  return gLastFailure.empty() ? -1 : 0;
 }
 
 }  // extern "C"

@@ -37,6 +37,11 @@ KXENTRY int32_t kxmCreateQueue(const char *qmgr, const char *queue, int64_t maxM
 /* Deletes the queue and every message on it. */
 KXENTRY int32_t kxmDeleteQueue(const char *qmgr, const char *queue, char *msg, size_t msgLen);
 
+/* Why the last KX call of this thread failed, in words (the file and the cause of a damaged
+ * store or a full disk, where a browse stopped, ...): 0 and the text in msg, or -1 and an empty
+ * msg when the library knows no more than the reason. */
+KXENTRY int32_t kxmLastFailure(char *msg, size_t msgLen);
+
 /* Calls fn once per queue in name order with its depth (committed messages) and maximum
  * message length; a non-zero result from fn stops the listing and is returned. */
 typedef int32_t (*KXMQUEUEFN)(const char *queue, int64_t depth, int64_t maxMsgLength, void *ctx);

@@ -84,16 +84,21 @@ inline KXLONG checkInquire(KXLONG openOptions, KXLONG selectorCount, const KXLON
   return 0;
 }
 
-// A set's arguments: only the maximum message length can be set, to 0 through 999,000,000;
-// 0 or the reason.
+// A set's arguments: the maximum message length (0 through 999,000,000) and the back-out
+// threshold (0, never, through 999,999,999) can be set; 0 or the reason.
 inline KXLONG checkSet(KXLONG openOptions, KXLONG selectorCount, const KXLONG* selectors,
                        KXLONG intAttrCount, const KXLONG* intAttrs) {
   if (!(openOptions & KXOO_SET)) return KXRC_NOT_OPEN_FOR_SET;
   if (selectorCount < 0 || (selectorCount > 0 && !selectors)) return KXRC_SELECTOR_COUNT_ERROR;
   if (intAttrCount < selectorCount || (intAttrCount > 0 && !intAttrs)) return KXRC_INT_ATTR_COUNT_ERROR;
   for (KXLONG i = 0; i < selectorCount; ++i) {
-    if (selectors[i] != KXIA_MAX_MSG_LENGTH) return KXRC_SELECTOR_ERROR;
-    if (intAttrs[i] < 0 || intAttrs[i] > 999000000) return KXRC_OPTIONS_ERROR;
+    if (selectors[i] == KXIA_MAX_MSG_LENGTH) {
+      if (intAttrs[i] < 0 || intAttrs[i] > 999000000) return KXRC_OPTIONS_ERROR;
+    } else if (selectors[i] == KXIA_BACKOUT_THRESHOLD) {
+      if (intAttrs[i] < 0 || intAttrs[i] > 999999999) return KXRC_OPTIONS_ERROR;
+    } else {
+      return KXRC_SELECTOR_ERROR;
+    }
   }
   return 0;
 }

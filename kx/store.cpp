@@ -2,6 +2,7 @@
 #include "kx/store.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <pwd.h>
 #include <sched.h>
 #include <sys/stat.h>
@@ -20,6 +21,8 @@ namespace {
 
 // How long a connection waits for another one's write transaction before giving up.
 constexpr int64_t kBusyTimeoutUs = 60'000'000;
+// How long the relief of a full disk waits for other connections' reads to end.
+constexpr int64_t kReliefWaitUs = 3'000'000;
 
 int64_t nowUs() {
   timespec ts;
@@ -35,15 +38,63 @@ bool nameChar(char c) {
 constexpr const char* kSchema =
     "CREATE TABLE meta(key TEXT PRIMARY KEY, value TEXT NOT NULL) WITHOUT ROWID;"
     "CREATE TABLE queues(id INTEGER PRIMARY KEY, name TEXT NOT NULL UNIQUE,"
-    " max_len INTEGER NOT NULL);"
+    " max_len INTEGER NOT NULL, backout_threshold INTEGER NOT NULL DEFAULT 5);"
     "CREATE TABLE messages(seq INTEGER PRIMARY KEY AUTOINCREMENT, qid INTEGER NOT NULL,"
     " state INTEGER NOT NULL, owner INTEGER NOT NULL, msgid BLOB NOT NULL,"
-    " correlid BLOB NOT NULL, md BLOB NOT NULL, data BLOB NOT NULL);"
+    " correlid BLOB NOT NULL, md BLOB NOT NULL, data BLOB NOT NULL,"
+    " backouts INTEGER NOT NULL DEFAULT 0);"
     "CREATE INDEX messages_queue ON messages(qid, state);"
     "CREATE INDEX messages_owner ON messages(owner) WHERE owner <> 0;"
     "CREATE TABLE owners(token INTEGER PRIMARY KEY, pid INTEGER NOT NULL,"
     " started INTEGER NOT NULL);"
-    "INSERT INTO meta VALUES('format', '1'), ('ccsid', '1208');";
+    "INSERT INTO meta VALUES('format', '2'), ('ccsid', '1208');";
+
+// A file of the first format gains the back-out count and threshold (no rows are rewritten).
+constexpr const char* kUpgrade =
+    "ALTER TABLE queues ADD COLUMN backout_threshold INTEGER NOT NULL DEFAULT 5;"
+    "ALTER TABLE messages ADD COLUMN backouts INTEGER NOT NULL DEFAULT 0;"
+    "UPDATE meta SET value = '2' WHERE key = 'format';";
+
+uint32_t be32(const unsigned char* p) {
+  return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3];
+}
+
+// Checks what stands at the queue manager's path before SQLite opens it: a directory, a file
+// that is not a database, or a database cut shorter than its header says are damage, which no
+// retry can mend. Returns 0 or KXRC_OBJECT_DAMAGED with `why`.
+int32_t checkFile(const std::string& file, std::string& why) {
+  struct stat st;
+  if (stat(file.c_str(), &st) != 0) return 0;  // reported by the caller
+  if (S_ISDIR(st.st_mode)) {
+    why = file + " is damaged: it is a directory, not a queue manager file";
+    return KXRC_OBJECT_DAMAGED;
+  }
+  int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return 0;
+  unsigned char h[100];
+  ssize_t n = pread(fd, h, sizeof h, 0);
+  close(fd);
+  if (n != ssize_t(sizeof h) || memcmp(h, "SQLite format 3", 16) != 0) {
+    why = file + " is damaged: file is not a database (" + std::to_string(st.st_size) + " bytes)";
+    return KXRC_OBJECT_DAMAGED;
+  }
+  // The page count at 28 holds when the version-valid-for number at 92 equals the change
+  // counter at 24; a file shorter than that many pages lost its end. Not while a log is beside
+  // it: a checkpoint cut short by a full disk leaves the file short and the pages in the log.
+  uint32_t pageSize = uint32_t(h[16]) << 8 | h[17];
+  if (pageSize == 1) pageSize = 65536;
+  uint32_t pages = be32(h + 28);
+  struct stat wal;
+  bool logged = stat((file + "-wal").c_str(), &wal) == 0 && wal.st_size > 0;
+  if (!logged && be32(h + 92) == be32(h + 24) && pages > 0 && pageSize >= 512 &&
+      st.st_size < int64_t(pages) * pageSize) {
+    why = file + " is damaged: database disk image is malformed (cut short at " +
+          std::to_string(st.st_size) + " bytes of " + std::to_string(int64_t(pages) * pageSize) +
+          ")";
+    return KXRC_OBJECT_DAMAGED;
+  }
+  return 0;
+}
 
 }  // namespace
 
@@ -104,6 +155,10 @@ std::string fieldName(const char* field, size_t room) {
 
 int32_t reasonOf(int rc) {
   switch (rc & 0xff) {
+    case SQLITE_CORRUPT:
+    case SQLITE_NOTADB:
+    case SQLITE_FORMAT:
+      return KXRC_OBJECT_DAMAGED;
     case SQLITE_BUSY:
     case SQLITE_LOCKED:
     case SQLITE_FULL:
@@ -121,6 +176,8 @@ int32_t reasonOf(int rc) {
       return KXRC_UNEXPECTED_ERROR;
   }
 }
+
+bool diskFull(int rc) { return (rc & 0xff) == SQLITE_FULL || (rc & 0xff) == SQLITE_IOERR; }
 
 int64_t processStart(pid_t pid) {
   char path[64];
@@ -140,19 +197,56 @@ int64_t processStart(pid_t pid) {
   return strtoll(p, nullptr, 10);
 }
 
-Store::~Store() {
-  for (sqlite3_stmt* s :
-       {next, dataOf, insert, remove, mark, findQueue, depth, setMaxLen, commitPuts, commitGets,
-        backPuts, backGets, begin_, beginImmediate_, commit_, rollback_, dataVersion_})
-    sqlite3_finalize(s);
+Store::~Store() { close(); }
+
+void Store::close() {
+  for (sqlite3_stmt** s :
+       {&next, &dataOf, &insert, &remove, &mark, &findQueue, &depth, &setMaxLen, &commitPuts,
+        &commitGets, &backPuts, &backGets, &countBacks, &overThreshold, &moveDead, &setThreshold,
+        &begin_, &beginImmediate_, &commit_, &rollback_, &dataVersion_}) {
+    sqlite3_finalize(*s);
+    *s = nullptr;
+  }
   if (db_) sqlite3_close_v2(db_);
+  db_ = nullptr;
+}
+
+bool Store::keepReserve() {
+  std::string path = file_ + "-reserve";
+  struct stat st;
+  if (stat(path.c_str(), &st) == 0 && st.st_size >= kReserveBytes) return true;
+  int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+  if (fd < 0) return false;
+  int e = posix_fallocate(fd, 0, kReserveBytes);
+  ::close(fd);
+  if (e != 0) unlink(path.c_str());
+  return e == 0;
+}
+
+bool Store::releaseReserve() { return unlink((file_ + "-reserve").c_str()) == 0; }
+
+bool Store::relieve() {
+  // The reserve first: a checkpoint may need it to give the file its full length before the
+  // log can be emptied. Then the log is moved into the file and cut to nothing, which frees
+  // its space; other connections' reads hold that up for at most a few seconds.
+  bool released = releaseReserve();
+  std::string wal = file_ + "-wal";
+  struct stat before, after;
+  if (stat(wal.c_str(), &before) != 0) before.st_size = 0;
+  if (db_ && sqlite3_get_autocommit(db_)) {
+    busyLimitUs_ = kReliefWaitUs;
+    sqlite3_wal_checkpoint_v2(db_, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
+    busyLimitUs_ = kBusyTimeoutUs;
+  }
+  if (stat(wal.c_str(), &after) != 0) after.st_size = 0;
+  return released || after.st_size < before.st_size;
 }
 
 int Store::onBusy(void* self, int count) {
   auto* store = static_cast<Store*>(self);
   int64_t now = nowUs();
   if (count == 0) store->busyStartUs_ = now;
-  if (now - store->busyStartUs_ > kBusyTimeoutUs) return 0;
+  if (now - store->busyStartUs_ > store->busyLimitUs_) return 0;
   // Writers hold the lock for microseconds: yield first, then sleep briefly.
   if (count < 8) {
     sched_yield();
@@ -187,20 +281,59 @@ int32_t Store::open(const std::string& qmgr, std::string& why) {
     return KXRC_Q_MGR_NAME_ERROR;
   }
   std::string file = qmgrFile(qmgr);
+  file_ = file;
   struct stat st;
   if (stat(file.c_str(), &st) != 0) {
     why = "queue manager " + qmgr + " does not exist (no " + file + ")";
     return errno == EACCES ? KXRC_NOT_AUTHORIZED : KXRC_Q_MGR_NAME_ERROR;
   }
+  if (int32_t r = checkFile(file, why)) return r;
   if (access(file.c_str(), R_OK | W_OK) != 0) {
     why = "no access to " + file + ": " + strerror(errno);
     return KXRC_NOT_AUTHORIZED;
   }
+  int32_t r = openFile(file, why);
+  // On a full disk the shared-memory index or the log may not be made: give back the reserve
+  // and try once more, so that the queue manager can still be read and drained.
+  if (r == KXRC_RESOURCE_PROBLEM && openFull_ && releaseReserve()) {
+    close();
+    r = openFile(file, why);
+  }
+  if (r) close();
+  return r;
+}
+
+// The text for a failure on the file: damage and a full disk name their cause.
+static int32_t fileFailure(int rc, const std::string& file, const std::string& err,
+                           std::string& why) {
+  int32_t r = reasonOf(rc);
+  if (r == KXRC_OBJECT_DAMAGED)
+    why = file + " is damaged: " + err;
+  else if (diskFull(rc))
+    why = "cannot write " + file + ": " + err;
+  else
+    why = "cannot use " + file + ": " + err;
+  return r == KXRC_OBJECT_DAMAGED || r == KXRC_RESOURCE_PROBLEM || r == KXRC_NOT_AUTHORIZED ||
+                 r == KXRC_STORAGE_NOT_AVAILABLE
+             ? r
+             : KXRC_Q_MGR_NOT_AVAILABLE;
+}
+
+int Store::upgrade() {
+  int rc = beginWrite();
+  if (rc == SQLITE_OK) rc = exec(kUpgrade);
+  if (rc == SQLITE_OK) rc = commit();
+  if (rc != SQLITE_OK) rollback();
+  return rc;
+}
+
+int32_t Store::openFile(const std::string& file, std::string& why) {
   int rc =
       sqlite3_open_v2(file.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
   if (rc != SQLITE_OK) {
     why = "cannot open " + file + ": " + lastError();
-    return KXRC_Q_MGR_NOT_AVAILABLE;
+    return (rc & 0xff) == SQLITE_CANTOPEN ? KXRC_Q_MGR_NOT_AVAILABLE
+                                           : fileFailure(rc, file, lastError(), why);
   }
   sqlite3_busy_handler(db_, onBusy, this);
   sqlite3_extended_result_codes(db_, 1);
@@ -212,23 +345,52 @@ int32_t Store::open(const std::string& qmgr, std::string& why) {
       "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL; PRAGMA cache_size=-4096;"
       " PRAGMA temp_store=MEMORY; PRAGMA mmap_size=0;"
       " PRAGMA journal_size_limit=67108864; PRAGMA wal_autocheckpoint=8192;");
+  std::string format;
   if (rc == SQLITE_OK) {
     sqlite3_stmt* s = nullptr;
     rc = prepare(&s, "SELECT value FROM meta WHERE key='format'");
     if (rc == SQLITE_OK) {
-      rc = sqlite3_step(s) == SQLITE_ROW ? SQLITE_OK : SQLITE_CORRUPT;
+      int step = sqlite3_step(s);
+      if (step == SQLITE_ROW)
+        format = reinterpret_cast<const char*>(sqlite3_column_text(s, 0));
+      else
+        rc = step == SQLITE_DONE ? SQLITE_CORRUPT : step;
       sqlite3_finalize(s);
+    } else if ((rc & 0xff) == SQLITE_ERROR) {
+      // Another program's database, or one whose tables are gone.
+      why = file + " is damaged: not a queue manager file (" + lastError() + ")";
+      return KXRC_OBJECT_DAMAGED;
     }
   }
+  if (rc == SQLITE_OK && format == "1") rc = upgrade();
+  openFull_ = diskFull(rc);
   if (rc != SQLITE_OK) {
-    why = "cannot use " + file + ": " + lastError();
-    return (rc & 0xff) == SQLITE_BUSY ? KXRC_RESOURCE_PROBLEM : KXRC_Q_MGR_NOT_AVAILABLE;
+    if ((rc & 0xff) == SQLITE_BUSY) {
+      why = "cannot use " + file + ": " + lastError();
+      return KXRC_RESOURCE_PROBLEM;
+    }
+    return fileFailure(rc, file, lastError(), why);
+  }
+  if (format != "1" && format != "2") {
+    why = file + " is damaged: unknown format '" + format + "'";
+    return KXRC_OBJECT_DAMAGED;
   }
   const char* next_sql =
-      "SELECT seq, md, length(data), CASE WHEN length(data) <= ?3 THEN data END"
+      "SELECT seq, md, length(data), CASE WHEN length(data) <= ?3 THEN data END, backouts"
       " FROM messages WHERE qid = ?1 AND state = 0 AND seq > ?2"
       " AND (?4 IS NULL OR msgid = ?4) AND (?5 IS NULL OR correlid = ?5)"
+      " AND (?7 IS NULL OR backouts < ?7)"
       " ORDER BY seq LIMIT ?6";
+  // Pending gets of owner ?1 whose queue's threshold is reached.
+  const char* over =
+      " FROM messages m JOIN queues q ON q.id = m.qid WHERE m.owner = ?1 AND m.owner <> 0"
+      " AND m.state = 2 AND q.backout_threshold > 0 AND m.backouts >= q.backout_threshold";
+  std::string overSql = std::string("SELECT m.seq, q.name, m.msgid, m.backouts") + over;
+  std::string moveSql = std::string(
+                            "UPDATE messages SET qid = (SELECT id FROM queues WHERE name = '") +
+                        kDeadLetterQueue + "') WHERE seq IN (SELECT m.seq" + over +
+                        ") AND EXISTS(SELECT 1 FROM queues WHERE name = '" + kDeadLetterQueue +
+                        "')";
   struct {
     sqlite3_stmt** s;
     const char* sql;
@@ -240,7 +402,7 @@ int32_t Store::open(const std::string& qmgr, std::string& why) {
        " SELECT ?1, ?2, ?3, ?4, ?5, ?6, ?7 WHERE EXISTS(SELECT 1 FROM queues WHERE id = ?1)"},
       {&remove, "DELETE FROM messages WHERE seq = ?1"},
       {&mark, "UPDATE messages SET state = 2, owner = ?2 WHERE seq = ?1"},
-      {&findQueue, "SELECT id, max_len FROM queues WHERE name = ?1"},
+      {&findQueue, "SELECT id, max_len, backout_threshold FROM queues WHERE name = ?1"},
       {&depth, "SELECT count(*) FROM messages WHERE qid = ?1 AND state IN (0, 2)"},
       {&setMaxLen, "UPDATE queues SET max_len = ?2 WHERE id = ?1"},
       {&commitPuts,
@@ -249,6 +411,11 @@ int32_t Store::open(const std::string& qmgr, std::string& why) {
       {&backPuts, "DELETE FROM messages WHERE owner = ?1 AND state = 1 AND owner <> 0"},
       {&backGets,
        "UPDATE messages SET state = 0, owner = 0 WHERE owner = ?1 AND state = 2 AND owner <> 0"},
+      {&countBacks,
+       "UPDATE messages SET backouts = backouts + 1 WHERE owner = ?1 AND state = 2 AND owner <> 0"},
+      {&overThreshold, overSql.c_str()},
+      {&moveDead, moveSql.c_str()},
+      {&setThreshold, "UPDATE queues SET backout_threshold = ?2 WHERE id = ?1"},
       {&begin_, "BEGIN"},
       {&beginImmediate_, "BEGIN IMMEDIATE"},
       {&commit_, "COMMIT"},
@@ -258,10 +425,12 @@ int32_t Store::open(const std::string& qmgr, std::string& why) {
   for (auto& st : stmts) {
     rc = prepare(st.s, st.sql);
     if (rc != SQLITE_OK) {
-      why = "cannot prepare a statement on " + file + ": " + lastError();
-      return KXRC_Q_MGR_NOT_AVAILABLE;
+      why = file + " is damaged: not a queue manager file (" + lastError() + ")";
+      return (rc & 0xff) == SQLITE_ERROR ? KXRC_OBJECT_DAMAGED
+                                         : fileFailure(rc, file, lastError(), why);
     }
   }
+  keepReserve();
   return 0;
 }
 
@@ -313,6 +482,9 @@ int32_t Store::create(const std::string& qmgr, std::string& why) {
   unlink(tmp.c_str());
   unlink((tmp + "-wal").c_str());
   unlink((tmp + "-shm").c_str());
+  Store made;
+  made.file_ = file;
+  made.keepReserve();
   return 0;
 }
 

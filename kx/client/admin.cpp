@@ -106,10 +106,11 @@ KXENTRY int32_t kxmDeleteQmgr(const char* qmgr, char* msg, size_t msgLen) {
   Reply r = link.command({"HKEYS", prefix + "queues"});
   if (!r || r->type != REDIS_REPLY_ARRAY)
     return failure(r, link, "cannot list the queues of " + name, msg, msgLen);
-  std::vector<std::string> keys{prefix + "qmgr", prefix + "queues", prefix + "owners"};
+  std::vector<std::string> keys{prefix + "qmgr", prefix + "queues", prefix + "owners",
+                                prefix + "bt"};
   for (size_t i = 0; i < r->elements; ++i) {
     QueueKeys k = queueKeys(name, std::string(r->element[i]->str, r->element[i]->len));
-    keys.insert(keys.end(), {k.q, k.gl, k.pl, k.w, k.h, k.z});
+    keys.insert(keys.end(), {k.q, k.gl, k.pl, k.w, k.h, k.z, k.b});
   }
   std::vector<std::string_view> args{"DEL"};
   args.insert(args.end(), keys.begin(), keys.end());
@@ -158,7 +159,8 @@ KXENTRY int32_t kxmDeleteQueue(const char* qmgr, const char* queue, char* msg, s
   if (r->integer != 1)
     return report(KXRC_UNKNOWN_OBJECT_NAME, "queue " + name + " does not exist", msg, msgLen);
   QueueKeys k = queueKeys(qm, name);
-  Reply d = link.command({"DEL", k.q, k.gl, k.pl, k.w, k.h, k.z});
+  link.command({"HDEL", qmgrPrefix(qm) + "bt", name});
+  Reply d = link.command({"DEL", k.q, k.gl, k.pl, k.w, k.h, k.z, k.b});
   if (!d || d->type != REDIS_REPLY_INTEGER)
     return failure(d, link, "cannot delete the messages of queue " + name, msg, msgLen);
   return report(0, "", msg, msgLen);

@@ -14,13 +14,18 @@ inline std::string qmgrPrefix(const std::string& qmgr) { return "kx:{" + qmgr + 
 
 struct QueueKeys {
   std::string q, gl, pl, w, h, z, c;  // c: the change channel
+  std::string b;                      // back-out counts
 };
 
 inline QueueKeys queueKeys(const std::string& qmgr, const std::string& queue) {
   std::string p = qmgrPrefix(qmgr);
   return {p + "q:" + queue, p + "gl:" + queue, p + "pl:" + queue, p + "w:" + queue,
-          p + "h:" + queue, p + "z:" + queue, p + "c:" + queue};
+          p + "h:" + queue, p + "z:" + queue, p + "c:" + queue, p + "b:" + queue};
 }
+
+// The dead-letter queue `kxq create-qmgr` makes; messages backed out as often as their
+// queue's threshold (kx:{QM}:bt, default 5) move there.
+constexpr const char* kDeadLetterQueue = "KX.DEAD.LETTER";
 
 inline bool nameChar(char c) {
   return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '.' ||

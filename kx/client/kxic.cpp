@@ -7,13 +7,17 @@
 // channels of the queues being browsed; a change published by any client (a message taken,
 // hidden or given back) drops the batches of that queue, and the next browse reads again from
 // the cursor. Without that listener every browse reads from the server.
+#include <pthread.h>
 #include <sys/random.h>
 #include <sys/types.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <condition_variable>
 #include <cstdio>
+#include <cstdlib>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -32,9 +36,12 @@ using namespace kxrules;
 namespace kxic {
 namespace {
 
-// A unit of work not refreshed for this long counts as abandoned by a dead process
-// (KXIC_UNIT_TIMEOUT, in ms, changes it for the connections made afterwards).
-constexpr int kOwnerTtlMs = 120000;
+// A unit of work not renewed for this long counts as abandoned by a dead process
+// (KXIC_UNIT_TIMEOUT, in ms, changes it for the connections made afterwards). A live process
+// renews its open units of work five times per period from a thread of its own, so only the
+// units of a process that died (or lost its server) expire.
+constexpr int kOwnerTtlMs = 15000;
+constexpr int kRenewalsPerTtl = 5;
 // Browse batches grow from the first to the last size, and stop at about this many data bytes.
 constexpr int kFirstBatch = 32;
 constexpr int kLastBatch = 512;
@@ -79,7 +86,8 @@ struct Connection {
   int64_t watchRetryAt = 0;  // after a failed attempt to listen, the next try (monotonic ms)
   bool closed = false;
   Script get{kGetScript, {}}, browse{kBrowseScript, {}}, put{kPutScript, {}}, end{kEndScript, {}},
-      setMax{kSetMaxScript, {}}, depth{kDepthScript, {}};
+      setMax{kSetMaxScript, {}}, depth{kDepthScript, {}}, renew{kRenewScript, {}},
+      setThreshold{kSetThresholdScript, {}};
   std::vector<std::unique_ptr<Object>> objects;  // handle = index + 1
   std::map<std::string, Work> work;              // by queue name
 };
@@ -223,7 +231,8 @@ KXLONG getDestructive(Connection& c, Object& o, const GetArgs& a, bool syncpoint
   if (a.gmo->MatchOptions & KXMO_MATCH_CORREL_ID) cid = bytes(a.md->CorrelId, kMsgIdLength);
   std::string owners = c.prefix + "owners";
   Reply r = evalScript(c.link, c.get,
-                       {o.keys.q, o.keys.gl, o.keys.pl, owners, o.keys.w, o.keys.h, o.keys.z},
+                       {o.keys.q, o.keys.gl, o.keys.pl, owners, o.keys.w, o.keys.h, o.keys.z,
+                        o.keys.b},
                        {limit, syncpoint ? std::string_view(c.token) : "", ttl, mid, cid});
   if (!r || r->type != REDIS_REPLY_ARRAY || r->elements < 3 ||
       r->element[0]->type != REDIS_REPLY_INTEGER)
@@ -262,7 +271,8 @@ KXLONG fetchBatch(Connection& c, Object& o, const std::string& from, bool ahead 
   std::string limit = std::to_string(kBatchDataLimit);
   std::string owners = c.prefix + "owners";
   o.batch.reset();
-  Reply r = evalScript(c.link, c.browse, {o.keys.q, o.keys.gl, o.keys.pl, owners, o.keys.z},
+  Reply r = evalScript(c.link, c.browse,
+                       {o.keys.q, o.keys.gl, o.keys.pl, owners, o.keys.z, o.keys.b},
                        {start, count, cap, limit});
   if (!r || r->type != REDIS_REPLY_ARRAY || r->elements < 1 || (r->elements - 1) % 3 != 0)
     return failureOf(r);
@@ -412,6 +422,8 @@ KXLONG putMessage(Connection& c, Object& o, KXMD* md, KXPMO* pmo, KXLONG length,
     if ((opts & KXPMO_NEW_MSG_ID) || allZero(md->MsgId, kMsgIdLength)) newMsgId(md->MsgId, "KXC ");
     stampPutTime(*md);
   }
+  // The back-out count belongs to the queue manager: a message starts with none.
+  md->BackoutCount = 0;
   bool syncpoint = opts & KXPMO_SYNCPOINT;
   const std::string& ttl = c.ttl;
   std::string queues = c.prefix + "queues", owners = c.prefix + "owners";
@@ -478,6 +490,77 @@ KXLONG openQueue(Connection& c, KXOD* od, KXLONG options, KXHOBJ* hobj) {
   return 0;
 }
 
+// ---- Renewing units of work ---------------------------------------------------------------------
+
+// One thread per process renews the open units of work of every connection. A connection busy
+// in a call is skipped for that round (its calls renew what they touch); the thread ends when
+// the process exits.
+struct Renewals {
+  std::mutex mutex;
+  std::condition_variable wake;
+  std::thread* thread = nullptr;  // a child's copy names its parent's thread: left alone
+  pid_t pid = 0;
+  int periodMs = kOwnerTtlMs / kRenewalsPerTtl;
+  bool stop = false;
+};
+
+Renewals& renewals() {
+  static Renewals* r = new Renewals;  // never destroyed: the thread may outlive static objects
+  return *r;
+}
+
+void renewAll() {
+  std::vector<std::shared_ptr<Connection>> all;
+  {
+    std::lock_guard<std::mutex> lock(gTable);
+    for (const auto& c : gConnections)
+      if (c && c->pid == getpid()) all.push_back(c);
+  }
+  for (const auto& c : all) {
+    std::unique_lock<std::mutex> lock(c->mutex, std::try_to_lock);
+    if (!lock.owns_lock() || c->closed || c->work.empty() || !c->link.usable()) continue;
+    evalScript(c->link, c->renew, {c->prefix + "owners"}, {c->token, c->ttl});
+  }
+}
+
+void stopRenewals() {
+  Renewals& r = renewals();
+  {
+    std::lock_guard<std::mutex> lock(r.mutex);
+    if (r.pid != getpid()) return;
+    r.stop = true;
+  }
+  r.wake.notify_all();
+  if (r.thread && r.thread->joinable()) r.thread->join();
+}
+
+void startRenewals(int ttlMs) {
+  Renewals& r = renewals();
+  std::lock_guard<std::mutex> lock(r.mutex);
+  r.periodMs = std::max(1, std::min(r.periodMs, ttlMs / kRenewalsPerTtl));
+  if (r.pid == getpid()) return;
+  // A child process inherits no thread from its parent: it starts its own.
+  r.pid = getpid();
+  r.stop = false;
+  r.thread = new std::thread([&r] {
+    std::unique_lock<std::mutex> lock(r.mutex);
+    while (!r.stop) {
+      r.wake.wait_for(lock, std::chrono::milliseconds(r.periodMs));
+      if (r.stop) break;
+      lock.unlock();
+      renewAll();
+      lock.lock();
+    }
+  });
+  static std::atomic<bool> registered{false};
+  if (!registered.exchange(true)) {
+    atexit(stopRenewals);
+    // The renewal thread takes the connection table briefly; a fork in that moment must not
+    // leave the child's copy locked.
+    pthread_atfork([] { gTable.lock(); }, [] { gTable.unlock(); }, [] { gTable.unlock(); });
+  }
+}
+
 // ---- Connecting ---------------------------------------------------------------------------------
 
 // Says on standard error why a connect failed; a caller retrying gets the same words once.
@@ -537,6 +620,7 @@ KXLONG connect(KXCHAR* name, KXHCONN* hconn) {
     if (v > 0) ttl = v;
   }
   c->ttl = std::to_string(ttl);
+  startRenewals(int(std::min<long>(ttl, INT32_MAX)));
   std::lock_guard<std::mutex> lock(gTable);
   size_t slot = 0;
   while (slot < gConnections.size() && gConnections[slot]) ++slot;
@@ -696,10 +780,22 @@ KXENTRY void KXINQ(KXHCONN Hconn, KXHOBJ Hobj, KXLONG SelectorCount, KXLONG* Sel
         chars += kNameLength;
         continue;
       }
-      if (sel != KXIA_CURRENT_Q_DEPTH && sel != KXIA_MAX_MSG_LENGTH) return KXRC_SELECTOR_ERROR;
+      if (sel != KXIA_CURRENT_Q_DEPTH && sel != KXIA_MAX_MSG_LENGTH &&
+          sel != KXIA_BACKOUT_THRESHOLD)
+        return KXRC_SELECTOR_ERROR;
       if (ints >= IntAttrCount) return KXRC_INT_ATTR_COUNT_ERROR;
       if (sel == KXIA_MAX_MSG_LENGTH) {
         IntAttrs[ints++] = KXLONG(o->maxLength);
+        continue;
+      }
+      if (sel == KXIA_BACKOUT_THRESHOLD) {
+        Reply r = c.link.command({"HGET", c.prefix + "bt", o->name});
+        if (!r || (r->type != REDIS_REPLY_STRING && r->type != REDIS_REPLY_NIL))
+          return failureOf(r);
+        long v = r->type == REDIS_REPLY_STRING ? strtol(r->str, nullptr, 10)
+                 : o->name == kDeadLetterQueue ? 0
+                                               : 5;
+        IntAttrs[ints++] = KXLONG(v);
         continue;
       }
       Reply r = evalScript(c.link, c.depth, {o->keys.q, o->keys.pl}, {});
@@ -719,10 +815,13 @@ KXENTRY void KXSET(KXHCONN Hconn, KXHOBJ Hobj, KXLONG SelectorCount, KXLONG* Sel
     if (KXLONG r = checkSet(o->options, SelectorCount, Selectors, IntAttrCount, IntAttrs)) return r;
     for (KXLONG i = 0; i < SelectorCount; ++i) {
       std::string value = std::to_string(IntAttrs[i]);
-      Reply r = evalScript(c.link, c.setMax, {c.prefix + "queues"}, {o->name, value});
+      bool threshold = Selectors[i] == KXIA_BACKOUT_THRESHOLD;
+      Reply r = threshold ? evalScript(c.link, c.setThreshold,
+                                       {c.prefix + "queues", c.prefix + "bt"}, {o->name, value})
+                          : evalScript(c.link, c.setMax, {c.prefix + "queues"}, {o->name, value});
       if (!r || r->type != REDIS_REPLY_INTEGER) return failureOf(r);
       if (r->integer != 1) return KXRC_Q_DELETED;
-      o->maxLength = IntAttrs[i];
+      if (!threshold) o->maxLength = IntAttrs[i];
     }
     return 0;
   });

@@ -15,6 +15,14 @@
 //                        read at most about 4 MiB of entries at a time by it
 //   kx:{QM}:c:NAME       channel: published when messages leave, hide or come back, so that
 //                        browsers drop the batches they read ahead
+//   kx:{QM}:b:NAME       hash: entry id -> times the message was got under syncpoint and backed
+//                        out (given back by a commit that failed, a back-out or an expiry)
+//   kx:{QM}:bt           hash: queue name -> back-out threshold (absent: 5; 0 for the
+//                        dead-letter queue KX.DEAD.LETTER and "never")
+//
+// A message backed out as often as its queue's threshold moves to KX.DEAD.LETTER when the queue
+// manager has that queue; otherwise it stays and destructive gets pass it over. Gets and browses
+// return the count in the descriptor's BackoutCount (offset 96, the machine's byte order).
 //
 // A message got under syncpoint stays in its stream (a stream cannot take an id below its top
 // again, so deleting it would lose its place); it is hidden by its lock until the commit
@@ -69,6 +77,39 @@ namespace kxic {
   "    if f[i] == 'md' then md = f[i + 1] elseif f[i] == 'data' then data = f[i + 1] end\n"   \
   "  end\n"                                                                                   \
   "  return md, data\n"                                                                       \
+  "end\n"                                                                                     \
+  "local dead_letter = 'KX.DEAD.LETTER'\n"                                                    \
+  "local function with_count(md, n)\n"                                                        \
+  "  return string.sub(md, 1, 96) .. struct.pack('<i4', n) .. string.sub(md, 101)\n"          \
+  "end\n"                                                                                     \
+  "local function threshold(q)\n"                                                             \
+  "  local p, name = string.match(q, '^(.-}:)q:(.*)$')\n"                                     \
+  "  local t = redis.call('HGET', p .. 'bt', name)\n"                                         \
+  "  if t then return tonumber(t) end\n"                                                      \
+  "  if name == dead_letter then return 0 end\n"                                              \
+  "  return 5\n"                                                                              \
+  "end\n"                                                                                     \
+  "local function backed_out(q, id)\n"                                                        \
+  "  local p, name = string.match(q, '^(.-}:)q:(.*)$')\n"                                     \
+  "  local b = p .. 'b:' .. name\n"                                                           \
+  "  local n = redis.call('HINCRBY', b, id, 1)\n"                                             \
+  "  local t = threshold(q)\n"                                                                \
+  "  if t <= 0 or n < t or name == dead_letter then return false end\n"                       \
+  "  if redis.call('HEXISTS', p .. 'queues', dead_letter) == 0 then return false end\n"       \
+  "  local e = redis.call('XRANGE', q, id, id)\n"                                             \
+  "  if #e == 0 then return false end\n"                                                      \
+  "  local md, data = fields(e[1])\n"                                                         \
+  "  if not md or not data then return false end\n"                                           \
+  "  local dq = p .. 'q:' .. dead_letter\n"                                                   \
+  "  local nid = redis.call('XADD', dq, '*', 'md', md, 'data', data)\n"                       \
+  "  redis.call('HSET', p .. 'b:' .. dead_letter, nid, n)\n"                                  \
+  "  local z = p .. 'z:' .. dead_letter\n"                                                    \
+  "  if #data > tonumber(redis.call('GET', z) or '0') then redis.call('SET', z, #data) end\n" \
+  "  redis.call('XADD', p .. 'w:' .. dead_letter, 'MAXLEN', 1, '*', 'wake', '1')\n"            \
+  "  redis.call('PUBLISH', p .. 'c:' .. dead_letter, '1')\n"                                  \
+  "  redis.call('XDEL', q, id)\n"                                                             \
+  "  redis.call('HDEL', b, id)\n"                                                             \
+  "  return true\n"                                                                           \
   "end\n"
 
 // Destructive get of the first visible message (matching MsgId/CorrelId when given).
@@ -77,7 +118,9 @@ namespace kxic {
 // carry it forward; any change that can make an entry at or before it visible again (a
 // back-out of gets, a commit of puts, a message of an expired unit given back) deletes it, and
 // a unit of work past its expiry makes the get scan from the start, which backs that unit out.
-// KEYS: q, gl, pl, owners, w, h, z. ARGV: limit (-1 any length), token ('' no syncpoint), ttl ms,
+// A message got under syncpoint by an expired unit of work counts one more back-out; one backed
+// out as often as the threshold is passed over (or was moved to the dead-letter queue).
+// KEYS: q, gl, pl, owners, w, h, z, b. ARGV: limit (-1 any length), token ('' no syncpoint), ttl ms,
 // msgid (''), correlid ('').
 // Reply: {1, id, md, data} taken; {2, id, md, length} longer than limit, left alone;
 //        {0, top id of q, top id of w} nothing there.
@@ -85,6 +128,9 @@ inline constexpr const char* kGetScript = KXIC_LUA_COMMON
     "local q, gl, pl, owners, w, h = KEYS[1], KEYS[2], KEYS[3], KEYS[4], KEYS[5], KEYS[6]\n"
     "local limit, token, ttl = tonumber(ARGV[1]), ARGV[2], tonumber(ARGV[3])\n"
     "local mid, cid = ARGV[4], ARGV[5]\n"
+    "local bk = KEYS[8]\n"
+    "local counted = redis.call('HLEN', bk) > 0\n"
+    "local limit_bo = counted and threshold(q) or 0\n"
     "local locks = redis.call('HLEN', gl) + redis.call('HLEN', pl)\n"
     "local now = now_ms()\n"
     "local hint = false\n"
@@ -138,13 +184,21 @@ inline constexpr const char* kGetScript = KXIC_LUA_COMMON
     "            changed(q)\n"
     "            redis.call('DEL', h)\n"
     "            hint = false\n"
+    "            if backed_out(q, id) then take = false end\n"
+    "            counted = true\n"
+    "            limit_bo = threshold(q)\n"
     "          end\n"
     "        end\n"
     "      end\n"
     "    end\n"
-    "    local md, data\n"
+    "    local md, data, bo = nil, nil, 0\n"
+    "    if take and counted then\n"
+    "      bo = tonumber(redis.call('HGET', bk, id) or '0')\n"
+    "      if limit_bo > 0 and bo >= limit_bo then take = false end\n"
+    "    end\n"
     "    if take then\n"
     "      md, data = fields(e)\n"
+    "      if md and #md == 364 then md = with_count(md, bo) end\n"
     "      if not md or not data then take = false\n"
     "      elseif mid ~= '' and string.sub(md, 49, 72) ~= mid then take = false\n"
     "      elseif cid ~= '' and string.sub(md, 73, 96) ~= cid then take = false end\n"
@@ -160,6 +214,7 @@ inline constexpr const char* kGetScript = KXIC_LUA_COMMON
     "        redis.call('HINCRBY', owners, 'n:' .. token, 1)\n"
     "      else\n"
     "        redis.call('XDEL', q, id)\n"
+    "        if bo > 0 then redis.call('HDEL', bk, id) end\n"
     "        if redis.call('XLEN', q) == 0 then redis.call('DEL', KEYS[7]) end\n"
     "      end\n"
     "      if locks > 0 or token ~= '' then locks = locks + 1 keep_hint(id) end\n"
@@ -184,8 +239,8 @@ inline constexpr const char* kGetScript = KXIC_LUA_COMMON
 // Browse batch: visible messages after a start id, up to a count and about a byte cap (at
 // least one message). A message longer than the limit comes as its length in place of its data,
 // so that a browse learns the length of a big message without fetching it, and fetches it
-// once, when it is handed out.
-// KEYS: q, gl, pl, owners, z. ARGV: start ('-' or '(' id), count, cap, limit.
+// once, when it is handed out. Descriptors carry the message's back-out count.
+// KEYS: q, gl, pl, owners, z, b. ARGV: start ('-' or '(' id), count, cap, limit.
 // Reply: {last id scanned or '', id1, md1, data1 or length1, id2, ...}.
 inline constexpr const char* kBrowseScript = KXIC_LUA_COMMON
     "local q, gl, pl, owners = KEYS[1], KEYS[2], KEYS[3], KEYS[4]\n"
@@ -196,6 +251,7 @@ inline constexpr const char* kBrowseScript = KXIC_LUA_COMMON
     "local now = 0\n"
     "if locks > 0 then now = now_ms() end\n"
     "local batch = redis.call('XRANGE', q, ARGV[1], '+', 'COUNT', count)\n"
+    "local counted = redis.call('HLEN', KEYS[6]) > 0\n"
     "local out, total, last = {''}, 0, ''\n"
     "for _, e in ipairs(batch) do\n"
     "  local id, show = e[1], true\n"
@@ -214,6 +270,9 @@ inline constexpr const char* kBrowseScript = KXIC_LUA_COMMON
     "  if show then\n"
     "    local long = #data > limit\n"
     "    if #out > 1 and not long and total + #data > cap then break end\n"
+    "    if counted and #md == 364 then\n"
+    "      md = with_count(md, tonumber(redis.call('HGET', KEYS[6], id) or '0'))\n"
+    "    end\n"
     "    out[#out + 1] = id\n"
     "    out[#out + 1] = md\n"
     "    if long then out[#out + 1] = #data\n"
@@ -277,7 +336,13 @@ inline constexpr const char* kEndScript = KXIC_LUA_COMMON
     "  for _, id in ipairs(u.gets) do\n"
     "    if redis.call('HGET', u.gl, id) == token then\n"
     "      redis.call('HDEL', u.gl, id)\n"
-    "      if mode == 'c' then redis.call('XDEL', u.q, id) else wake = true end\n"
+    "      if mode == 'c' then\n"
+    "        redis.call('XDEL', u.q, id)\n"
+    "        redis.call('HDEL', (string.gsub(u.q, '}:q:', '}:b:', 1)), id)\n"
+    "      else\n"
+    "        backed_out(u.q, id)\n"
+    "        wake = true\n"
+    "      end\n"
     "    end\n"
     "  end\n"
     "  for _, id in ipairs(u.puts) do\n"
@@ -301,6 +366,22 @@ inline constexpr const char* kEndScript = KXIC_LUA_COMMON
 inline constexpr const char* kSetMaxScript =
     "if redis.call('HEXISTS', KEYS[1], ARGV[1]) == 0 then return 0 end\n"
     "redis.call('HSET', KEYS[1], ARGV[1], ARGV[2])\n"
+    "return 1\n";
+
+// Keeps a live unit of work from expiring: a new expiry, only while the unit still exists.
+// KEYS: owners. ARGV: token, ttl ms. Reply: 1 renewed, 0 the unit is gone.
+inline constexpr const char* kRenewScript =
+    "if redis.call('HEXISTS', KEYS[1], ARGV[1]) == 0 then return 0 end\n"
+    "local t = redis.call('TIME')\n"
+    "local now = tonumber(t[1]) * 1000 + math.floor(tonumber(t[2]) / 1000)\n"
+    "redis.call('HSET', KEYS[1], ARGV[1], now + tonumber(ARGV[2]))\n"
+    "return 1\n";
+
+// Sets a queue's back-out threshold when the queue exists.
+// KEYS: queues, bt. ARGV: name, threshold. Reply: 1, or 0 when the queue is gone.
+inline constexpr const char* kSetThresholdScript =
+    "if redis.call('HEXISTS', KEYS[1], ARGV[1]) == 0 then return 0 end\n"
+    "redis.call('HSET', KEYS[2], ARGV[1], ARGV[2])\n"
     "return 1\n";
 
 // Current depth: messages in the stream less those put under syncpoint and not committed.

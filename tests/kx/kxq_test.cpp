@@ -1,8 +1,11 @@
 // kxq_test.cpp - the queue admin tool run as a program: dump and load round trip byte for byte,
 // raw message files, and failures that must end with a non-zero exit.
+#include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <fstream>
+#include <map>
 #include <sstream>
 
 #include "tests/kx/kx_fixture.h"
@@ -159,4 +162,88 @@ TEST_F(KxTest, KxqCommandsFailWithANonZeroExit) {
   EXPECT_EQ(runKxq("delete-queue QM1 Q1"), 1);
   EXPECT_EQ(runKxq("delete-qmgr QM1"), 0);
   EXPECT_EQ(runKxq("list QM1"), 1);
+}
+
+namespace {
+
+// kxq's exit status and what it wrote to standard output and standard error together.
+std::pair<int, std::string> runKxqOutput(const std::string& args, const std::string& dir) {
+  std::string out = dir + "/kxq.out";
+  std::string cmd = std::string(KXQ_PATH) + " " + args + " >" + out + " 2>&1";
+  int status = std::system(cmd.c_str());
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, slurp(out)};
+}
+
+}  // namespace
+
+// A damaged queue manager file: every command says "object damaged", names the file and gives
+// SQLite's words for the cause, and exits 1 at once (no retry mends it).
+TEST_F(KxTest, KxqNamesADamagedFileAndItsCause) {
+  struct Row {
+    const char* name;
+    const char* command;
+    void (*damage)(const std::string& file);
+    const char* cause;
+  };
+  const Row rows[] = {
+      {"cut short", "browse QM1 Q1 --to ",
+       [](const std::string& f) { ASSERT_EQ(truncate(f.c_str(), 8192), 0); },
+       "database disk image is malformed"},
+      {"not a database", "put QM1 Q1 /dev/null",
+       [](const std::string& f) { std::ofstream(f, std::ios::binary) << "plain text"; },
+       "file is not a database"},
+      {"a directory", "list QM1",
+       [](const std::string& f) {
+         ASSERT_EQ(unlink(f.c_str()), 0);
+         ASSERT_EQ(mkdir(f.c_str(), 0700), 0);
+       },
+       "is a directory"},
+  };
+  char path[512];
+  ASSERT_EQ(kxmDataPath(path, sizeof path), 0);
+  const std::string file = std::string(path) + "/QM1.kxdb";
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    kxmDeleteQmgr("QM1", nullptr, 0);
+    std::string rmdir = "rm -rf '" + file + "'";
+    ASSERT_EQ(std::system(rmdir.c_str()), 0);
+    ASSERT_EQ(runKxq("create-qmgr QM1"), 0);
+    ASSERT_EQ(runKxq("create-queue QM1 Q1"), 0);
+    ASSERT_EQ(runKxq("put QM1 Q1 " + std::string(KXQ_PATH)), 0);
+    row.damage(file);
+    std::string command = row.command;
+    if (command.back() == ' ') command += dir_ + "/out";
+    auto [status, text] = runKxqOutput(command, dir_);
+    EXPECT_EQ(status, 1) << text;
+    EXPECT_NE(text.find(file), std::string::npos) << text;
+    EXPECT_NE(text.find(row.cause), std::string::npos) << text;
+    if (std::string(row.command) != "list QM1") {
+      EXPECT_NE(text.find("object damaged (cc=2, reason=2101)"), std::string::npos) << text;
+    }
+  }
+  std::string rmdir = "rm -rf '" + file + "'";
+  ASSERT_EQ(std::system(rmdir.c_str()), 0);
+}
+
+// create-qmgr makes the dead-letter queue; list shows each queue's back-out threshold.
+TEST_F(KxTest, KxqListsTheDeadLetterQueueAndBackoutThresholds) {
+  kxmDeleteQmgr("QM1", nullptr, 0);
+  auto [status, text] = runKxqOutput("create-qmgr QM1", dir_);
+  ASSERT_EQ(status, 0) << text;
+  EXPECT_EQ(text, "queue manager QM1 created, with dead-letter queue KX.DEAD.LETTER\n");
+  ASSERT_EQ(runKxq("create-queue QM1 Q1"), 0);
+  auto [listed, table] = runKxqOutput("list QM1", dir_);
+  ASSERT_EQ(listed, 0) << table;
+  std::istringstream lines(table);
+  std::string line, name;
+  std::map<std::string, std::string> threshold;
+  std::getline(lines, line);
+  EXPECT_NE(line.find("BOTHRESH"), std::string::npos) << line;
+  while (std::getline(lines, line)) {
+    std::istringstream fields(line);
+    std::string depth, maxLength, bothresh;
+    fields >> name >> depth >> maxLength >> bothresh;
+    threshold[name] = bothresh;
+  }
+  EXPECT_EQ(threshold, (std::map<std::string, std::string>{{"KX.DEAD.LETTER", "0"}, {"Q1", "5"}}));
 }

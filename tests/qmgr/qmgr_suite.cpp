@@ -432,6 +432,10 @@ TEST_F(QmgrTest, SyncpointGetsAndPutsCommitOrBackOutInPlace) {
   EXPECT_EQ(seenElsewhere(), numbered(0));
   Got again = get(h, o, KXGMO_SYNCPOINT);
   EXPECT_EQ(again.data, numbered(0));
+  // The same descriptor, but for the back-out now counted.
+  EXPECT_EQ(a.md.BackoutCount, 0);
+  EXPECT_EQ(again.md.BackoutCount, 1);
+  again.md.BackoutCount = 0;
   EXPECT_EQ(memcmp(&again.md, &a.md, sizeof a.md), 0);
   EXPECT_EQ(commit(h).cc, KXCC_OK);
   EXPECT_EQ(depth(h, "Q1"), 4);
@@ -463,6 +467,85 @@ TEST_F(QmgrTest, SyncpointGetsAndPutsCommitOrBackOutInPlace) {
   h = connect(qmgr_);
   EXPECT_EQ(depth(h, "Q1"), 4);
   disconnect(h);
+}
+
+// A message whose get is backed out again and again: each back-out is counted in BackoutCount;
+// at the queue's threshold it moves to the dead-letter queue when the queue manager has one, or
+// stays where it is and gets pass it over; either way the getter goes on with the next message.
+struct BackoutCase {
+  const char* name;
+  bool deadLetterQueue;
+  KXLONG threshold;  // -1: the default
+  int backouts;      // back-outs before the message leaves the getters' way
+};
+
+static const BackoutCase kBackoutCases[] = {
+    {"default threshold, dead-letter queue", true, -1, 5},
+    {"default threshold, no dead-letter queue", false, -1, 5},
+    {"threshold 2, dead-letter queue", true, 2, 2},
+    {"threshold 0 never gives up", false, 0, 8},
+};
+
+TEST_F(QmgrTest, MessagesBackedOutTooOftenLeaveTheGettersWay) {
+  for (const BackoutCase& t : kBackoutCases) {
+    SCOPED_TRACE(t.name);
+    std::string queue = std::string("BQ") + std::to_string(&t - kBackoutCases);
+    char msg[256];
+    ASSERT_EQ(kxmCreateQueue(qmgr_.c_str(), queue.c_str(), -1, msg, sizeof msg), 0) << msg;
+    if (t.deadLetterQueue) kxmCreateQueue(qmgr_.c_str(), "KX.DEAD.LETTER", -1, msg, sizeof msg);
+    if (!t.deadLetterQueue) kxmDeleteQueue(qmgr_.c_str(), "KX.DEAD.LETTER", msg, sizeof msg);
+    KXHCONN h = connect(qmgr_);
+    KXHOBJ o = open(h, queue.c_str(), KXOO_OUTPUT | KXOO_INPUT_SHARED | KXOO_BROWSE | KXOO_INQUIRE |
+                                          KXOO_SET);
+    Result r;
+    KXLONG sel = KXIA_BACKOUT_THRESHOLD, value = -1;
+    KXINQ(h, o, 1, &sel, 1, &value, 0, nullptr, &r.cc, &r.rc);
+    EXPECT_EQ(value, 5) << "the default threshold";
+    if (t.threshold >= 0) {
+      value = t.threshold;
+      KXSET(h, o, 1, &sel, 1, &value, 0, nullptr, &r.cc, &r.rc);
+      ASSERT_EQ(r.cc, KXCC_OK) << r.rc;
+    }
+    // A put does not carry a count in: the queue manager owns it.
+    KXMD poison = KXMD_DEFAULT;
+    poison.BackoutCount = 77;
+    put(h, o, "poison", 0, &poison);
+    put(h, o, "next");
+    for (int i = 0; i < t.backouts; ++i) {
+      Got g = get(h, o, KXGMO_SYNCPOINT);
+      ASSERT_EQ(g.data, "poison") << i;
+      EXPECT_EQ(g.md.BackoutCount, i);
+      ASSERT_EQ(backOut(h).cc, KXCC_OK);
+    }
+    Got next = get(h, o, KXGMO_SYNCPOINT);
+    if (t.threshold == 0) {
+      EXPECT_EQ(next.data, "poison");
+      EXPECT_EQ(next.md.BackoutCount, t.backouts);
+      ASSERT_EQ(commit(h).cc, KXCC_OK);
+      next = get(h, o, KXGMO_SYNCPOINT);
+    }
+    EXPECT_EQ(next.data, "next");
+    EXPECT_EQ(next.md.BackoutCount, 0);
+    ASSERT_EQ(commit(h).cc, KXCC_OK);
+    Got left = get(h, o, KXGMO_BROWSE_FIRST);
+    if (t.threshold == 0) {
+      EXPECT_EQ(left.r.rc, KXRC_NO_MSG_AVAILABLE);
+    } else if (t.deadLetterQueue) {
+      EXPECT_EQ(left.r.rc, KXRC_NO_MSG_AVAILABLE) << "moved away";
+      KXHOBJ dlq = open(h, "KX.DEAD.LETTER", KXOO_INPUT_SHARED);
+      Got dead = get(h, dlq, 0);
+      EXPECT_EQ(dead.data, "poison");
+      EXPECT_EQ(dead.md.BackoutCount, t.backouts);
+      EXPECT_EQ(0, memcmp(dead.md.MsgId, poison.MsgId, sizeof poison.MsgId));
+    } else {
+      // Left in place: browsed with its count, passed over by gets.
+      EXPECT_EQ(left.data, "poison");
+      EXPECT_EQ(left.md.BackoutCount, t.backouts);
+      EXPECT_EQ(get(h, o, 0).r.rc, KXRC_NO_MSG_AVAILABLE);
+      EXPECT_EQ(depth(h, queue.c_str()), 1);
+    }
+    disconnect(h);
+  }
 }
 
 TEST_F(QmgrTest, GettersSkipOtherUnitsOfWorkAndFindWhatTheyGiveBack) {
@@ -549,6 +632,11 @@ TEST_F(QmgrTest, TheUnitOfWorkOfAKilledProcessIsBackedOut) {
                               return takeAll(c, open(c, "Q1", KXOO_BROWSE), KXGMO_BROWSE_NEXT);
                             }),
             kAllFour);
+  // A get of a process that died counts as a back-out.
+  Got first = get(h, o, KXGMO_SYNCPOINT);
+  EXPECT_EQ(first.data, numbered(0));
+  EXPECT_EQ(first.md.BackoutCount, 1);
+  EXPECT_EQ(backOut(h).cc, KXCC_OK);
   EXPECT_EQ(takeAll(h, o), kAllFour);
   disconnect(h);
 }

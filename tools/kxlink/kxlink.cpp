@@ -115,6 +115,17 @@ extern "C" int32_t kxmDataPath(char* buf, size_t bufLen) {
   return fn(buf, bufLen);
 }
 
+// Why the last call failed; a library without the entry knows no more than the reason.
+extern "C" int32_t kxmLastFailure(char* msg, size_t msgLen) {
+  using Fn = int32_t (*)(char*, size_t);
+  static Fn fn = entry<Fn>("kxmLastFailure");
+  if (fn == nullptr) {
+    if (msg != nullptr && msgLen > 0) msg[0] = '\0';
+    return -1;
+  }
+  return fn(msg, msgLen);
+}
+
 extern "C" int32_t kxmCreateQmgr(const char* qmgr, char* msg, size_t msgLen) {
   using Fn = int32_t (*)(const char*, char*, size_t);
   static Fn fn = entry<Fn>("kxmCreateQmgr");

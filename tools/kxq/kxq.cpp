@@ -36,7 +36,8 @@ const char* const kUsage =
     "  kxq delete-qmgr QMGR\n"
     "  kxq create-queue QMGR QUEUE [--max-length BYTES]\n"
     "  kxq delete-queue QMGR QUEUE\n"
-    "  kxq list QMGR                 queues with their depth and maximum message length\n"
+    "  kxq list QMGR                 queues with their depth, maximum message length and\n"
+    "                                back-out threshold\n"
     "  kxq clear QMGR QUEUE          remove every message\n"
     "\n"
     "Messages:\n"
@@ -74,6 +75,7 @@ constexpr ReasonText kReasons[] = {
     {KXRC_STORAGE_NOT_AVAILABLE, "out of memory"},
     {KXRC_TRUNCATED_MSG_FAILED, "message truncated"},
     {KXRC_UNKNOWN_OBJECT_NAME, "unknown queue"},
+    {KXRC_OBJECT_DAMAGED, "object damaged"},
     {KXRC_RESOURCE_PROBLEM, "resource problem (disk full or queue manager busy)"},
     {KXRC_UNEXPECTED_ERROR, "unexpected error"},
 };
@@ -94,9 +96,13 @@ void fail(const char* fmt, ...) {
   va_end(ap);
 }
 
+// The library's own words for the failure (the damaged file and its cause, ...) follow the
+// reason when it has them.
 int failCall(const char* call, const std::string& what, KXLONG cc, KXLONG reason) {
-  fail("%s on %s failed: %s (cc=%d, reason=%d)", call, what.c_str(), reasonText(reason), int(cc),
-       int(reason));
+  char cause[1024];
+  bool known = kxmLastFailure(cause, sizeof cause) == 0 && cause[0];
+  fail("%s on %s failed: %s (cc=%d, reason=%d)%s%s", call, what.c_str(), reasonText(reason),
+       int(cc), int(reason), known ? ": " : "", known ? cause : "");
   return kExitFailed;
 }
 
@@ -222,6 +228,19 @@ int64_t queueDepth(Connection& c, const std::string& queue) {
   return depth;
 }
 
+// An integer attribute of a queue, -1 when it cannot be inquired.
+int64_t queueAttribute(Connection& c, const std::string& queue, KXLONG selector) {
+  KXHOBJ h = -1;
+  KXOD od = KXOD_DEFAULT;
+  kxSetName(od.ObjectName, sizeof od.ObjectName, queue.c_str());
+  KXLONG cc, rc, value = -1;
+  KXOPEN(c.hconn, &od, KXOO_INQUIRE, &h, &cc, &rc);
+  if (cc == KXCC_FAILED) return -1;
+  KXINQ(c.hconn, h, 1, &selector, 1, &value, 0, nullptr, &cc, &rc);
+  KXCLOSE(c.hconn, &h, 0, &cc, &rc);
+  return cc == KXCC_FAILED ? -1 : value;
+}
+
 int commit(Connection& c, const std::string& queue) {
   KXLONG cc, rc;
   KXCMIT(c.hconn, &cc, &rc);
@@ -288,10 +307,16 @@ int adminResult(int32_t r, const char* msg) {
   return kExitFailed;
 }
 
+// The dead-letter queue: messages backed out as often as their queue's back-out threshold
+// move there instead of being handed out again.
+constexpr const char* kDeadLetterQueue = "KX.DEAD.LETTER";
+
 int cmdCreateQmgr(const Args& a) {
   char msg[1024];
   int r = adminResult(kxmCreateQmgr(a[0].c_str(), msg, sizeof msg), msg);
-  if (r == kExitOk) printf("queue manager %s created\n", a[0].c_str());
+  if (r == kExitOk) r = adminResult(kxmCreateQueue(a[0].c_str(), kDeadLetterQueue, -1, msg, sizeof msg), msg);
+  if (r == kExitOk)
+    printf("queue manager %s created, with dead-letter queue %s\n", a[0].c_str(), kDeadLetterQueue);
   return r;
 }
 
@@ -346,10 +371,12 @@ int cmdList(const Args& a) {
   if (r) return adminResult(r, msg);
   Connection c;
   if (int e = connectTo(a[0], c)) return e;
-  printf("%-48s %12s %12s\n", "QUEUE", "DEPTH", "MAXMSGL");
+  printf("%-48s %12s %12s %9s\n", "QUEUE", "DEPTH", "MAXMSGL", "BOTHRESH");
   for (const Row& row : rows) {
     int64_t depth = queueDepth(c, row.name);
-    printf("%-48s %12" PRId64 " %12" PRId64 "\n", row.name.c_str(), depth, row.maxLength);
+    int64_t threshold = queueAttribute(c, row.name, KXIA_BACKOUT_THRESHOLD);
+    printf("%-48s %12" PRId64 " %12" PRId64 " %9" PRId64 "\n", row.name.c_str(), depth,
+           row.maxLength, threshold);
   }
   return kExitOk;
 }
@@ -369,8 +396,9 @@ int cmdClear(const Args& a) {
     KXGET(c.hconn, h, &md, &gmo, 0, nullptr, &length, &cc, &rc);
     if (rc == KXRC_NO_MSG_AVAILABLE) break;
     if (cc == KXCC_FAILED) {
+      int e = failCall("get", "queue " + a[1], cc, rc);  // while the cause is known
       backOut(c);
-      return failCall("get", "queue " + a[1], cc, rc);
+      return e;
     }
     if (++removed % kCommitEvery == 0) {
       if (int e = commit(c, a[1])) return e;
