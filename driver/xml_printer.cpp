@@ -1,8 +1,9 @@
-// XML message output on the Xerces-C DOM parser and its LS serializer.
+// XML message output on the Xerces-C DOM parser and its LS serializer, both kept for the run.
 #include "driver/xml_printer.h"
 
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <new>
 
 #include <xercesc/dom/DOM.hpp>
@@ -147,7 +148,10 @@ class ParseMemory : public MemoryManager {
   void beginDocument(XMLScanner* scanner) {
     scanner_ = scanner;
     readers_ = 0;
+    refused_ = false;
   }
+  // Whether this parse raised the refusal (the parser is then not used again).
+  bool refused() const { return refused_; }
   void endDocument() { scanner_ = nullptr; }
   // Entities opened by the document so far (its own reader is not one).
   uint64_t entities() const { return readers_ > 0 ? readers_ - 1 : 0; }
@@ -167,6 +171,7 @@ class ParseMemory : public MemoryManager {
     if (size == kReaderBlock && scanner_ != nullptr && ++readers_ > kMaxEntityExpansions + 1) {
       XMLCh limit[24];
       XMLString::sizeToText(kMaxEntityExpansions, limit, 23, 10);
+      refused_ = true;
       scanner_->emitError(XMLErrs::EntityExpansionLimitExceeded, limit);  // throws
     }
     auto* b = static_cast<Link*>(std::malloc(sizeof(Link) + size));
@@ -198,6 +203,7 @@ class ParseMemory : public MemoryManager {
   Link head_;
   XMLScanner* scanner_ = nullptr;
   uint64_t readers_ = 0;
+  bool refused_ = false;
 };
 
 // The DOM parser with the text of the document counted as it is built; past the limit the scanner
@@ -207,10 +213,12 @@ class GuardedParser : public XercesDOMParser {
   explicit GuardedParser(ParseMemory* memory) : XercesDOMParser(nullptr, memory) {}
 
   void beginDocument(uint32_t length) {
+    refused_ = false;
     text_ = 0;
     textLimit_ = kTextPerDocumentByte * length + kTextAllowance;
   }
   uint64_t text() const { return text_; }
+  bool refused() const { return refused_; }
   XMLScanner* scanner() const { return getScanner(); }
 
   void docCharacters(const XMLCh* const chars, const XMLSize_t length, const bool cdata) override {
@@ -247,11 +255,13 @@ class GuardedParser : public XercesDOMParser {
                   "document text expands to more than '%llu' characters (%llu per byte of the document); "
                   "this is the limit imposed by the application",
                   static_cast<unsigned long long>(textLimit_), static_cast<unsigned long long>(kTextPerDocumentByte));
+    refused_ = true;
     getScanner()->emitError(XMLErrs::XMLException_Fatal, text);  // throws
   }
 
   uint64_t text_ = 0;
   uint64_t textLimit_ = 0;
+  bool refused_ = false;
 };
 
 // Counts of the last document parsed (tests read them).
@@ -260,6 +270,65 @@ XmlDocumentCounts g_lastCounts;
 // The library stays initialised from the first message to the end of the run; each message
 // adds and drops its own reference.
 bool g_xmlBase = false;
+
+// The parser and the serializer of the run, with their settings, made at the first message and
+// kept for the next ones (a new document resets the parser; the serializer holds nothing of the
+// document it wrote). A document with errors (among them the refusals of the amplification
+// limits) or a library exception drops them: the next message starts from new ones, and the
+// blocks the library left behind go with the parse memory.
+class XmlSession {
+ public:
+  XmlSession() : parser(&memory) {
+    limits.setEntityExpansionLimit(kMaxEntityExpansions);
+    parser.setValidationScheme(XercesDOMParser::Val_Auto);
+    parser.setDoNamespaces(true);
+    parser.setDoSchema(true);
+    parser.setValidationSchemaFullChecking(true);
+    parser.setErrorHandler(&parseErrors);
+    parser.setEntityResolver(&noExternal);
+    parser.setSecurityManager(&limits);
+  }
+  ~XmlSession() {
+    if (output != nullptr) output->release();
+    if (serializer != nullptr) serializer->release();
+  }
+  XmlSession(const XmlSession&) = delete;
+  XmlSession& operator=(const XmlSession&) = delete;
+
+  // The serializer and its output, made once with the fixed features; throws the library's
+  // exception when it cannot.
+  void makeSerializer() {
+    if (serializer != nullptr) return;
+    static const XMLCh kLs[] = {chLatin_L, chLatin_S, chNull};
+    auto* impl = static_cast<DOMImplementationLS*>(DOMImplementationRegistry::getDOMImplementation(kLs));
+    serializer = impl->createLSSerializer();
+    output = impl->createLSOutput();
+    DOMConfiguration* config = serializer->getDomConfig();
+    config->setParameter(XMLUni::fgDOMErrorHandler, &writeErrors);
+    const XMLCh* features[] = {XMLUni::fgDOMWRTSplitCdataSections, XMLUni::fgDOMWRTDiscardDefaultContent,
+                               XMLUni::fgDOMWRTFormatPrettyPrint};
+    for (const XMLCh* f : features)
+      if (config->canSetParameter(f, true)) config->setParameter(f, true);
+    // The library's own pretty-print extension puts a blank line between elements; the
+    // standard pretty print indents without it.
+    if (config->canSetParameter(XMLUni::fgDOMWRTXercesPrettyPrint, false))
+      config->setParameter(XMLUni::fgDOMWRTXercesPrettyPrint, false);
+    if (config->canSetParameter(XMLUni::fgDOMWRTBOM, false)) config->setParameter(XMLUni::fgDOMWRTBOM, false);
+  }
+
+  ParseMemory memory;  // outlives the parser, whose blocks it holds
+  NoExternalEntities noExternal;
+  // The library's own count of general entities stops at the same limit (the parse memory
+  // counts every kind).
+  SecurityManager limits;
+  ParseErrors parseErrors;
+  GuardedParser parser;
+  WriteErrors writeErrors;
+  DOMLSSerializer* serializer = nullptr;
+  DOMLSOutput* output = nullptr;
+};
+
+std::unique_ptr<XmlSession> g_session;
 
 }  // namespace
 
@@ -281,94 +350,64 @@ void printXmlMsg(const char* doc, uint32_t length, const char* /*queueName*/, FI
   if (encodingName[0] == '\0') std::snprintf(encodingName, kEncodingNameRoom, "%s", "UTF-8");
   XMLCh* encoding = XMLString::transcode(encodingName);
 
-  {
-    NoExternalEntities noExternal;
-    // The library's own count of general entities stops at the same limit (the parse memory
-    // counts every kind).
-    SecurityManager limits;
-    limits.setEntityExpansionLimit(kMaxEntityExpansions);
-    ParseMemory memory;
-    GuardedParser parser(&memory);
-    parser.setValidationScheme(XercesDOMParser::Val_Auto);
-    parser.setDoNamespaces(true);
-    parser.setDoSchema(true);
-    parser.setValidationSchemaFullChecking(true);
-    ParseErrors parseErrors;
-    parser.setErrorHandler(&parseErrors);
-    parser.setEntityResolver(&noExternal);
-    parser.setSecurityManager(&limits);
+  if (!g_session) g_session = std::make_unique<XmlSession>();
+  XmlSession& s = *g_session;
+  bool drop = false;  // start the next message from a new parser and serializer
 
-    bool failed = false;
-    MemBufInputSource source(reinterpret_cast<const XMLByte*>(doc), length, kSourceName, false);
-    memory.beginDocument(parser.scanner());
-    parser.beginDocument(length);
+  bool failed = false;
+  MemBufInputSource source(reinterpret_cast<const XMLByte*>(doc), length, kSourceName, false);
+  s.parseErrors.resetErrors();
+  s.memory.beginDocument(s.parser.scanner());
+  s.parser.beginDocument(length);
+  try {
+    s.parser.parse(source);
+  } catch (const XMLException& e) {
+    Narrow msg(e.getMessage());
+    std::fprintf(stderr, "An error occurred during parsing\n   Message: %s\n", msg.c_str());
+    failed = true;
+  } catch (const DOMException& e) {
+    // The source name is never set for in-memory documents: it prints empty.
+    std::fprintf(stderr, "\nDOM Error during parsing: '%s'\nDOMException code is:  %d\n", "",
+                 static_cast<int>(e.code));
+    XMLCh text[2048];
+    if (DOMImplementation::loadDOMExceptionMsg(e.code, text, 2047)) {
+      Narrow msg(text);
+      std::fprintf(stderr, "Message is: %s\n", msg.c_str());
+    }
+    failed = true;
+  } catch (...) {
+    std::fprintf(stderr, "An error occurred during parsing\n \n");
+    failed = true;
+  }
+  s.memory.endDocument();
+  g_lastCounts = XmlDocumentCounts{s.memory.entities(), s.parser.text()};
+  drop = failed || s.parseErrors.sawErrors() || s.memory.refused() || s.parser.refused();
+
+  DOMDocument* document = s.parser.getDocument();
+  if (!failed && !s.parseErrors.sawErrors() && document != nullptr) {
+    ++*msgCounter;
+    std::fprintf(out, "\n\n**** Message number: %u\n", static_cast<unsigned>(*msgCounter));
+    if (noSizeLine == 0)
+      std::fprintf(out, "**** Message size:   %u\n", static_cast<unsigned>(length + kDescriptorSize));
+    std::fputc('\n', out);
+
+    StreamTarget target(out);
     try {
-      parser.parse(source);
+      s.makeSerializer();
+      s.output->setEncoding(encoding);
+      s.output->setByteStream(&target);
+      s.serializer->write(document, s.output);
+      target.flush();
     } catch (const XMLException& e) {
       Narrow msg(e.getMessage());
-      std::fprintf(stderr, "An error occurred during parsing\n   Message: %s\n", msg.c_str());
-      failed = true;
-    } catch (const DOMException& e) {
-      // The source name is never set for in-memory documents: it prints empty.
-      std::fprintf(stderr, "\nDOM Error during parsing: '%s'\nDOMException code is:  %d\n", "",
-                   static_cast<int>(e.code));
-      XMLCh text[2048];
-      if (DOMImplementation::loadDOMExceptionMsg(e.code, text, 2047)) {
-        Narrow msg(text);
-        std::fprintf(stderr, "Message is: %s\n", msg.c_str());
-      }
-      failed = true;
-    } catch (...) {
-      std::fprintf(stderr, "An error occurred during parsing\n \n");
-      failed = true;
+      std::fprintf(stderr, "An error occurred during creation of output transcoder. Msg is:%s\n",
+                   msg.c_str());
+      drop = true;
     }
-
-    memory.endDocument();
-    g_lastCounts = XmlDocumentCounts{memory.entities(), parser.text()};
-
-    DOMDocument* document = parser.getDocument();
-    if (!failed && !parseErrors.sawErrors() && document != nullptr) {
-      ++*msgCounter;
-      std::fprintf(out, "\n\n**** Message number: %u\n", static_cast<unsigned>(*msgCounter));
-      if (noSizeLine == 0)
-        std::fprintf(out, "**** Message size:   %u\n", static_cast<unsigned>(length + kDescriptorSize));
-      std::fputc('\n', out);
-
-      static const XMLCh kLs[] = {chLatin_L, chLatin_S, chNull};
-      DOMImplementation* impl = DOMImplementationRegistry::getDOMImplementation(kLs);
-      DOMLSSerializer* serializer = nullptr;
-      DOMLSOutput* output = nullptr;
-      WriteErrors writeErrors;
-      StreamTarget target(out);
-      try {
-        serializer = static_cast<DOMImplementationLS*>(impl)->createLSSerializer();
-        output = static_cast<DOMImplementationLS*>(impl)->createLSOutput();
-        output->setEncoding(encoding);
-        output->setByteStream(&target);
-        DOMConfiguration* config = serializer->getDomConfig();
-        config->setParameter(XMLUni::fgDOMErrorHandler, &writeErrors);
-        const XMLCh* features[][1] = {{XMLUni::fgDOMWRTSplitCdataSections},
-                                      {XMLUni::fgDOMWRTDiscardDefaultContent},
-                                      {XMLUni::fgDOMWRTFormatPrettyPrint}};
-        for (const auto& f : features)
-          if (config->canSetParameter(f[0], true)) config->setParameter(f[0], true);
-        // The library's own pretty-print extension puts a blank line between elements; the
-        // standard pretty print indents without it.
-        if (config->canSetParameter(XMLUni::fgDOMWRTXercesPrettyPrint, false))
-          config->setParameter(XMLUni::fgDOMWRTXercesPrettyPrint, false);
-        if (config->canSetParameter(XMLUni::fgDOMWRTBOM, false))
-          config->setParameter(XMLUni::fgDOMWRTBOM, false);
-        serializer->write(document, output);
-        target.flush();
-      } catch (const XMLException& e) {
-        Narrow msg(e.getMessage());
-        std::fprintf(stderr, "An error occurred during creation of output transcoder. Msg is:%s\n",
-                     msg.c_str());
-      }
-      if (output != nullptr) output->release();
-      if (serializer != nullptr) serializer->release();
-    }
-  }  // the parser and its error handler go here
+    if (s.output != nullptr) s.output->setByteStream(nullptr);
+  }
+  s.parser.resetDocumentPool();  // the document goes here
+  if (drop) g_session.reset();
 
   XMLString::release(&encoding);
   XMLPlatformUtils::Terminate();
@@ -377,6 +416,7 @@ void printXmlMsg(const char* doc, uint32_t length, const char* /*queueName*/, FI
 XmlDocumentCounts xmlLastDocumentCounts() { return g_lastCounts; }
 
 void xmlShutdown() {
+  g_session.reset();
   if (g_xmlBase) {
     g_xmlBase = false;
     XMLPlatformUtils::Terminate();

@@ -11,6 +11,7 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <vector>
 
 #include "driver/xml_printer.h"
 
@@ -23,7 +24,7 @@ struct Printed {
   XmlDocumentCounts counts;
 };
 
-Printed printXml(const std::string& doc) {
+Printed printXml(const std::string& doc, const char* encodingName = "UTF-8") {
   char* buf = nullptr;
   size_t len = 0;
   FILE* out = open_memstream(&buf, &len);
@@ -32,7 +33,8 @@ Printed printXml(const std::string& doc) {
   const int savedErr = dup(2);
   FILE* errFile = std::tmpfile();
   dup2(fileno(errFile), 2);
-  char encoding[kEncodingNameRoom] = "UTF-8";
+  char encoding[kEncodingNameRoom];
+  std::snprintf(encoding, sizeof encoding, "%s", encodingName);
   Printed p;
   printXmlMsg(doc.c_str(), static_cast<uint32_t>(doc.size()), "Q1", out, encoding, &p.counter, 1);
   p.counts = xmlLastDocumentCounts();
@@ -187,6 +189,39 @@ TEST(XmlBody, ARefusalLeavesTheNextDocumentAlone) {
   EXPECT_EQ(next.counter, 1) << next.err;
   EXPECT_EQ(next.counts.entities, 1u);
   EXPECT_EQ(next.counts.text, 1u);
+}
+
+// The parser and the serializer are kept from one message to the next: every document prints
+// after any other exactly as it prints on its own, in every output encoding.
+TEST(XmlBody, DocumentsPrintTheSameAfterOthersAsOnTheirOwn) {
+  const std::string docs[] = {
+      "<?xml version=\"1.0\" encoding=\"UTF-8\" standalone=\"yes\"?><p:r xmlns:p=\"urn:p\" xmlns=\"urn:d\">"
+      "<c xmlns:q=\"urn:q\" q:at=\"1\"><p:x/><y xmlns=\"\">plain</y></c></p:r>",
+      "<r><![CDATA[a <b> & c]]><s><![CDATA[caf\xC3\xA9 \xE6\x97\xA5\xE6\x9C\xAC]]></s></r>",
+      "<!-- before --><r><!-- in --><a>x<!-- mid -->y</a><?app do this?></r><?tail x?>",
+      "<r a='he said \"hi\"' b=\"it's\" c=\"&lt;&amp;&gt;&quot;\" d=\"tab\tnl\n\">&lt;&amp;&gt;\"'</r>",
+      "<broken>",
+      "<r lang=\"\xE6\x97\xA5\xE6\x9C\xAC\"><t>Gr\xC3\xBC\xC3\x9F" "e \xF0\x9F\x98\x80 \xE2\x82\xAC</t></r>",
+      "<!DOCTYPE r [<!ELEMENT r (e*)><!ELEMENT e (#PCDATA)><!ATTLIST e a CDATA \"dflt\">"
+      "<!ENTITY n \"named\">]><r><e>1</e><e a=\"set\">&n;</e></r>",
+      "<r>text <b>bold</b> more\n  <e/>\n tail</r>",
+      corpusSeed("doc6"),
+      "<?xml version=\"1.0\"?>\n<orders>\n  <order id=\"1\">\n    <item>W</item>\n  </order>\n</orders>\n",
+  };
+  for (const char* encoding : {"UTF-8", "ISO-8859-1", "UTF-16", "US-ASCII", "IBM037"}) {
+    SCOPED_TRACE(encoding);
+    std::vector<Printed> together;
+    for (const std::string& doc : docs) together.push_back(printXml(doc, encoding));
+    for (size_t i = 0; i < std::size(docs); ++i) {
+      SCOPED_TRACE(i);
+      xmlShutdown();  // a new parser and serializer, as for the first message of a run
+      Printed alone = printXml(docs[i], encoding);
+      EXPECT_EQ(together[i].out, alone.out);
+      EXPECT_EQ(together[i].err, alone.err);
+      EXPECT_EQ(together[i].counter, alone.counter);
+    }
+    EXPECT_GT(together[0].out.size(), 20u);
+  }
 }
 
 }  // namespace
