@@ -347,6 +347,24 @@ TEST_F(PrinterTest, XmlDocumentsAndParseErrors) {
   EXPECT_NE(r.out.find("<v>\xE9</v>"), std::string::npos);
 }
 
+TEST_F(PrinterTest, AmplifyingXmlIsAParseErrorAndTheRunGoesOn) {
+  std::string bomb = "<!DOCTYPE r [<!ENTITY a \"aaaaaaaaaa\">";
+  for (char c = 'b'; c <= 'f'; ++c) {
+    bomb += std::string("<!ENTITY ") + c + " \"";
+    for (int i = 0; i < 10; ++i) bomb += std::string("&") + static_cast<char>(c - 1) + ";";
+    bomb += "\">";
+  }
+  bomb += "]><r>&f;</r>";
+  for (int i = 0; i < 3; ++i) put(bomb);
+  put("<a/>");
+  RunResult r = run({"Q1", "QM1"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(occurrences(r.err, "entity expansions in the document"), 3) << r.err;
+  EXPECT_EQ(occurrences(r.out, "**** Message number:"), 1) << r.out;
+  EXPECT_NE(r.out.find("**** Message number: 1\n"), std::string::npos);
+  EXPECT_NE(r.out.find("<a/>"), std::string::npos);
+}
+
 using OutputTest = QueueTest;
 
 TEST_F(OutputTest, FullDiskStopsTheRun) {
