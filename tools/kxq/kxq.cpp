@@ -629,7 +629,10 @@ int cmdToDir(const Args& a, bool remove) {
   Progress progress(remove ? "got" : "browsed", remove ? count : -1);
   auto finish = [&](int rc) {
     progress.finish(n);
-    if (n > 0) {
+    if (n == 1) {
+      syncDirectory(dir);
+      summary("1 message written to %s (%s)", dir.c_str(), messageFileName(last + 1).c_str());
+    } else if (n > 1) {
       syncDirectory(dir);
       summary("%" PRId64 " messages written to %s (%s to %s)", n, dir.c_str(),
               messageFileName(last + 1).c_str(), messageFileName(last + n).c_str());
