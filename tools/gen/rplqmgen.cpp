@@ -274,7 +274,7 @@ SchemaMsgDef demoSchema(int32_t ccsid) {
   s.reason = 1;
   s.replddl = 1;
   s.nColsInKey = 1;
-  s.ext = GenericTransInfoDef{};
+  s.ext.emplace();
   s.ext->seconds = kStartTime;
   s.columns = {
       {"ORDER_ID", 492, 8, 0},          {"CUSTOMER", 449, 40, ccsid},     {"STATUS", 453, 1, ccsid},
@@ -536,7 +536,7 @@ SchemaMsgDef tableSchema(uint32_t subId, const char* subname, const char* owner,
   s.reason = 1;
   s.replddl = 1;
   s.nColsInKey = keys;
-  s.ext = GenericTransInfoDef{};
+  s.ext.emplace();
   s.ext->lsn = cap.lsn();
   s.ext->seconds = cap.seconds();
   s.ext->micros = cap.micros();
