@@ -94,10 +94,19 @@ TEST_F(KxTest, MixedTrafficIsTheSameForASeedAndDiffersBetweenSeeds) {
 // A day of mixed traffic, formatted: every transaction has its own commit position, time and
 // unit of work, in commit order, over at least three subscriptions and tables, and nothing is
 // reported as a failure.
-TEST_F(KxTest, TenThousandMixedTransactionsFormatWithoutAFailure) {
-  Ran gen = rplqmgen("QM1 Q1 --scenario mixed --transactions 10000 --seed 3", dir_);
+struct MixedCase {
+  const char* queue;
+  const char* sender;  // rplqmgen options of the sender
+  size_t transactions;
+};
+
+void checkMixedDay(const MixedCase& c, const std::string& dir) {
+  SCOPED_TRACE(c.sender);
+  std::string args = std::string("QM1 ") + c.queue + " --scenario mixed --seed 3 --transactions " +
+                     std::to_string(c.transactions) + " " + c.sender;
+  Ran gen = rplqmgen(args, dir);
   ASSERT_EQ(gen.status, 0) << gen.err;
-  Ran fmt = runProgram(std::string("TZ=UTC ") + RPLQMFMT_PATH, "Q1 QM1", dir_);
+  Ran fmt = runProgram(std::string("TZ=UTC ") + RPLQMFMT_PATH, std::string(c.queue) + " QM1", dir);
   EXPECT_EQ(fmt.status, 0);
   std::istringstream errLines(fmt.err);
   for (std::string line; std::getline(errLines, line);)
@@ -138,7 +147,7 @@ TEST_F(KxTest, TenThousandMixedTransactionsFormatWithoutAFailure) {
       tables.insert(v);
     }
   }
-  ASSERT_EQ(txs.size(), 10000u);
+  ASSERT_EQ(txs.size(), c.transactions);
   std::set<std::string> uows;
   for (size_t i = 0; i < txs.size(); ++i) {
     uows.insert(txs[i].uow);
@@ -156,6 +165,14 @@ TEST_F(KxTest, TenThousandMixedTransactionsFormatWithoutAFailure) {
     EXPECT_NE(fmt.out.find(kind), std::string::npos) << kind;
   for (const char* op : {"INSERT", "UPDATE", "DELETE"}) EXPECT_NE(fmt.out.find(op), std::string::npos) << op;
   EXPECT_NE(fmt.out.find("NULL"), std::string::npos);
+}
+
+TEST_F(KxTest, TenThousandMixedTransactionsFormatWithoutAFailure) {
+  const MixedCase cases[] = {
+      {"Q1", "", 10000},                                 // this machine's order, UTF-8
+      {"Q2", "--byte-order big --ccsid 37", 2000},       // a big-endian EBCDIC sender
+  };
+  for (const MixedCase& c : cases) checkMixedDay(c, dir_);
 }
 
 #endif
