@@ -34,7 +34,7 @@ namespace kxm {
 namespace {
 
 // Syncpoint puts wait in memory until the commit; beyond this much they are written as pending.
-constexpr size_t kPendingMemoryLimit = 4u << 20;
+constexpr size_t kPendingMemoryLimit = 1u << 20;
 // Browse read-ahead: batch sizes grow from the first to the last, data above kBatchDataCap is
 // read when the message is returned.
 constexpr int kFirstBatch = 32;

@@ -342,7 +342,7 @@ int32_t Store::openFile(const std::string& file, std::string& why) {
   // WAL with synchronous=NORMAL: a commit is in the operating system's hands when it returns,
   // so it survives the death of the process; only a power failure can lose the last commits.
   rc = exec(
-      "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL; PRAGMA cache_size=-4096;"
+      "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL; PRAGMA cache_size=-2048;"
       " PRAGMA temp_store=MEMORY; PRAGMA mmap_size=0;"
       " PRAGMA journal_size_limit=67108864; PRAGMA wal_autocheckpoint=8192;");
   std::string format;
@@ -405,14 +405,20 @@ int32_t Store::openFile(const std::string& file, std::string& why) {
       {&findQueue, "SELECT id, max_len, backout_threshold FROM queues WHERE name = ?1"},
       {&depth, "SELECT count(*) FROM messages WHERE qid = ?1 AND state IN (0, 2)"},
       {&setMaxLen, "UPDATE queues SET max_len = ?2 WHERE id = ?1"},
+      // OR FAIL: a change of many rows needs no statement journal (which temp_store=MEMORY
+      // would hold in memory, as large as the unit of work); the enclosing transaction is
+      // rolled back whole on any failure anyway.
       {&commitPuts,
-       "UPDATE messages SET state = 0, owner = 0 WHERE owner = ?1 AND state = 1 AND owner <> 0"},
+       "UPDATE OR FAIL messages SET state = 0, owner = 0"
+       " WHERE owner = ?1 AND state = 1 AND owner <> 0"},
       {&commitGets, "DELETE FROM messages WHERE owner = ?1 AND state = 2 AND owner <> 0"},
       {&backPuts, "DELETE FROM messages WHERE owner = ?1 AND state = 1 AND owner <> 0"},
       {&backGets,
-       "UPDATE messages SET state = 0, owner = 0 WHERE owner = ?1 AND state = 2 AND owner <> 0"},
+       "UPDATE OR FAIL messages SET state = 0, owner = 0"
+       " WHERE owner = ?1 AND state = 2 AND owner <> 0"},
       {&countBacks,
-       "UPDATE messages SET backouts = backouts + 1 WHERE owner = ?1 AND state = 2 AND owner <> 0"},
+       "UPDATE OR FAIL messages SET backouts = backouts + 1"
+       " WHERE owner = ?1 AND state = 2 AND owner <> 0"},
       {&overThreshold, overSql.c_str()},
       {&moveDead, moveSql.c_str()},
       {&setThreshold, "UPDATE queues SET backout_threshold = ?2 WHERE id = ?1"},

@@ -1,12 +1,18 @@
 // kxq_test.cpp - the queue admin tool run as a program: dump and load round trip byte for byte,
-// raw message files, and failures that must end with a non-zero exit.
+// through files and through a pipe; raw message files that are never overwritten; damaged
+// dumps that load nothing; damaged queue manager files named with their cause; failures that
+// must end with a non-zero exit.
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <sstream>
+
+#include "version.h"
 
 #include "tests/kx/kx_fixture.h"
 #include "tools/kxq/dumpfile.h"
@@ -37,6 +43,24 @@ std::vector<Message> browseAll(const char* queue) {
   }
   disconnect(h);
   return out;
+}
+
+struct Shell {
+  int status;
+  std::string out, err;
+};
+
+// Runs a shell command line in which "KXQ" stands for the program, capturing both streams.
+Shell runShell(const std::string& line, const std::string& dir) {
+  std::string cmd = line;
+  for (size_t at; (at = cmd.find("KXQ")) != std::string::npos;) cmd.replace(at, 3, KXQ_PATH);
+  std::string full = "(" + cmd + ") >" + dir + "/sh.out 2>" + dir + "/sh.err";
+  int status = std::system(full.c_str());
+  std::ifstream o(dir + "/sh.out", std::ios::binary), e(dir + "/sh.err", std::ios::binary);
+  std::stringstream so, se;
+  so << o.rdbuf();
+  se << e.rdbuf();
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, so.str(), se.str()};
 }
 
 std::string slurp(const std::string& path) {
@@ -174,6 +198,21 @@ std::pair<int, std::string> runKxqOutput(const std::string& args, const std::str
   return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, slurp(out)};
 }
 
+// The message files of a directory, by name.
+std::vector<std::string> messageFiles(const std::string& dir) {
+  std::vector<std::string> names;
+  for (const auto& e : std::filesystem::directory_iterator(dir))
+    names.push_back(e.path().filename().string());
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+std::string fileName(int n) {
+  char name[16];
+  snprintf(name, sizeof name, "%04d.msg", n);
+  return name;
+}
+
 }  // namespace
 
 // A damaged queue manager file: every command says "object damaged", names the file and gives
@@ -246,4 +285,127 @@ TEST_F(KxTest, KxqListsTheDeadLetterQueueAndBackoutThresholds) {
     threshold[name] = bothresh;
   }
   EXPECT_EQ(threshold, (std::map<std::string, std::string>{{"KX.DEAD.LETTER", "0"}, {"Q1", "5"}}));
+TEST_F(KxTest, GetAndBrowseRunsIntoOneDirectoryNumberOnAndOverwriteNothing) {
+  fillQ1();
+  std::vector<Message> sent = browseAll("Q1");
+  ASSERT_EQ(sent.size(), 40u);
+  std::string dir = dir_ + "/got";
+  std::filesystem::create_directory(dir);
+  // A file of the user's, and one numbered like ours but past the first runs.
+  std::ofstream(dir + "/notes.txt") << "mine";
+  struct Step {
+    const char* args;
+    int firstFile, files;  // the files this step adds
+  };
+  const Step steps[] = {
+      {"get QM1 Q1 --count 2", 1, 2},
+      {"get QM1 Q1 --count 3", 3, 3},
+      {"browse QM1 Q1", 6, 35},  // the 35 left, still on the queue
+      {"get QM1 Q1 --count 5", 41, 5},
+  };
+  for (const Step& step : steps) {
+    Shell r = runShell(std::string("KXQ ") + step.args + " --to " + dir, dir_);
+    ASSERT_EQ(r.status, 0) << step.args << ": " << r.err;
+    EXPECT_EQ(r.out, "") << "summaries go to standard error";
+    EXPECT_NE(r.err.find(std::to_string(step.files) + " messages written to " + dir), std::string::npos)
+        << r.err;
+  }
+  EXPECT_EQ(slurp(dir + "/notes.txt"), "mine");
+  std::vector<std::string> names = messageFiles(dir);
+  ASSERT_EQ(names.size(), 45u + 1);  // 45 message files, no part file left, and the notes
+  // Every file holds the message its number says: gets take from the front, the browse saw
+  // what was left, and the last get took the first five of those again.
+  auto sentAt = [](int file) { return file <= 40 ? file - 1 : file - 41 + 5; };
+  for (int file = 1; file <= 45; ++file) {
+    std::string raw = slurp(dir + "/" + fileName(file));
+    const Message& m = sent[size_t(sentAt(file))];
+    ASSERT_EQ(raw.size(), sizeof(KXMD) + m.data.size()) << file;
+    EXPECT_EQ(memcmp(raw.data(), &m.md, sizeof(KXMD)), 0) << file;
+    EXPECT_EQ(raw.substr(sizeof(KXMD)), m.data) << file;
+  }
+  EXPECT_EQ(browseAll("Q1").size(), 30u);
+
+  // A run goes on after the highest number, whatever the gaps below it.
+  std::ofstream(dir + "/0100.msg") << "not a message of ours";
+  ASSERT_EQ(runShell("KXQ get QM1 Q1 --count 1 --to " + dir, dir_).status, 0);
+  EXPECT_EQ(slurp(dir + "/0100.msg"), "not a message of ours");
+  EXPECT_EQ(slurp(dir + "/0101.msg").substr(sizeof(KXMD)), sent[10].data);
+}
+
+TEST_F(KxTest, DumpToStandardOutputLoadsFromStandardInputByteForByte) {
+  fillQ1();
+  Shell r = runShell("KXQ dump QM1 Q1 - | KXQ load QM1 Q2 -", dir_);
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "");
+  EXPECT_NE(r.err.find("40 messages dumped from Q1 to standard output"), std::string::npos) << r.err;
+  EXPECT_NE(r.err.find("40 messages loaded from standard input to Q2"), std::string::npos) << r.err;
+  std::vector<Message> a = browseAll("Q1"), b = browseAll("Q2");
+  ASSERT_EQ(b.size(), 40u);
+  for (size_t i = 0; i < a.size(); ++i) {
+    EXPECT_EQ(memcmp(&a[i].md, &b[i].md, sizeof(KXMD)), 0) << i;
+    EXPECT_EQ(a[i].data, b[i].data) << i;
+  }
+  // Standard output carries the dump alone: the same bytes as a file, but for the count in the
+  // header, which a pipe cannot be rewound to fill in.
+  ASSERT_EQ(runShell("KXQ dump QM1 Q1 - >" + dir_ + "/piped.dump", dir_).status, 0);
+  ASSERT_EQ(runShell("KXQ dump QM1 Q1 - | cat >" + dir_ + "/cat.dump", dir_).status, 0);
+  ASSERT_EQ(runShell("KXQ dump QM1 Q1 " + dir_ + "/file.dump", dir_).status, 0);
+  std::string file = slurp(dir_ + "/file.dump"), piped = slurp(dir_ + "/cat.dump");
+  EXPECT_EQ(slurp(dir_ + "/piped.dump"), file);
+  ASSERT_EQ(piped.size(), file.size());
+  EXPECT_EQ(piped.substr(0, 16) + piped.substr(24), file.substr(0, 16) + file.substr(24));
+  EXPECT_EQ(piped.substr(16, 8), std::string(8, '\0'));
+
+  // A reader that goes away is a failure in words, not a silent death.
+  Shell bash = runShell("bash -c 'KXQ dump QM1 Q1 - | head -c 10 >/dev/null; exit ${PIPESTATUS[0]}'", dir_);
+  EXPECT_EQ(bash.status, 1);
+  EXPECT_NE(bash.err.find("cannot write standard output"), std::string::npos) << bash.err;
+}
+
+TEST_F(KxTest, DamagedDumpsLoadNothing) {
+  fillQ1();
+  std::string good = dir_ + "/good.dump";
+  ASSERT_EQ(runKxq("dump QM1 Q1 " + good), 0);
+  std::string bytes = slurp(good);
+  struct Case {
+    const char* name;
+    std::string content;
+    const char* why;
+  };
+  const Case cases[] = {
+      {"one byte after the end", bytes + "x", "bytes follow the end marker"},
+      {"a summary line after the end", bytes + "40 messages dumped\n", "bytes follow the end marker"},
+      {"two dumps back to back", bytes + bytes, "bytes follow the end marker"},
+      {"cut in the middle", bytes.substr(0, bytes.size() / 2), "cut short"},
+      {"cut before the end marker", bytes.substr(0, bytes.size() - 12), "ends before its end marker"},
+      {"not a dump", "hello", "not a kxq dump file"},
+  };
+  for (const Case& c : cases) {
+    std::string path = dir_ + "/bad.dump";
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << c.content;
+    for (const std::string& how : {"KXQ load QM1 Q2 " + path, "KXQ load QM1 Q2 - <" + path}) {
+      Shell r = runShell(how, dir_);
+      EXPECT_EQ(r.status, 1) << c.name;
+      EXPECT_NE(r.err.find(c.why), std::string::npos) << c.name << ": " << r.err;
+      EXPECT_EQ(browseAll("Q2").size(), 0u) << c.name << ": the queue is left as it was";
+    }
+  }
+}
+
+TEST_F(KxTest, DumpNeverOverwritesAFile) {
+  fillQ1();
+  std::string path = dir_ + "/kept.dump";
+  std::ofstream(path) << "precious";
+  Shell r = runShell("KXQ dump QM1 Q1 " + path, dir_);
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("already exists"), std::string::npos) << r.err;
+  EXPECT_EQ(slurp(path), "precious");
+  // Devices are written to as they are.
+  EXPECT_EQ(runKxq("dump QM1 Q1 /dev/null"), 0);
+}
+
+TEST_F(KxTest, VersionNamesTheProgramAndTheProjectVersion) {
+  Shell r = runShell("KXQ --version", dir_);
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out, std::string("kxq ") + RPL_VERSION + "\n");
 }

@@ -2,6 +2,7 @@
 // descriptors, browse cursors, matching, truncation, waiting, units of work, two drainer
 // processes, a dead process's unit of work, and the reasons for calls that cannot succeed.
 #include <algorithm>
+#include <atomic>
 #include <signal.h>
 #include <time.h>
 
@@ -357,6 +358,9 @@ TEST_F(QmgrTest, BigSyncpointPutsKeepTheirOrderAndBackOutWhole) {
   disconnect(h);
 }
 
+// A wait that times out comes back empty and not before its interval; a wait that a put ends
+// returns the message. A wait that missed the put would hang: the test runner's timeout ends
+// it, so no upper bound on the time is asserted here.
 TEST_F(QmgrTest, WaitReturnsAMessagePutLaterOrTimesOut) {
   KXHCONN h = connect(qmgr_);
   KXHOBJ o = open(h, "Q1", KXOO_INPUT_SHARED | KXOO_BROWSE);
@@ -364,18 +368,22 @@ TEST_F(QmgrTest, WaitReturnsAMessagePutLaterOrTimesOut) {
   Got g = get(h, o, KXGMO_WAIT, 100, 200);
   auto waited = std::chrono::steady_clock::now() - t0;
   EXPECT_EQ(g.r.rc, KXRC_NO_MSG_AVAILABLE);
+  // A slow machine can only make this longer.
   EXPECT_GE(waited, std::chrono::milliseconds(195));
-  EXPECT_LT(waited, std::chrono::milliseconds(1500));
 
   std::string qm = qmgr_;
-  auto putLater = [qm](KXLONG pmo) {
-    return std::thread([qm, pmo] {
+  std::atomic<bool> committing{false};
+  auto putLater = [qm, &committing](KXLONG pmo) {
+    committing = false;
+    return std::thread([qm, pmo, &committing] {
+      // Give the getter time to start waiting; the test holds whichever comes first.
       std::this_thread::sleep_for(std::chrono::milliseconds(150));
       KXHCONN c = connect(qm);
       KXHOBJ q = open(c, "Q1", KXOO_OUTPUT);
       put(c, q, "late", pmo);
       if (pmo & KXPMO_SYNCPOINT) {
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        committing = true;
         commit(c);
       }
       disconnect(c);
@@ -384,13 +392,14 @@ TEST_F(QmgrTest, WaitReturnsAMessagePutLaterOrTimesOut) {
   // A plain put, and a put under syncpoint that becomes visible only at its commit.
   for (KXLONG pmo : {KXPMO_NO_SYNCPOINT, KXPMO_SYNCPOINT}) {
     std::thread t = putLater(pmo);
-    t0 = std::chrono::steady_clock::now();
-    g = get(h, o, KXGMO_WAIT, 100, 5000);
-    waited = std::chrono::steady_clock::now() - t0;
+    g = get(h, o, KXGMO_WAIT, 100, KXWI_UNLIMITED);
+    bool afterCommit = committing;
     t.join();
     EXPECT_EQ(g.r.cc, KXCC_OK) << g.r.rc;
     EXPECT_EQ(g.data, "late");
-    EXPECT_LT(waited, std::chrono::milliseconds(900)) << "put options " << pmo;
+    if (pmo & KXPMO_SYNCPOINT) {
+      EXPECT_TRUE(afterCommit) << "got before the put was committed";
+    }
   }
   // A waiting browse without a limit, then a get of the same message.
   std::thread t = putLater(KXPMO_NO_SYNCPOINT);
@@ -603,6 +612,7 @@ TEST_F(QmgrTest, GettersSkipOtherUnitsOfWorkAndFindWhatTheyGiveBack) {
 static void killInsideAUnitOfWork(const std::string& qm, KXHCONN h, KXHOBJ o) {
   std::chrono::milliseconds lifetime = qmgrEnv().deadUnitLifetime();
   for (int i = 0; i < 4; ++i) ASSERT_EQ(put(h, o, numbered(i)).cc, KXCC_OK);
+  auto started = std::chrono::steady_clock::now();  // before the child's unit of work begins
   pid_t child = spawn([qm] {
     KXHCONN c = connect(qm);
     KXHOBJ q = open(c, "Q1", KXOO_INPUT_SHARED | KXOO_OUTPUT);
@@ -614,8 +624,13 @@ static void killInsideAUnitOfWork(const std::string& qm, KXHCONN h, KXHOBJ o) {
   });
   ASSERT_EQ(waitFor(child), 128 + SIGKILL);
   if (lifetime.count() > 0) {
-    // While its unit of work lives, its messages stay hidden.
-    EXPECT_EQ(get(h, o, KXGMO_BROWSE_FIRST).data, numbered(2));
+    // While its unit of work lives, its messages stay hidden. On a machine too busy to look
+    // within the lifetime the unit may already be gone, which is right too: then nothing is
+    // checked here, and the caller checks the back-out.
+    std::string first = get(h, o, KXGMO_BROWSE_FIRST).data;
+    if (std::chrono::steady_clock::now() - started < lifetime / 2) {
+      EXPECT_EQ(first, numbered(2));
+    }
     std::this_thread::sleep_for(lifetime + std::chrono::milliseconds(200));
   }
 }

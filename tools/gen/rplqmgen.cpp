@@ -1,14 +1,22 @@
 // rplqmgen: puts realistic replication traffic (compact messages) on a queue through the KX API.
 //
-//   rplqmgen QMGR QUEUE --scenario demo|bench [--transactions N] [--rows N]
+//   rplqmgen QMGR QUEUE --scenario demo|mixed|bench [--transactions N] [--rows N] [--seed N]
 //                       [--byte-order little|big] [--ccsid N]
 //
 // demo: one subscription with columns of many types, inserts, updates and deletes with before
 // and after values, NULLs, a LOB sent in its own messages, a streamed transaction with a
 // statement chunk, and the control messages of appendControlDemo.
-// bench: one subscription and N transactions of R rows with mixed column types, put fast.
+// mixed: what a capture program sends over a working day: four subscriptions over tables of
+// different shapes, every transaction with its own unit of work, commit position and time,
+// inserts, updates and deletes, NULLs, now and then a LOB or a streamed transaction, and
+// heartbeats, a schema change and a subscription's stop and start in between; --seed N
+// chooses the day, the same seed gives the same bytes.
+// bench: three subscriptions and N transactions of R rows with mixed column types, put fast:
+// one template message per subscription, its commit position, time, unit of work and keys
+// patched per transaction.
 #include <cerrno>
 #include <chrono>
+#include <random>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
@@ -23,33 +31,47 @@
 #include "tools/gen/encode_queue_control.h"
 #include "tools/gen/encode_restart.h"
 #include "tools/gen/encode_schema_change.h"
+#include "version.h"
 
 namespace {
 
 constexpr int kExitOk = 0;
-constexpr int kExitUsage = 1;
-constexpr int kExitFailed = 2;
+constexpr int kExitFailed = 1;
+constexpr int kExitUsage = 2;
 
 const char* const kUsage =
-    "usage: rplqmgen QMGR QUEUE --scenario demo|bench [--transactions N] [--rows N]\n"
-    "                [--byte-order little|big] [--ccsid N]\n"
+    "usage: rplqmgen QMGR QUEUE --scenario demo|mixed|bench [--transactions N] [--rows N]\n"
+    "                [--seed N] [--byte-order little|big] [--ccsid N]\n"
+    "       rplqmgen --help | --version\n"
     "\n"
     "Puts compact replication messages on QUEUE of queue manager QMGR.\n"
     "\n"
     "  --scenario demo    one subscription, inserts, updates and deletes of many column types\n"
     "                     with NULLs, a LOB in its own messages, a streamed transaction with a\n"
     "                     statement chunk, and control messages\n"
-    "  --scenario bench   one subscription and N transactions of R rows, put in batches\n"
-    "  --transactions N   transactions to put (bench: default 100000; demo: default 1)\n"
-    "  --rows N           rows per transaction (bench: default 10; demo: default 3)\n"
+    "  --scenario mixed   four subscriptions over tables of different shapes, transactions\n"
+    "                     with their own unit of work, commit position and time, inserts,\n"
+    "                     updates and deletes with NULLs, now and then a LOB or a streamed\n"
+    "                     transaction, heartbeats, a schema change, a subscription stopped\n"
+    "                     and started again\n"
+    "  --scenario bench   three subscriptions, then N transactions of R rows, put in batches\n"
+    "  --transactions N   transactions to put (bench: default 100000; mixed: 1000; demo: 1)\n"
+    "  --rows N           rows per transaction (bench: default 10; mixed: up to 5; demo: 3)\n"
+    "  --seed N           the seed of the mixed traffic (default 1): the same seed, the same\n"
+    "                     messages\n"
     "  --byte-order O     integers of the sender: little (default) or big\n"
     "  --ccsid N          code page of the sender's text (default 1208; 37 for EBCDIC)\n"
-    "  --help             this text\n";
+    "  --help             this text\n"
+    "  --version          the program's version\n"
+    "\n"
+    "Exit status: 0 done, 1 failed (nothing of the failed batch stays on the queue), 2 usage\n"
+    "error. The summary goes to standard error.\n";
 
 struct Options {
   std::string qmgr, queue, scenario;
   long transactions = -1;
   long rows = -1;
+  uint64_t seed = 1;
   ByteOrder order = ByteOrder::Little;
   int32_t ccsid = 1208;
 };
@@ -82,12 +104,21 @@ int parseArgs(int argc, char** argv, Options& o) {
     if (a == "--help" || a == "-h") {
       std::fputs(kUsage, stdout);
       std::exit(kExitOk);
+    } else if (a == "--version") {
+      std::printf("rplqmgen %s\n", RPL_VERSION);
+      std::exit(kExitOk);
+    } else if (a == "--seed") {
+      const char* v = value(a.c_str());
+      long seed = 0;
+      if (v == nullptr || !parseCount(v, 0, 2147483647, seed))
+        return usageError("--seed needs a number from 0 to 2147483647%s", "");
+      o.seed = static_cast<uint64_t>(seed);
     } else if (a == "--scenario") {
       const char* v = value("--scenario");
       if (v == nullptr) return usageError("%s needs a value", "--scenario");
       o.scenario = v;
-      if (o.scenario != "demo" && o.scenario != "bench")
-        return usageError("unknown scenario '%s' (demo or bench)", v);
+      if (o.scenario != "demo" && o.scenario != "bench" && o.scenario != "mixed")
+        return usageError("unknown scenario '%s' (demo, mixed or bench)", v);
     } else if (a == "--transactions") {
       const char* v = value(a.c_str());
       if (v == nullptr || !parseCount(v, 1, 100000000, o.transactions))
@@ -117,8 +148,8 @@ int parseArgs(int argc, char** argv, Options& o) {
   if (o.scenario.empty()) return usageError("%s is required", "--scenario");
   o.qmgr = positional[0];
   o.queue = positional[1];
-  if (o.transactions < 0) o.transactions = o.scenario == "bench" ? 100000 : 1;
-  if (o.rows < 0) o.rows = o.scenario == "bench" ? 10 : 3;
+  if (o.transactions < 0) o.transactions = o.scenario == "bench" ? 100000 : o.scenario == "mixed" ? 1000 : 1;
+  if (o.rows < 0) o.rows = o.scenario == "bench" ? 10 : o.scenario == "mixed" ? 5 : 3;
   return kExitOk;
 }
 
@@ -243,7 +274,7 @@ SchemaMsgDef demoSchema(int32_t ccsid) {
   s.reason = 1;
   s.replddl = 1;
   s.nColsInKey = 1;
-  s.ext = GenericTransInfoDef{};
+  s.ext.emplace();
   s.ext->seconds = kStartTime;
   s.columns = {
       {"ORDER_ID", 492, 8, 0},          {"CUSTOMER", 449, 40, ccsid},     {"STATUS", 453, 1, ccsid},
@@ -414,6 +445,405 @@ int runDemo(const Options& o, Putter& p) {
 }
 
 // ---------------------------------------------------------------------------------------------
+// The capture program's progress: every committed transaction moves the log position, the
+// commit time and the unit-of-work id forward, by steps of varying length.
+
+class Capture {
+ public:
+  explicit Capture(uint64_t seed) : rng_(seed) {}
+
+  // Moves on to the next committed transaction.
+  void commit() {
+    lsn_ += 0x40 + below(0x800);
+    micros_ += 150 + below(40000);
+    seconds_ += static_cast<uint32_t>(micros_ / 1000000);
+    micros_ %= 1000000;
+    uow_ += 1 + below(3);  // units of work that changed nothing replicated leave gaps
+  }
+  uint64_t below(uint64_t n) { return rng_() % n; }
+  bool oneIn(uint64_t n) { return below(n) == 0; }
+
+  Bytes lsnBytes() const {
+    Bytes b(16, 0);
+    for (int i = 0; i < 8; ++i) b[8 + i] = static_cast<uint8_t>(lsn_ >> (56 - 8 * i));
+    return b;
+  }
+  LsnDef lsn() const {
+    LsnDef l;
+    l.bytes = lsnBytes();
+    return l;
+  }
+  LogPosition position() const {
+    LogPosition p;
+    p.value = lsnBytes();
+    return p;
+  }
+  Bytes uow() const {
+    Bytes b(10, 0);
+    for (int i = 0; i < 6; ++i) b[4 + i] = static_cast<uint8_t>(uow_ >> (40 - 8 * i));
+    return b;
+  }
+  uint32_t seconds() const { return seconds_; }
+  uint32_t micros() const { return static_cast<uint32_t>(micros_); }
+  // "2025-11-21-05.40.00.000001" of the commit time (UTC).
+  std::string timestamp() const {
+    time_t t = seconds_;
+    struct tm tm;
+    gmtime_r(&t, &tm);
+    char text[96];
+    std::snprintf(text, sizeof text, "%04d-%02d-%02d-%02d.%02d.%02d.%06u", tm.tm_year + 1900,
+                  tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, micros());
+    return text;
+  }
+
+ private:
+  std::mt19937_64 rng_;
+  uint64_t lsn_ = 0x0000000012340000ull;
+  uint32_t seconds_ = kStartTime;
+  uint64_t micros_ = 0;
+  uint64_t uow_ = 0x0a0b00000000ull;
+};
+
+// ---------------------------------------------------------------------------------------------
+// The mixed scenario: four tables of different shapes, each the source of one subscription.
+//
+//   sub  table            key                      columns
+//   1    SHOP.ORDERS      ORDER_ID BIGINT          16 of many types, a CLOB (the demo table)
+//   2    SHOP.CUSTOMERS   CUST_ID INTEGER          NAME, COUNTRY, BALANCE, CREATED, NOTE (+ EMAIL)
+//   3    STOCK.ITEMS      WAREHOUSE, ITEM_NO       QTY, PRICE, UPDATED
+//   4    PAY.PAYMENTS     PAY_ID BIGINT            ORDER_ID, AMOUNT, CURRENCY, PAID_AT, METHOD
+
+constexpr uint32_t kCustomersSub = 2, kStockSub = 3, kPaymentsSub = 4;
+
+const char* const kNames[] = {"Ada Lovelace", "Charles Babbage", "Grace Hopper", "Alan Turing",
+                              "Edsger Dijkstra", "Barbara Liskov", "Donald Knuth", "Frances Allen",
+                              "Tony Hoare", "Margaret Hamilton"};
+const char* const kCountries[] = {"FR", "DE", "GB", "US", "JP", "BR"};
+const char* const kCurrencies[] = {"EUR", "USD", "GBP", "JPY"};
+const char* const kMethods[] = {"CARD", "TRANSFER", "CASH", "VOUCHER"};
+
+SchemaMsgDef tableSchema(uint32_t subId, const char* subname, const char* owner, const char* name,
+                         uint16_t keys, std::vector<ColumnDef> columns, const Capture& cap) {
+  SchemaMsgDef s;
+  s.version = 11;
+  s.subId = subId;
+  s.subname = subname;
+  s.srcDbname = "SALES";
+  s.srcOwner = owner;
+  s.srcName = name;
+  s.sendqName = "RPL.SALES.TO.DWH";
+  s.opts = 4 | 8;
+  s.reason = 1;
+  s.replddl = 1;
+  s.nColsInKey = keys;
+  s.ext.emplace();
+  s.ext->lsn = cap.lsn();
+  s.ext->seconds = cap.seconds();
+  s.ext->micros = cap.micros();
+  s.ext->uow = cap.uow();
+  s.columns = std::move(columns);
+  return s;
+}
+
+SchemaMsgDef customersSchema(int32_t cp, bool withEmail, const Capture& cap) {
+  std::vector<ColumnDef> cols = {{"CUST_ID", 496, 4, 0},     {"NAME", 449, 60, cp},
+                                 {"COUNTRY", 452, 2, cp},    {"BALANCE", 485, 0, 0, 11, 2},
+                                 {"CREATED", 393, 26, cp},   {"NOTE", 449, 200, cp}};
+  if (withEmail) cols.push_back({"EMAIL", 449, 64, cp});
+  return tableSchema(kCustomersSub, "CUSTOMERS0001", "SHOP", "CUSTOMERS", 1, cols, cap);
+}
+
+SchemaMsgDef stockSchema(int32_t cp, const Capture& cap) {
+  return tableSchema(kStockSub, "STOCK0001", "STOCK", "ITEMS", 2,
+                     {{"WAREHOUSE", 500, 2, 0}, {"ITEM_NO", 452, 10, cp}, {"QTY", 497, 4, 0},
+                      {"PRICE", 481, 8, 0}, {"UPDATED", 385, 10, cp}},
+                     cap);
+}
+
+SchemaMsgDef paymentsSchema(int32_t cp, const Capture& cap) {
+  return tableSchema(kPaymentsSub, "PAYMENTS0001", "PAY", "PAYMENTS", 1,
+                     {{"PAY_ID", 492, 8, 0}, {"ORDER_ID", 493, 8, 0}, {"AMOUNT", 485, 0, 0, 15, 2},
+                      {"CURRENCY", 453, 3, cp}, {"PAID_AT", 393, 26, cp}, {"METHOD", 449, 20, cp}},
+                     cap);
+}
+
+std::string padded(std::string text, size_t width) {
+  text.resize(width, ' ');
+  return text;
+}
+
+std::string money(Capture& cap, int maxUnits) {
+  long cents = static_cast<long>(cap.below(static_cast<uint64_t>(maxUnits) * 100));
+  char text[32];
+  std::snprintf(text, sizeof text, "%ld.%02ld", cents / 100, cents % 100);
+  return text;
+}
+
+class Mixed {
+ public:
+  Mixed(const Options& o, Putter& p) : o_(o), p_(p), cap_(o.seed) {}
+
+  int run() {
+    const int32_t cp = o_.ccsid;
+    // The subscriptions start: each schema before the first row that needs it.
+    SchemaMsgDef orders = demoSchema(cp);
+    orders.ext->lsn = cap_.lsn();
+    orders.ext->uow = cap_.uow();
+    if (int rc = put(encodeSchemaMsg(orders, o_.order, cp))) return rc;
+    if (int rc = put(encodeSchemaMsg(customersSchema(cp, false, cap_), o_.order, cp))) return rc;
+    if (int rc = put(encodeSchemaMsg(stockSchema(cp, cap_), o_.order, cp))) return rc;
+    if (int rc = put(encodeSchemaMsg(paymentsSchema(cp, cap_), o_.order, cp))) return rc;
+
+    const long n = o_.transactions;
+    const long schemaChangeAt = n / 2, stopAt = n / 3, startAt = n / 3 + n / 10 + 1;
+    for (long t = 0; t < n; ++t) {
+      cap_.commit();
+      if (t == schemaChangeAt && n > 1)
+        if (int rc = addEmailColumn()) return rc;
+      if (t == stopAt && n > 2)
+        if (int rc = stopStock()) return rc;
+      if (t == startAt && !stockActive_)
+        if (int rc = startStock()) return rc;
+      int rc = 0;
+      if (cap_.oneIn(40))
+        rc = lobTransaction();
+      else if (cap_.oneIn(150))
+        rc = streamedTransaction();
+      else
+        rc = put(encodeTransMsg(transaction(), o_.order, o_.ccsid));
+      if (rc) return rc;
+      if (cap_.oneIn(60))
+        if (int hb = heartbeat()) return hb;
+    }
+    return p_.commit();
+  }
+
+ private:
+  int put(const Bytes& m) { return p_.put(m); }
+
+  TransMsgDef header() {
+    TransMsgDef tx;
+    tx.lsn = cap_.lsn();
+    tx.seconds = cap_.seconds();
+    tx.micros = cap_.micros();
+    tx.sourceLocal = cap_.seconds() + 3600;
+    tx.uow = cap_.uow();
+    tx.authId = cap_.oneIn(3) ? "BATCHJOB" : "APPUSER";
+    tx.authTkn = cap_.oneIn(3) ? "NIGHTLY" : "WEBSHOP";
+    tx.planId = "SALESAPP";
+    return tx;
+  }
+
+  // One to R rows over one or two tables, most of them inserts.
+  TransMsgDef transaction() {
+    TransMsgDef tx = header();
+    long rows = 1 + static_cast<long>(cap_.below(static_cast<uint64_t>(o_.rows)));
+    uint32_t first = pickTable(), second = cap_.oneIn(4) ? pickTable() : first;
+    for (long r = 0; r < rows; ++r) tx.rows.push_back(row(r % 2 ? second : first));
+    return tx;
+  }
+
+  uint32_t pickTable() {
+    for (;;) {
+      uint32_t sub = 1 + static_cast<uint32_t>(cap_.below(4));
+      if (sub != kStockSub || stockActive_) return sub;
+    }
+  }
+
+  uint8_t operation() {
+    uint64_t d = cap_.below(10);
+    return d < 6 ? 16 : d < 9 ? 32 : 64;
+  }
+
+  RowDef row(uint32_t sub) {
+    uint8_t op = operation();
+    switch (sub) {
+      case kCustomersSub: return customerRow(op);
+      case kStockSub: return stockRow(op);
+      case kPaymentsSub: return paymentRow(op);
+      default: return orderRow(op, true);
+    }
+  }
+
+  static void place(RowDef& r, uint8_t op, std::vector<ColValue> keyBefore, std::vector<ColValue> before,
+                    std::vector<ColValue> keyAfter, std::vector<ColValue> after) {
+    r.operation = op;
+    if (op != 16) {
+      r.keyBefore = std::move(keyBefore);
+      r.colsBefore = std::move(before);
+    }
+    if (op != 64) {
+      r.keyAfter = std::move(keyAfter);
+      r.colsAfter = std::move(after);
+    }
+  }
+
+  RowDef orderRow(uint8_t op, bool lobInline) {
+    long id = 1000 + static_cast<long>(cap_.below(1000000));
+    DemoValues before{id, kNames[cap_.below(10)], "N", static_cast<int16_t>(1 + cap_.below(20)),
+                      money(cap_, 5000), 0.05};
+    DemoValues after = before;
+    after.status = op == 32 ? "S" : "N";
+    after.amount = money(cap_, 5000);
+    RowDef r = demoRow(op == 64 ? 64 : op, op == 16 ? nullptr : &before, op == 64 ? nullptr : &after, o_,
+                       lobInline);
+    r.subId = kDemoSub;
+    return r;
+  }
+
+  std::vector<ColValue> customerCols(const std::string& name, const std::string& note) {
+    const ByteOrder b = o_.order;
+    const int32_t cp = o_.ccsid;
+    std::vector<ColValue> c = {valVarchar(name, cp, b), valText(kCountries[cap_.below(6)], cp),
+                               valDecimal(money(cap_, 20000), 11, 2), valText(cap_.timestamp(), cp),
+                               note.empty() ? marker(kMarkerNull) : valVarchar(note, cp, b)};
+    if (customersHaveEmail_)
+      c.push_back(cap_.oneIn(3) ? marker(kMarkerNull) : valVarchar("customer@example.org", cp, b));
+    return c;
+  }
+
+  RowDef customerRow(uint8_t op) {
+    const ByteOrder b = o_.order;
+    int32_t id = 1 + static_cast<int32_t>(cap_.below(50000));
+    std::string name = kNames[cap_.below(10)];
+    std::string note = cap_.oneIn(2) ? "" : "prefers delivery after 18:00";
+    RowDef r;
+    r.subId = kCustomersSub;
+    place(r, op, {valInteger(id, b)}, customerCols(name, note), {valInteger(id, b)},
+          customerCols(name, cap_.oneIn(2) ? "" : "moved to a new address"));
+    return r;
+  }
+
+  RowDef stockRow(uint8_t op) {
+    const ByteOrder b = o_.order;
+    const int32_t cp = o_.ccsid;
+    int16_t warehouse = static_cast<int16_t>(1 + cap_.below(12));
+    char item[16];
+    std::snprintf(item, sizeof item, "IT%06u", static_cast<unsigned>(cap_.below(1000000)));
+    std::vector<ColValue> key = {valSmallint(warehouse, b), valText(padded(item, 10), cp)};
+    auto cols = [&] {
+      return std::vector<ColValue>{cap_.oneIn(8) ? marker(kMarkerNull) : valInteger(int32_t(cap_.below(5000)), b),
+                                   valDouble(double(cap_.below(100000)) / 100.0, b),
+                                   valText(cap_.timestamp().substr(0, 10), cp)};
+    };
+    RowDef r;
+    r.subId = kStockSub;
+    place(r, op, key, cols(), key, cols());
+    return r;
+  }
+
+  RowDef paymentRow(uint8_t op) {
+    const ByteOrder b = o_.order;
+    const int32_t cp = o_.ccsid;
+    int64_t id = 500000 + static_cast<int64_t>(cap_.below(1000000));
+    auto cols = [&] {
+      return std::vector<ColValue>{
+          cap_.oneIn(5) ? marker(kMarkerNull) : valBigint(1000 + int64_t(cap_.below(1000000)), b),
+          valDecimal(money(cap_, 3000), 15, 2), valText(kCurrencies[cap_.below(4)], cp),
+          valText(cap_.timestamp(), cp),
+          cap_.oneIn(6) ? marker(kMarkerNull) : valVarchar(kMethods[cap_.below(4)], cp, b)};
+    };
+    RowDef r;
+    r.subId = kPaymentsSub;
+    place(r, op, {valBigint(id, b)}, cols(), {valBigint(id, b)}, cols());
+    return r;
+  }
+
+  // An order whose REMARKS travel in LOB messages after the transaction message; the last one
+  // ends the transaction.
+  int lobTransaction() {
+    TransMsgDef tx = header();
+    tx.rows.push_back(orderRow(16, false));
+    tx.flag = 0;
+    if (int rc = put(encodeTransMsg(tx, o_.order, o_.ccsid))) return rc;
+    std::string text;
+    while (text.size() < 2 * 4096) text += "Deliver to the loading bay at the back, ring twice. ";
+    text.resize(2 * 4096);
+    Bytes all = valText(text, o_.ccsid).data;
+    for (int part = 0; part < 2; ++part) {
+      LobMsgDef l;
+      l.subId = kDemoSub;
+      l.rowNum = 2;
+      l.colNum = 15;
+      l.flag = part == 1 ? 1 : 0;
+      l.totalLen = static_cast<uint32_t>(all.size());
+      l.data.assign(all.begin() + part * 4096, all.begin() + (part + 1) * 4096);
+      if (int rc = put(encodeLobMsg(l, o_.order, o_.ccsid))) return rc;
+    }
+    return 0;
+  }
+
+  // A large transaction sent in three messages as it runs: begin, more rows, commit.
+  int streamedTransaction() {
+    StreamedTransMsgDef st;
+    st.uow = cap_.uow();
+    st.lsn = cap_.lsn();
+    st.seconds = cap_.seconds();
+    st.micros = cap_.micros();
+    st.authId = "BATCHJOB";
+    st.authTkn = "MONTHEND";
+    st.planId = "SALESAPP";
+    const uint8_t types[] = {2, 4, 16};
+    for (int part = 0; part < 3; ++part) {
+      st.transType = types[part];
+      st.flag = part == 2 ? 1 : 0;
+      st.rows.clear();
+      for (int r = 0; r < 3; ++r) st.rows.push_back(paymentRow(16));
+      if (int rc = put(encodeStreamedTransMsg(st, o_.order, o_.ccsid))) return rc;
+    }
+    return 0;
+  }
+
+  int heartbeat() {
+    HeartbeatFields f;
+    f.sendq = "RPL.SALES.TO.DWH";
+    f.lastLogSeconds = cap_.seconds();
+    f.lastLogMicros = cap_.micros();
+    f.lastLogCmtLsn = cap_.position();
+    return put(encodeHeartbeatMsg(f, o_.order, o_.ccsid).bytes());
+  }
+
+  // ALTER TABLE SHOP.CUSTOMERS ADD COLUMN EMAIL: the schema change, then the subscription's
+  // schema with the new column before the first row that carries it.
+  int addEmailColumn() {
+    AddColumnFields f;
+    f.subId = static_cast<int32_t>(kCustomersSub);
+    f.colName = "EMAIL";
+    f.typeLen = 64;
+    f.codepage = o_.ccsid;
+    f.trans.commitLsn = cap_.position();
+    f.trans.commitSeconds = cap_.seconds();
+    f.trans.commitMicros = cap_.micros();
+    f.trans.uow = cap_.uow();
+    if (int rc = put(encodeAddColumnMsg(f, o_.order, o_.ccsid).bytes())) return rc;
+    cap_.commit();
+    customersHaveEmail_ = true;
+    return put(encodeSchemaMsg(customersSchema(o_.ccsid, true, cap_), o_.order, o_.ccsid));
+  }
+
+  int stopStock() {
+    SubDeactivatedFields f;
+    f.subId = static_cast<int32_t>(kStockSub);
+    f.subname = "STOCK0001";
+    stockActive_ = false;
+    return put(encodeSubDeactivatedMsg(f, o_.order, o_.ccsid).bytes());
+  }
+
+  int startStock() {
+    stockActive_ = true;
+    return put(encodeSchemaMsg(stockSchema(o_.ccsid, cap_), o_.order, o_.ccsid));
+  }
+
+  const Options& o_;
+  Putter& p_;
+  Capture cap_;
+  bool customersHaveEmail_ = false;
+  bool stockActive_ = true;
+};
+
+int runMixed(const Options& o, Putter& p) { return Mixed(o, p).run(); }
+
+// ---------------------------------------------------------------------------------------------
 // The bench: one template transaction, its commit time and key values patched per transaction.
 
 void putU32(Bytes& b, size_t at, uint32_t v, ByteOrder o) {
@@ -428,39 +858,79 @@ uint32_t getU32(const Bytes& b, size_t at, ByteOrder o) {
   return v;
 }
 
+// The offsets at which two encodings of the same message differ: where a field lies.
+std::vector<size_t> differing(const Bytes& a, const Bytes& b) {
+  std::vector<size_t> at;
+  for (size_t i = 0; i < a.size() && i < b.size(); ++i)
+    if (a[i] != b[i]) at.push_back(i);
+  return at;
+}
+
+// Three subscriptions over the orders tables of three regions (one shape, so every transaction
+// message has the same size), then N transactions spread over them, each with its own commit
+// position, time and unit of work, as a capture program sends them.
 int runBench(const Options& o, Putter& p) {
   const ByteOrder b = o.order;
   const int32_t cp = o.ccsid;
-  SchemaMsgDef s = demoSchema(cp);
-  s.subname = "BENCH0001";
-  int rc = p.put(encodeSchemaMsg(s, b, cp));
-  if (rc != kExitOk) return rc;
-
-  TransMsgDef tx;
-  const std::vector<ColValue> cols = demoCols({0, "Bench Customer", "N", 1, "42.42", 0.5}, o, true);
-  for (long r = 0; r < o.rows; ++r) {
-    RowDef row;
-    row.subId = kDemoSub;
-    row.operation = 16;
-    row.keyAfter = std::vector<ColValue>{valBigint(0, b)};
-    row.colsAfter = cols;
-    tx.rows.push_back(row);
+  Capture cap(o.seed);
+  const char* const regions[] = {"SHOP_EU", "SHOP_US", "SHOP_AP"};
+  constexpr uint32_t kSubs = 3;
+  for (uint32_t sub = 0; sub < kSubs; ++sub) {
+    SchemaMsgDef s = demoSchema(cp);
+    s.subId = kDemoSub + sub;
+    s.subname = "BENCH000" + std::to_string(sub + 1);
+    s.srcOwner = regions[sub];
+    s.ext->lsn = cap.lsn();
+    s.ext->uow = cap.uow();
+    int rc = p.put(encodeSchemaMsg(s, b, cp));
+    if (rc != kExitOk) return rc;
   }
-  Bytes msg = encodeTransMsg(tx, b, cp);
+
+  const std::vector<ColValue> cols = demoCols({0, "Bench Customer", "N", 1, "42.42", 0.5}, o, true);
+  std::vector<Bytes> templates;
+  TransMsgDef tx;
+  for (uint32_t sub = 0; sub < kSubs; ++sub) {
+    tx.rows.clear();
+    for (long r = 0; r < o.rows; ++r) {
+      RowDef row;
+      row.subId = kDemoSub + sub;
+      row.operation = 16;
+      row.keyAfter = std::vector<ColValue>{valBigint(0, b)};
+      row.colsAfter = cols;
+      tx.rows.push_back(row);
+    }
+    templates.push_back(encodeTransMsg(tx, b, cp));
+  }
+  // Where the commit position and the unit of work lie: the bytes that change with them.
+  TransMsgDef otherLsn = tx, otherUow = tx;
+  for (uint8_t& v : otherLsn.lsn.bytes) v = static_cast<uint8_t>(~v);
+  for (uint8_t& v : otherUow.uow) v = static_cast<uint8_t>(~v);
+  const std::vector<size_t> lsnAt = differing(templates.back(), encodeTransMsg(otherLsn, b, cp));
+  const std::vector<size_t> uowAt = differing(templates.back(), encodeTransMsg(otherUow, b, cp));
+  if (lsnAt.size() != 16 || uowAt.size() != tx.uow.size()) {
+    std::fprintf(stderr, "rplqmgen: cannot place the commit position in the bench message\n");
+    return kExitFailed;
+  }
   // Where each row's key value lies: the key set is the row's first, its one value follows
   // the set's 6-byte header and its one entry.
+  const Bytes& msg0 = templates[0];
   std::vector<size_t> keyAt;
   size_t at = transRowsAt(tx.version);
   for (long r = 0; r < o.rows; ++r) {
     keyAt.push_back(at + rowSetsAt(tx.version) + 8);
-    at += (getU32(msg, at, b) + 3) & ~3u;
+    at += (getU32(msg0, at, b) + 3) & ~3u;
   }
   uint64_t id = 1;
   for (long t = 0; t < o.transactions; ++t) {
-    putU32(msg, 20, kStartTime + static_cast<uint32_t>(t / 1000), b);
-    putU32(msg, 24, static_cast<uint32_t>((t % 1000) * 1000), b);
+    cap.commit();
+    Bytes& msg = templates[static_cast<size_t>(t) % kSubs];
+    putU32(msg, 20, cap.seconds(), b);
+    putU32(msg, 24, cap.micros(), b);
+    Bytes lsn = cap.lsnBytes(), uow = cap.uow();
+    for (size_t i = 0; i < lsnAt.size(); ++i) msg[lsnAt[i]] = lsn[i];
+    for (size_t i = 0; i < uowAt.size(); ++i) msg[uowAt[i]] = uow[i];
     for (size_t k : keyAt) putU64(msg, k, id++, b);
-    rc = p.put(msg);
+    int rc = p.put(msg);
     if (rc != kExitOk) return rc;
   }
   return p.commit();
@@ -476,12 +946,12 @@ int main(int argc, char** argv) {
   rc = p.open();
   if (rc != kExitOk) return rc;
   auto start = std::chrono::steady_clock::now();
-  rc = o.scenario == "bench" ? runBench(o, p) : runDemo(o, p);
+  rc = o.scenario == "bench" ? runBench(o, p) : o.scenario == "mixed" ? runMixed(o, p) : runDemo(o, p);
   double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   if (rc != kExitOk) p.backout();
   p.close();
   if (rc != kExitOk) return rc;
-  std::printf("rplqmgen: put %" PRIu64 " messages (%" PRIu64 " bytes) on %s in %.2f s\n", p.count(), p.bytes(),
+  std::fprintf(stderr, "rplqmgen: put %" PRIu64 " messages (%" PRIu64 " bytes) on %s in %.2f s\n", p.count(), p.bytes(),
               o.queue.c_str(), secs);
   return kExitOk;
 }

@@ -109,4 +109,18 @@ bool DumpReader::complete(uint64_t read, std::string& why) const {
   return true;
 }
 
+bool DumpReader::atEnd(std::string& why) {
+  int c = fgetc(f_);
+  if (c != EOF) {
+    why = "bytes follow the end marker (after " + std::to_string(index_) +
+          " messages): the file is not a dump as written";
+    return false;
+  }
+  if (ferror(f_)) {
+    why = "reading after the end marker failed";
+    return false;
+  }
+  return true;
+}
+
 }  // namespace kxq

@@ -56,6 +56,8 @@ class DumpReader {
   int message(KXMD* md, std::vector<char>& data, std::string& why);
   // After the end marker: checks that the count read matches the file's.
   bool complete(uint64_t read, std::string& why) const;
+  // After the end marker: checks that nothing follows it.
+  bool atEnd(std::string& why);
 
  private:
   bool u32(uint32_t* v);

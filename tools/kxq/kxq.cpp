@@ -3,11 +3,16 @@
 // Queue managers and queues are created and deleted through the local queue manager's admin
 // functions; everything that touches messages goes through the KX API, so that the same commands
 // work against any queue manager the KX library can reach.
+#include <dirent.h>
 #include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <stdio.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdarg>
 #include <cstdio>
@@ -20,6 +25,7 @@
 #include "kx/kxc.h"
 #include "kx/kxm_admin.h"
 #include "tools/kxq/dumpfile.h"
+#include "version.h"
 
 namespace {
 
@@ -50,10 +56,17 @@ const char* const kUsage =
     "  kxq get QMGR QUEUE --to DIR [--count N]\n"
     "                                write messages as DIR/0001.msg ... in the raw form;\n"
     "                                get removes what it wrote, browse leaves the queue whole\n"
-    "  kxq dump QMGR QUEUE FILE      write the whole queue to one portable file\n"
-    "  kxq load QMGR QUEUE FILE      put the messages of a dump back, byte for byte\n"
+    "                                the numbering continues after the highest file in DIR,\n"
+    "                                and no file is ever overwritten\n"
+    "  kxq dump QMGR QUEUE FILE      write the whole queue to one portable file (- for\n"
+    "                                standard output); an existing file is not overwritten\n"
+    "  kxq load QMGR QUEUE FILE      put the messages of a dump back, byte for byte, in one\n"
+    "                                unit of work (- for standard input)\n"
+    "  kxq --version\n"
     "\n"
-    "The queue managers live in $KX_DATA_PATH (default ~/.kx).\n";
+    "Summaries and progress go to standard error. Exit status: 0 done, 1 failed, 2 usage error.\n"
+    "The queue managers live in $KX_DATA_PATH (default ~/.kx); with RPLUSEKXCLIENT=TRUE kxq\n"
+    "reaches a remote queue manager instead (KXSERVER, KXPASSWORD, KXCLIENTCONF).\n";
 
 struct ReasonText {
   KXLONG reason;
@@ -91,6 +104,16 @@ void fail(const char* fmt, ...) {
   va_list ap;
   va_start(ap, fmt);
   fputs("kxq: ", stderr);
+  vfprintf(stderr, fmt, ap);
+  fputc('\n', stderr);
+  va_end(ap);
+}
+
+// Summaries go to standard error, so that standard output carries only data (a dump, a list).
+void summary(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+void summary(const char* fmt, ...) {
+  va_list ap;
+  va_start(ap, fmt);
   vfprintf(stderr, fmt, ap);
   fputc('\n', stderr);
   va_end(ap);
@@ -315,15 +338,14 @@ int cmdCreateQmgr(const Args& a) {
   char msg[1024];
   int r = adminResult(kxmCreateQmgr(a[0].c_str(), msg, sizeof msg), msg);
   if (r == kExitOk) r = adminResult(kxmCreateQueue(a[0].c_str(), kDeadLetterQueue, -1, msg, sizeof msg), msg);
-  if (r == kExitOk)
-    printf("queue manager %s created, with dead-letter queue %s\n", a[0].c_str(), kDeadLetterQueue);
+  if (r == kExitOk) summary("queue manager %s created, with dead-letter queue %s", a[0].c_str(), kDeadLetterQueue);
   return r;
 }
 
 int cmdDeleteQmgr(const Args& a) {
   char msg[1024];
   int r = adminResult(kxmDeleteQmgr(a[0].c_str(), msg, sizeof msg), msg);
-  if (r == kExitOk) printf("queue manager %s deleted\n", a[0].c_str());
+  if (r == kExitOk) summary("queue manager %s deleted", a[0].c_str());
   return r;
 }
 
@@ -343,14 +365,14 @@ int cmdCreateQueue(const Args& a) {
   }
   char msg[1024];
   int r = adminResult(kxmCreateQueue(a[0].c_str(), a[1].c_str(), maxLength, msg, sizeof msg), msg);
-  if (r == kExitOk) printf("queue %s created on %s\n", a[1].c_str(), a[0].c_str());
+  if (r == kExitOk) summary("queue %s created on %s", a[1].c_str(), a[0].c_str());
   return r;
 }
 
 int cmdDeleteQueue(const Args& a) {
   char msg[1024];
   int r = adminResult(kxmDeleteQueue(a[0].c_str(), a[1].c_str(), msg, sizeof msg), msg);
-  if (r == kExitOk) printf("queue %s deleted from %s\n", a[1].c_str(), a[0].c_str());
+  if (r == kExitOk) summary("queue %s deleted from %s", a[1].c_str(), a[0].c_str());
   return r;
 }
 
@@ -407,7 +429,7 @@ int cmdClear(const Args& a) {
   }
   if (int e = commit(c, a[1])) return e;
   progress.finish(removed);
-  printf("%" PRId64 " messages removed from %s\n", removed, a[1].c_str());
+  summary("%" PRId64 " messages removed from %s", removed, a[1].c_str());
   return kExitOk;
 }
 
@@ -506,22 +528,94 @@ int cmdPut(const Args& a) {
   return kExitOk;
 }
 
-int writeRaw(const std::string& path, const KXMD& md, const char* data, size_t length) {
-  FILE* f = fopen(path.c_str(), "wb");
-  if (!f) {
-    fail("cannot create %s: %s", path.c_str(), strerror(errno));
-    return kExitFailed;
+// ---- Message files ------------------------------------------------------------------------------
+
+// A got message's file while its get is being committed: ".NNNN.msg.part".
+constexpr const char* kPartSuffix = ".part";
+
+// The number of a message file name "NNNN.msg" (digits only), or of the part file of one that
+// a get left behind (".NNNN.msg.part", kept and never reused); 0 for any other name.
+int64_t messageFileNumber(std::string_view name) {
+  if (name.size() > 6 && name[0] == '.' && name.ends_with(kPartSuffix))
+    name = name.substr(1, name.size() - 1 - strlen(kPartSuffix));
+  if (name.size() < 5 || name.size() > 4 + 18 || !name.ends_with(".msg")) return 0;
+  int64_t v = 0;
+  for (char ch : name.substr(0, name.size() - 4)) {
+    if (ch < '0' || ch > '9') return 0;
+    v = v * 10 + (ch - '0');
   }
-  bool ok = fwrite(&md, sizeof md, 1, f) == 1 && (length == 0 || fwrite(data, length, 1, f) == 1);
-  if (fclose(f) != 0) ok = false;
-  if (!ok) {
-    fail("cannot write %s: %s", path.c_str(), strerror(errno));
-    return kExitFailed;
+  return v;
+}
+
+// The highest message file number in a directory (0 when there is none), -1 when it cannot be read.
+int64_t highestMessageFile(const std::string& dir) {
+  DIR* d = opendir(dir.c_str());
+  if (!d) return -1;
+  int64_t highest = 0;
+  while (dirent* e = readdir(d)) highest = std::max(highest, messageFileNumber(e->d_name));
+  closedir(d);
+  return highest;
+}
+
+std::string messageFileName(int64_t number) {
+  char name[32];
+  snprintf(name, sizeof name, "%04" PRId64 ".msg", number);
+  return name;
+}
+
+// Writes all of the bytes, retrying short writes.
+bool writeAll(int fd, const void* p, size_t n) {
+  const char* c = static_cast<const char*>(p);
+  while (n > 0) {
+    ssize_t w = write(fd, c, n);
+    if (w < 0 && errno == EINTR) continue;
+    if (w <= 0) return false;
+    c += w;
+    n -= size_t(w);
   }
-  return kExitOk;
+  return true;
+}
+
+// Creates `path`, which must not exist yet, with the descriptor and the data, flushed to the disk.
+// A file that cannot be written whole is removed again. Returns 0, or errno (EEXIST: the name is
+// taken and nothing was touched).
+int createRaw(const std::string& path, const KXMD& md, const char* data, size_t length) {
+  int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+  if (fd < 0) return errno;
+  bool ok = writeAll(fd, &md, sizeof md) && writeAll(fd, data, length) && fsync(fd) == 0;
+  int err = ok ? 0 : errno ? errno : EIO;
+  if (close(fd) != 0 && ok) {
+    ok = false;
+    err = errno;
+  }
+  if (!ok) unlink(path.c_str());
+  return err;
+}
+
+// Gives a written file its final name, never replacing a file that has it. Returns 0 or errno.
+int renameNoReplace(const std::string& from, const std::string& to) {
+  if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return 0;
+  if (errno != EINVAL && errno != ENOSYS) return errno;
+  // A file system without the no-replace rename: a hard link fails on an existing name as well.
+  if (link(from.c_str(), to.c_str()) != 0) return errno;
+  unlink(from.c_str());
+  return 0;
+}
+
+void syncDirectory(const std::string& dir) {
+  int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return;
+  fsync(fd);
+  close(fd);
 }
 
 // browse and get --to DIR [--count N]
+//
+// Files are numbered on from the highest "NNNN.msg" already in DIR, and a name that is taken
+// stops the run: no file is ever overwritten. A got message's file is written under a temporary
+// name and flushed, the get is committed, and only then is the file renamed into place: no
+// "NNNN.msg" ever stands for a message still on the queue, and a failed commit leaves the
+// message on the queue and no file behind.
 int cmdToDir(const Args& a, bool remove) {
   const char* cmd = remove ? "get" : "browse";
   std::string dir;
@@ -547,87 +641,159 @@ int cmdToDir(const Args& a, bool remove) {
     fail("%s: cannot create %s: %s", cmd, dir.c_str(), strerror(errno));
     return kExitFailed;
   }
+  int64_t last = highestMessageFile(dir);
+  if (last < 0) {
+    fail("%s: cannot read %s: %s", cmd, dir.c_str(), strerror(errno));
+    return kExitFailed;
+  }
   Connection c;
   KXHOBJ h = -1;
   if (int e = connectTo(a[0], c)) return e;
-  KXLONG open = (remove ? KXOO_INPUT_SHARED : KXOO_BROWSE) | KXOO_FAIL_IF_QUIESCING;
-  if (int e = openQueue(c, a[1], open, &h)) return e;
+  KXLONG openOptions = (remove ? KXOO_INPUT_SHARED : KXOO_BROWSE) | KXOO_FAIL_IF_QUIESCING;
+  if (int e = openQueue(c, a[1], openOptions, &h)) return e;
   Reader reader(c, h, a[1]);
   int64_t n = 0;
   Progress progress(remove ? "got" : "browsed", remove ? count : -1);
-  while (count < 0 || n < count) {
-    // A got message is committed only once its file is written.
-    int r = reader.next(remove ? KXGMO_SYNCPOINT : KXGMO_BROWSE_NEXT);
-    if (r < 0) return kExitFailed;
-    if (r == 0) break;
-    char name[32];
-    snprintf(name, sizeof name, "/%04" PRId64 ".msg", n + 1);
-    if (int e = writeRaw(dir + name, reader.md(), reader.data(), size_t(reader.length()))) {
-      if (remove) backOut(c);
-      return e;
+  auto finish = [&](int rc) {
+    progress.finish(n);
+    if (n == 1) {
+      syncDirectory(dir);
+      summary("1 message written to %s (%s)", dir.c_str(), messageFileName(last + 1).c_str());
+    } else if (n > 1) {
+      syncDirectory(dir);
+      summary("%" PRId64 " messages written to %s (%s to %s)", n, dir.c_str(),
+              messageFileName(last + 1).c_str(), messageFileName(last + n).c_str());
+    } else if (rc == kExitOk) {
+      summary("0 messages written to %s", dir.c_str());
     }
-    if (remove)
-      if (int e = commit(c, a[1])) return e;
+    return rc;
+  };
+  while (count < 0 || n < count) {
+    int r = reader.next(remove ? KXGMO_SYNCPOINT : KXGMO_BROWSE_NEXT);
+    if (r < 0) {
+      if (remove) backOut(c);
+      return finish(kExitFailed);
+    }
+    if (r == 0) break;
+    std::string name = messageFileName(last + n + 1);
+    std::string path = dir + "/" + name;
+    std::string written = remove ? dir + "/." + name + kPartSuffix : path;
+    if (int err = createRaw(written, reader.md(), reader.data(), size_t(reader.length()))) {
+      if (remove) backOut(c);
+      if (err == EEXIST)
+        fail("%s: %s already exists; it is left as it is and the run stops here", cmd,
+             written.c_str());
+      else
+        fail("%s: cannot write %s: %s", cmd, written.c_str(), strerror(err));
+      return finish(kExitFailed);
+    }
+    if (remove) {
+      KXLONG cc, rc;
+      KXCMIT(c.hconn, &cc, &rc);
+      if (cc != KXCC_OK) {
+        unlink(written.c_str());
+        failCall("commit", "queue " + a[1], cc, rc);
+        fail("get: the message stays on the queue; no file was written for it");
+        return finish(kExitFailed);
+      }
+      if (int err = renameNoReplace(written, path)) {
+        fail("get: cannot name %s %s (%s); the message, removed from the queue, is kept in %s",
+             written.c_str(), path.c_str(), strerror(err), written.c_str());
+        return finish(kExitFailed);
+      }
+    }
     ++n;
     progress.update(n);
   }
-  progress.finish(n);
-  printf("%" PRId64 " messages written to %s\n", n, dir.c_str());
-  return kExitOk;
+  return finish(kExitOk);
+}
+
+// Opens the file a dump is written to: "-" is standard output; an existing regular file is not
+// overwritten (devices and pipes are written to as they are). `created` says whether the file
+// is ours to remove after a failure.
+FILE* openDumpOutput(const std::string& path, bool& created) {
+  created = false;
+  if (path == "-") return stdout;
+  struct stat st;
+  if (stat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode)) return fopen(path.c_str(), "wb");
+  int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+  if (fd < 0) return nullptr;
+  created = true;
+  return fdopen(fd, "wb");
 }
 
 int cmdDump(const Args& a) {
   const std::string& path = a[2];
+  const std::string shown = path == "-" ? "standard output" : path;
+  if (path == "-" && isatty(1)) {
+    fail("dump: standard output is a terminal; redirect it to a file or a pipe");
+    return kExitUsage;
+  }
   Connection c;
   KXHOBJ h = -1;
   if (int e = connectTo(a[0], c)) return e;
   if (int e = openQueue(c, a[1], KXOO_BROWSE | KXOO_FAIL_IF_QUIESCING, &h)) return e;
-  FILE* f = fopen(path.c_str(), "wb");
+  bool created = false;
+  FILE* f = openDumpOutput(path, created);
   if (!f) {
-    fail("dump: cannot create %s: %s", path.c_str(), strerror(errno));
+    if (errno == EEXIST)
+      fail("dump: %s already exists; it is left as it is (choose another name)", path.c_str());
+    else
+      fail("dump: cannot create %s: %s", path.c_str(), strerror(errno));
     return kExitFailed;
   }
   kxq::DumpWriter writer(f);
   Reader reader(c, h, a[1]);
   Progress progress("dumped", queueDepth(c, a[1]));
   uint64_t n = 0;
+  int err = 0;
   bool ok = writer.header();
+  if (!ok) err = errno;
   int r = 0;
   while (ok && (r = reader.next(KXGMO_BROWSE_NEXT)) > 0) {
     ok = writer.message(&reader.md(), reader.data(), uint32_t(reader.length()));
+    if (!ok) err = errno;
     progress.update(int64_t(++n));
   }
-  if (ok) ok = writer.trailer(n);
-  if (fclose(f) != 0) ok = false;
+  if (ok && r == 0 && !(ok = writer.trailer(n))) err = errno;
+  if (f == stdout ? fflush(f) != 0 : fclose(f) != 0) {
+    if (ok) err = errno;
+    ok = false;
+  }
   progress.finish(int64_t(n));
-  if (!ok) {
-    fail("dump: cannot write %s: %s", path.c_str(), strerror(errno));
+  if (!ok || r < 0) {
+    if (!ok) fail("dump: cannot write %s: %s", shown.c_str(), strerror(err));
+    if (created) unlink(path.c_str());
     return kExitFailed;
   }
-  if (r < 0) return kExitFailed;
-  printf("%" PRIu64 " messages dumped from %s to %s\n", n, a[1].c_str(), path.c_str());
+  summary("%" PRIu64 " messages dumped from %s to %s", n, a[1].c_str(), shown.c_str());
   return kExitOk;
 }
 
 int cmdLoad(const Args& a) {
   const std::string& path = a[2];
-  FILE* f = fopen(path.c_str(), "rb");
+  const std::string shown = path == "-" ? "standard input" : path;
+  FILE* f = path == "-" ? stdin : fopen(path.c_str(), "rb");
   if (!f) {
     fail("load: cannot open %s: %s", path.c_str(), strerror(errno));
     return kExitFailed;
   }
+  auto closeInput = [&] {
+    if (f != stdin) fclose(f);
+  };
   kxq::DumpReader dump(f);
   std::string why;
   if (!dump.header(why)) {
-    fclose(f);
-    fail("load: %s: %s", path.c_str(), why.c_str());
+    closeInput();
+    fail("load: %s: %s", shown.c_str(), why.c_str());
     return kExitFailed;
   }
   Connection c;
   KXHOBJ h = -1;
-  if (int e = connectTo(a[0], c)) return e;
-  if (int e = openQueue(c, a[1], KXOO_OUTPUT | KXOO_FAIL_IF_QUIESCING, &h)) return e;
-  // The whole file is one unit of work: a load that fails leaves the queue as it was.
+  if (int e = connectTo(a[0], c)) return closeInput(), e;
+  if (int e = openQueue(c, a[1], KXOO_OUTPUT | KXOO_FAIL_IF_QUIESCING, &h)) return closeInput(), e;
+  // The whole file is one unit of work, streamed a message at a time: a load that fails leaves
+  // the queue as it was.
   Progress progress("loaded", dump.count() ? int64_t(dump.count()) : -1);
   uint64_t n = 0;
   KXMD md;
@@ -637,21 +803,27 @@ int cmdLoad(const Args& a) {
     if (int e = putOne(c, h, a[1], md, KXPMO_SYNCPOINT | KXPMO_SET_ALL_CONTEXT, data.data(),
                        data.size(), "message " + std::to_string(n + 1))) {
       backOut(c);
-      fclose(f);
+      closeInput();
+      progress.finish(int64_t(n));
+      fail("load: nothing was loaded");
       return e;
     }
     progress.update(int64_t(++n));
   }
-  fclose(f);
-  if (r < 0 || !dump.complete(n, why)) {
+  bool whole = r == 0 && dump.complete(n, why) && dump.atEnd(why);
+  closeInput();
+  if (!whole) {
     backOut(c);
     progress.finish(int64_t(n));
-    fail("load: %s: %s; nothing was loaded", path.c_str(), why.c_str());
+    fail("load: %s: %s; nothing was loaded", shown.c_str(), why.c_str());
     return kExitFailed;
   }
-  if (int e = commit(c, a[1])) return e;
+  if (int e = commit(c, a[1])) {
+    fail("load: nothing was loaded");
+    return e;
+  }
   progress.finish(int64_t(n));
-  printf("%" PRIu64 " messages loaded from %s to %s\n", n, path.c_str(), a[1].c_str());
+  summary("%" PRIu64 " messages loaded from %s to %s", n, shown.c_str(), a[1].c_str());
   return kExitOk;
 }
 
@@ -675,8 +847,8 @@ constexpr Command kCommands[] = {
     {"put", 2, cmdPut, "put QMGR QUEUE [options] [FILE...] | put QMGR QUEUE --raw FILE..."},
     {"browse", 2, cmdBrowse, "browse QMGR QUEUE --to DIR"},
     {"get", 2, cmdGet, "get QMGR QUEUE --to DIR [--count N]"},
-    {"dump", 3, cmdDump, "dump QMGR QUEUE FILE"},
-    {"load", 3, cmdLoad, "load QMGR QUEUE FILE"},
+    {"dump", 3, cmdDump, "dump QMGR QUEUE FILE|-"},
+    {"load", 3, cmdLoad, "load QMGR QUEUE FILE|-"},
 };
 
 // Commands whose arguments are exactly the positional ones.
@@ -688,6 +860,12 @@ bool fixedArity(const Command& c) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // A reader that goes away (a closed pipe) makes a write fail with an error in words.
+  signal(SIGPIPE, SIG_IGN);
+  if (argc == 2 && !strcmp(argv[1], "--version")) {
+    printf("kxq %s\n", RPL_VERSION);
+    return kExitOk;
+  }
   if (argc < 2 || !strcmp(argv[1], "--help") || !strcmp(argv[1], "-h") ||
       !strcmp(argv[1], "help")) {
     fputs(kUsage, argc < 2 ? stderr : stdout);
