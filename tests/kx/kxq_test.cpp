@@ -285,6 +285,8 @@ TEST_F(KxTest, KxqListsTheDeadLetterQueueAndBackoutThresholds) {
     threshold[name] = bothresh;
   }
   EXPECT_EQ(threshold, (std::map<std::string, std::string>{{"KX.DEAD.LETTER", "0"}, {"Q1", "5"}}));
+}
+
 TEST_F(KxTest, GetAndBrowseRunsIntoOneDirectoryNumberOnAndOverwriteNothing) {
   fillQ1();
   std::vector<Message> sent = browseAll("Q1");
