@@ -3,6 +3,7 @@
 #include "tests/qmsg/json.h"
 
 #include "tools/gen/encode_data.h"
+#include "tools/gen/encode_lifecycle.h"
 #include "tools/gen/encode_queue_control.h"
 
 namespace {
@@ -89,6 +90,46 @@ const JsonCase kQueueControl[] = {
 
 TEST(Json, QueueControl) {
   for (const JsonCase& c : kQueueControl) expectJson(c);
+}
+
+const JsonCase kLifecycle[] = {
+    {"load done version 8", [](ByteOrder o, int32_t c) { return encodeLoadDoneMsg(LoadDoneFields{}, o, c); },
+     with(head("RPLKX_LOADDONE_RCVD", 2, 8), {{"sub_id", 7}})},
+    {"subscription deactivated", [](ByteOrder o, int32_t c) { return encodeSubDeactivatedMsg(SubDeactivatedFields{}, o, c); },
+     with(head("RPLKX_SUBDEACTIVATED", 4, 1), {{"subname", "ORDERS0001"}, {"sub_id", 7}, {"stateinfo", "INACTIVE"}})},
+    {"create subscription", [](ByteOrder o, int32_t c) { return encodeCreateSubMsg(CreateSubFields{}, o, c); },
+     with(head("RPLKX_CREATESUB_MSG", 9, 1),
+          {{"subName", "ORDERS0001"}, {"subId", 7}, {"srcDbName", "SALESDB"}, {"srcOwner", "SALES"},
+           {"srcName", "ORDERS"}, {"targetType", 1}, {"subType", "U"}, {"conflictRule", "K"},
+           {"subOkSqlStates", "02000"}, {"targetNode", 2}, {"hasLoadPhase", "I"},
+           {"modelQ", "KXRP.SPILL.MODELQ"}, {"originated_from", "SIGNAL"}})},
+    {"drop subscription", [](ByteOrder o, int32_t c) { return encodeDropSubMsg(DropSubFields{}, o, c); },
+     with(head("RPLKX_DROPSUB_MSG", 10, 1),
+          {{"subName", "ORDERS0001"}, {"schemaSubName", "SALES.SUBS"}, {"subGroup", "SALESGRP"}, {"flags", 0}})},
+    {"peer join", [](ByteOrder o, int32_t c) { return encodeP2pJoinUsMsg(P2pJoinUsFields{}, o, c); },
+     with(head("RPLKX_P2P_JOINUS_MSG", 80, 2),
+          {{"subname", "ORDERS0001"}, {"sourceNode", 1}, {"targetNode", 3}, {"loadPhase", "I"}, {"subType", "P"}})},
+    {"peer spooling", [](ByteOrder o, int32_t c) { return encodeP2pSpoolingMsg(P2pFields{}, o, c); },
+     with(head("RPLKX_P2P_SPOOLING_MSG", 81, 1), {{"subname", "ORDERS0001"}, {"newNode", 3}})},
+    {"peer load done", [](ByteOrder o, int32_t c) { return encodeP2pLoadDoneMsg(P2pFields{}, o, c); },
+     with(head("RPLKX_P2P_LOADDONE_MSG", 82, 1), {{"sub_id", 7}, {"role", "S"}})},
+    // Read as stored: its name count is in the machine's order, so only a little-endian
+    // sender sends it readably.
+    {"peer capture stop", [](ByteOrder o, int32_t c) { return encodeP2pCapStopMsg(P2pFields{}, o, c); },
+     with(head("RPLKX_P2P_CAPSTOP_MSG", 83, 1), {{"subname", "ORDERS0001"}}), true},
+    {"peer subscription stopping", [](ByteOrder o, int32_t c) { return encodeP2pSubStoppingMsg(P2pFields{}, o, c); },
+     with(head("RPLKX_P2P_SUBSTOPPING_MSG", 84, 1), {{"subname", "ORDERS0001"}})},
+    {"peer ready to stop", [](ByteOrder o, int32_t c) { return encodeP2pReadyToStopMsg(P2pFields{}, o, c); },
+     with(head("RPLKX_P2P_READYTOSTOP_MSG", 85, 1), {{"subname", "ORDERS0001"}, {"sub_id", 7}})},
+    // Read as stored: the sub_id is the sender's bytes in the machine's order.
+    {"peer subscription deactivated", [](ByteOrder o, int32_t c) { return encodeP2pSubDeactivatedMsg(P2pFields{}, o, c); },
+     Json{{"msgtype", "RPLKX_P2P_SUBDEACTIVATED_MSG"}, {"msgtype_code", 86}}},
+    {"peer subscription deactivated, little-endian", [](ByteOrder o, int32_t c) { return encodeP2pSubDeactivatedMsg(P2pFields{}, o, c); },
+     with(head("RPLKX_P2P_SUBDEACTIVATED_MSG", 86, 1), {{"sub_id", 7}}), true},
+};
+
+TEST(Json, Lifecycle) {
+  for (const JsonCase& c : kLifecycle) expectJson(c);
 }
 
 TEST(Json, UnknownTypeIsAValidObjectWithItsError) {
