@@ -408,9 +408,9 @@ constexpr TypeRow kTypeRows[] = {
     {kTypeTrans, "RPLKX_TRANS_MSG", "qTransMsgHeader::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeTrans<TextSink>, decodeTrans<JsonSink>},
     {kTypeLob, "RPLKX_LOB_MSG", "qLobMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeLob, nullptr},
     {kTypeStreamedTrans, "RPLKX_STREAMED_TRANS_MSG", "qStreamedTransMsgHeader::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeStreamedTrans<TextSink>, decodeStreamedTrans<JsonSink>},
-    {kTypeXfPayload, "RPLKX_XF_MSG", "xfPayloadMsg::printMe", Order::Sender, Prologue::Body, "xfPayloadMsg::printMe", "cannot print xfPayloadMsg class", streamOnly<printXfPayloadMsg>, nullptr},
-    {kTypeXfAck, "RPLKX_XF_ACK_MSG", "xfAdminMsg::printMe", Order::Sender, Prologue::Body, "xfAdminMsg::printMe", "cannot print xfAdminMsg class", streamOnly<printXfAdminMsg>, nullptr},
-    {kTypeXfHeartbeat, "RPLKX_XF_HEARTBEAT_MSG", "xfHeartBeatMsg::printMe", Order::Sender, Prologue::Body, "xfHeartBeatMsg::printMe", "cannot print xfHeartBeatMsg class", streamOnly<printXfHeartBeatMsg>, nullptr},
+    {kTypeXfPayload, "RPLKX_XF_MSG", "xfPayloadMsg::printMe", Order::Sender, Prologue::Header, "xfPayloadMsg::printMe", "cannot print xfPayloadMsg class", RPL_SINK_BODIES(printXfPayloadMsg)},
+    {kTypeXfAck, "RPLKX_XF_ACK_MSG", "xfAdminMsg::printMe", Order::Sender, Prologue::Header, "xfAdminMsg::printMe", "cannot print xfAdminMsg class", RPL_SINK_BODIES(printXfAdminMsg)},
+    {kTypeXfHeartbeat, "RPLKX_XF_HEARTBEAT_MSG", "xfHeartBeatMsg::printMe", Order::Sender, Prologue::Header, "xfHeartBeatMsg::printMe", "cannot print xfHeartBeatMsg class", RPL_SINK_BODIES(printXfHeartBeatMsg)},
 };
 
 const TypeRow* rowOf(uint8_t type) {

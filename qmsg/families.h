@@ -62,6 +62,6 @@ template <class O> int32_t printFuncLevelMsg(QMsg& m, O& o);          // 13
 template <class O> int32_t printAdminQMsg(QMsg& m, O& o);             // 64
 
 // File transfer.
-int32_t printXfPayloadMsg(QMsg& m);        // 131
-int32_t printXfAdminMsg(QMsg& m);          // 132
-int32_t printXfHeartBeatMsg(QMsg& m);      // 133
+template <class O> int32_t printXfPayloadMsg(QMsg& m, O& o);    // 131
+template <class O> int32_t printXfAdminMsg(QMsg& m, O& o);      // 132
+template <class O> int32_t printXfHeartBeatMsg(QMsg& m, O& o);  // 133

@@ -3,6 +3,7 @@
 #include "tests/qmsg/json.h"
 
 #include "tools/gen/encode_data.h"
+#include "tools/gen/encode_file_transfer.h"
 #include "tools/gen/encode_lifecycle.h"
 #include "tools/gen/encode_queue_control.h"
 
@@ -130,6 +131,65 @@ const JsonCase kLifecycle[] = {
 
 TEST(Json, Lifecycle) {
   for (const JsonCase& c : kLifecycle) expectJson(c);
+}
+
+XfChunkFields chunk() {
+  XfChunkFields c;
+  c.data = {1, 2, 3};
+  return c;
+}
+
+const JsonCase kFileTransfer[] = {
+    {"file transfer payload",
+     [](ByteOrder o, int32_t c) { return encodeXfPayloadMsg({chunk(), chunk()}, 12, o, c); },
+     with(head("RPLKX_XF_MSG", 131, 12),
+          {{"numChunks", 2},
+           {"chunks", Json::array({{{"chunkSize", 138}, {"subId", 7}, {"controlMsgId", std::string(48, '0')},
+                                    {"crtLRLsn", "2021:2223:2425:2627:2829:2a2b:2c2d:2e2f"},
+                                    {"uow_id", "0000123456789abcdef0"}, {"totalFileSize", 3}, {"fileByteOffset", 0},
+                                    {"fileNameLen", 23}, {"dataLen", 3}, {"offset2FileName", 112},
+                                    {"offset2Data", 135}, {"xfSendRequestTmSeq", 1}, {"xfSendRequestOrder", 1},
+                                    {"fileName", "/var/kx/load/orders.del"}, {"data", "010203"}},
+                                   {{"chunkSize", 138}, {"subId", 7}, {"controlMsgId", std::string(48, '0')},
+                                    {"crtLRLsn", "2021:2223:2425:2627:2829:2a2b:2c2d:2e2f"},
+                                    {"uow_id", "0000123456789abcdef0"}, {"totalFileSize", 3}, {"fileByteOffset", 0},
+                                    {"fileNameLen", 23}, {"dataLen", 3}, {"offset2FileName", 112},
+                                    {"offset2Data", 135}, {"xfSendRequestTmSeq", 1}, {"xfSendRequestOrder", 1},
+                                    {"fileName", "/var/kx/load/orders.del"}, {"data", "010203"}}})}}),
+     true},
+    {"file transfer acknowledgement",
+     [](ByteOrder o, int32_t c) {
+       XfResponseFields r;
+       r.code = 4;
+       r.fileInfo = chunk();
+       return encodeXfAdminMsg({r}, 12, o, c);
+     },
+     with(head("RPLKX_XF_ACK_MSG", 132, 12), {{"numResponses", 1}}), true},
+    // File transfer bodies are read in the machine's order: only a little-endian sender's read right.
+    {"file transfer heartbeat",
+     [](ByteOrder o, int32_t c) { return encodeXfHeartBeatMsg(XfHeartBeatFields{}, o, c); },
+     with(head("RPLKX_XF_HEARTBEAT_MSG", 133, 12),
+          {{"maxCoordMsgId", std::string(48, '0')}, {"xfSendRequestTmSeq", 3}, {"maxXfSendRequestOrder", 5}}),
+     true},
+};
+
+TEST(Json, FileTransfer) {
+  for (const JsonCase& c : kFileTransfer) expectJson(c);
+}
+
+TEST(Json, FileTransferResponsesHoldTheirChunk) {
+  XfResponseFields r;
+  r.code = 4;
+  r.fileInfo = chunk();
+  for (const JsonSender& s : kJsonSenders) {
+    if (s.order == ByteOrder::Big) continue;  // read in the machine's order
+    Rendered d = renderAs(encodeXfAdminMsg({r}, 12, s.order, s.ccsid).bytes(), s.order, s.ccsid);
+    ASSERT_FALSE(d.doc.is_discarded()) << d.text;
+    ASSERT_EQ(d.doc["responses"].size(), 1u) << d.text;
+    EXPECT_EQ(d.doc["responses"][0]["code"], 4);
+    EXPECT_EQ(d.doc["responses"][0]["fileInfo"]["fileName"], "/var/kx/load/orders.del") << s.tag;
+    EXPECT_EQ(d.doc["responses"][0]["fileInfo"]["data"], "010203");
+  }
 }
 
 TEST(Json, UnknownTypeIsAValidObjectWithItsError) {
