@@ -270,7 +270,8 @@ int32_t decodeSpilledRow(Decode& d, O& o) {
   return rc;
 }
 
-int32_t decodeLob(Decode& d, TextSink&) {
+template <class O>
+int32_t decodeLob(Decode& d, O& o) {
   uint32_t subKey = 0;
   uint16_t colNum = 0;
   int32_t rc = d.m.r.u32(8, subKey, "qLobMsg.sub_id");
@@ -279,7 +280,7 @@ int32_t decodeLob(Decode& d, TextSink&) {
 
   const CachedSchema* schema = findSchema(subKey);
   if (schema == nullptr) {
-    printLobMsg(d.m, LobColumn{});
+    printLobMsg(d.m, o, LobColumn{});
     return 0;
   }
   size_t array = schemaColumnArrayOffset(schema->version);
@@ -297,7 +298,7 @@ int32_t decodeLob(Decode& d, TextSink&) {
   if (rc != 0) return rc;
   col.codePage = static_cast<int32_t>(codePage);
 
-  rc = printLobMsg(d.m, col);
+  rc = printLobMsg(d.m, o, col);
   if (rc != 0)
     reportFailuref("rplqcmsg:processLOBMsg", "qRowColSet::printMe", rc,
                    "Cannot print LOB message for column %.*s", col.nameLen,
@@ -406,7 +407,7 @@ constexpr TypeRow kTypeRows[] = {
     {kTypeP2pReadyToStop, "RPLKX_P2P_READYTOSTOP_MSG", "p2pReadyToStopMsg::printMe", Order::Sender, Prologue::Header, nullptr, nullptr, RPL_SINK_BODIES(printP2pReadyToStopMsg)},
     {kTypeP2pSubDeactivated, "RPLKX_P2P_SUBDEACTIVATED_MSG", "p2pSubDeactivatedMsg::printMe", Order::Stored, Prologue::Header, nullptr, nullptr, RPL_SINK_BODIES(printP2pSubDeactivatedMsg)},
     {kTypeTrans, "RPLKX_TRANS_MSG", "qTransMsgHeader::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeTrans<TextSink>, decodeTrans<JsonSink>},
-    {kTypeLob, "RPLKX_LOB_MSG", "qLobMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeLob, nullptr},
+    {kTypeLob, "RPLKX_LOB_MSG", "qLobMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeLob<TextSink>, decodeLob<JsonSink>},
     {kTypeStreamedTrans, "RPLKX_STREAMED_TRANS_MSG", "qStreamedTransMsgHeader::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeStreamedTrans<TextSink>, decodeStreamedTrans<JsonSink>},
     {kTypeXfPayload, "RPLKX_XF_MSG", "xfPayloadMsg::printMe", Order::Sender, Prologue::Header, "xfPayloadMsg::printMe", "cannot print xfPayloadMsg class", RPL_SINK_BODIES(printXfPayloadMsg)},
     {kTypeXfAck, "RPLKX_XF_ACK_MSG", "xfAdminMsg::printMe", Order::Sender, Prologue::Header, "xfAdminMsg::printMe", "cannot print xfAdminMsg class", RPL_SINK_BODIES(printXfAdminMsg)},

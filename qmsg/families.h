@@ -25,7 +25,7 @@ template <class O> int32_t printStreamedTransMsgHeader(QMsg& m, O& o, bool noPos
 // One row at `at` (its u32 length first), for a message of layout version `version`.
 int32_t printTransRow(QMsg& m, size_t at, uint16_t version);
 template <class O> int32_t printTransRow(QMsg& m, O& o, size_t at, uint16_t version);
-int32_t printLobMsg(QMsg& m, const LobColumn& col);               // type 129
+template <class O> int32_t printLobMsg(QMsg& m, O& o, const LobColumn& col);  // type 129
 
 // Restart.
 int32_t printRestartMsg(QMsg& m);          // 32
