@@ -330,9 +330,17 @@ int32_t decodeSendqStart(Decode& d, O& o) {
   return rc;
 }
 
-int32_t decodeRestart(Decode& d, TextSink&) {
-  printRestartMsg(d.m);
+// The restart message prints no header lines; a failure ends its lines without failing the
+// run. The JSON object still names the message and keeps the failure.
+int32_t decodeRestart(Decode& d, TextSink& o) {
+  printRestartMsg(d.m, o);
   return 0;
+}
+
+int32_t decodeRestart(Decode& d, JsonSink& o) {
+  int32_t rc = printHeaderLines(d.m, o, false);
+  if (rc == 0) rc = printRestartMsg(d.m, o);
+  return rc;
 }
 
 // A printer that writes to the message's stream itself (no field sink yet).
@@ -396,7 +404,7 @@ constexpr TypeRow kTypeRows[] = {
     {kTypeSendqStart, "RPLKX_SENDQ_START", "qSendQStartMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeSendqStart<TextSink>, decodeSendqStart<JsonSink>},
     {kTypeTruncate, "RPLKX_DDL_TRUNCATE_MSG", "qTruncateTableMsg::printMe", Order::Sender, Prologue::Body, "qTruncateTableMsg::printMe", "cannot print truncate ddl message class", streamOnly<printTruncateTableMsg>, nullptr},
     {kTypeRedefineReplKey, "RPLKX_REDEFINE_REPL_KEY_MSG", "qRedefineReplKeyMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, streamOnly<printRedefineReplKeyMsg>, nullptr},
-    {kTypeRestart, "RPLKX_RESTART", "qRestartMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeRestart, nullptr},
+    {kTypeRestart, "RPLKX_RESTART", "qRestartMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeRestart, decodeRestart},
     {kTypeSpillRow, "RPLKX_SPILLROW", "qSpilledRow::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeSpilledRow<TextSink>, decodeSpilledRow<JsonSink>},
     {kTypeAdminQ, "RPLKX_ADMINQ_MSG", "qAdminQMsg::printMe", Order::Sender, Prologue::Header, nullptr, nullptr, RPL_SINK_BODIES(printAdminQMsg)},
     {kTypeP2pJoinUs, "RPLKX_P2P_JOINUS_MSG", "p2pJoinUsMsg::printMe", Order::Sender, Prologue::Header, nullptr, nullptr, RPL_SINK_BODIES(printP2pJoinUsMsg)},

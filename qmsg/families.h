@@ -28,7 +28,7 @@ template <class O> int32_t printTransRow(QMsg& m, O& o, size_t at, uint16_t vers
 template <class O> int32_t printLobMsg(QMsg& m, O& o, const LobColumn& col);  // type 129
 
 // Restart.
-int32_t printRestartMsg(QMsg& m);          // 32
+template <class O> int32_t printRestartMsg(QMsg& m, O& o);  // 32 (no header lines)
 
 // Subscription lifecycle (bodies after the header lines, written through the sink `o`; 83
 // prints its own header form, 83 and 86 are handed over as stored).

@@ -529,10 +529,10 @@ int32_t printTransRow(QMsg& m, O& o, size_t at, uint16_t version) {
   }
 
   if constexpr (O::kJson) {
-    o.field("length", static_cast<int32_t>(length), "");
-    o.field("encodetype", nameOf(kEncodeTypes, encodeType, "Unsupported"), "");
-    o.field("encodever", nameOf(kEncodeVersions, encodeVer, "Unknown"), "");
-    o.field("operation", nameOf(kRowOperations, operation, "Unexpected"), "");
+    o.hidden("length", static_cast<int32_t>(length));
+    o.hidden("encodetype", nameOf(kEncodeTypes, encodeType, "Unsupported"));
+    o.hidden("encodever", nameOf(kEncodeVersions, encodeVer, "Unknown"));
+    o.hidden("operation", nameOf(kRowOperations, operation, "Unexpected"));
     o.hidden("operation_code", operation);
     if (version >= 2) o.hidden("intentseq", std::string(intent));
     o.hidden("bafter", joinFlags(kBafterBits, bafter));

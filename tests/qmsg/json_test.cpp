@@ -5,6 +5,7 @@
 #include "tools/gen/encode_data.h"
 #include "tools/gen/encode_file_transfer.h"
 #include "tools/gen/encode_lifecycle.h"
+#include "tools/gen/encode_restart.h"
 #include "tools/gen/encode_queue_control.h"
 
 namespace {
@@ -190,6 +191,32 @@ TEST(Json, FileTransferResponsesHoldTheirChunk) {
     EXPECT_EQ(d.doc["responses"][0]["fileInfo"]["fileName"], "/var/kx/load/orders.del") << s.tag;
     EXPECT_EQ(d.doc["responses"][0]["fileInfo"]["data"], "010203");
   }
+}
+
+// The restart message is read as stored: a little-endian sender's message reads right here.
+TEST(Json, RestartHoldsItsPartitionsAndSendQueues) {
+  RestartMsgFields f;
+  f.partitions = {sampleLogPosition(0x30, 3)};
+  f.lastCommitMicros = 250;
+  RestartSendqEntry q;
+  q.nextMsgSeq[15] = 0x2a;
+  f.sendqs = {q, q};
+  JsonCase c{"restart", [&](ByteOrder o, int32_t cp) { return encodeRestartMsg(f, o, cp); },
+             with(head("RPLKX_RESTART", 32, 1),
+                  {{"behind_queue", nullptr},
+                   {"capServer", "SRCDB"},
+                   {"capSchema", "KXCAP"},
+                   {"partitions", 1},
+                   {"lastCommitTime", "2025-11-21T10:20:00.000250Z"},
+                   {"sendqs", 2}}),
+             true};
+  expectJson(c);
+  Rendered r = renderAs(encodeRestartMsg(f, ByteOrder::Little, 1208).bytes(), ByteOrder::Little, 1208);
+  ASSERT_EQ(r.doc["restart_points"].size(), 1u) << r.text;
+  EXPECT_EQ(r.doc["restart_points"][0]["nodeId"], 3);
+  ASSERT_EQ(r.doc["sendq_entries"].size(), 2u) << r.text;
+  EXPECT_EQ(r.doc["sendq_entries"][1]["sendq_name"], "KXRP.TO.APPLY.SENDQ");
+  EXPECT_EQ(r.doc["sendq_entries"][1]["sendq_next_msg_seq_no"], std::string(30, '0') + "2a");
 }
 
 TEST(Json, UnknownTypeIsAValidObjectWithItsError) {
