@@ -6,6 +6,7 @@
 #include "tools/gen/encode_file_transfer.h"
 #include "tools/gen/encode_lifecycle.h"
 #include "tools/gen/encode_restart.h"
+#include "tools/gen/encode_schema_change.h"
 #include "tools/gen/encode_queue_control.h"
 
 namespace {
@@ -217,6 +218,36 @@ TEST(Json, RestartHoldsItsPartitionsAndSendQueues) {
   ASSERT_EQ(r.doc["sendq_entries"].size(), 2u) << r.text;
   EXPECT_EQ(r.doc["sendq_entries"][1]["sendq_name"], "KXRP.TO.APPLY.SENDQ");
   EXPECT_EQ(r.doc["sendq_entries"][1]["sendq_next_msg_seq_no"], std::string(30, '0') + "2a");
+}
+
+const JsonCase kSchemaChanges[] = {
+    {"add column", [](ByteOrder o, int32_t c) { return encodeAddColumnMsg(AddColumnFields{}, o, c); },
+     with(head("RPLKX_ADDCOLUMN_MSG", 5, 14),
+          {{"sub_id", 7}, {"colName", "NOTE"}, {"colType", 449}, {"colTypeName", "VARCHAR"}, {"typelen", 64},
+           {"codepage", 1208}, {"hasDefault", 0}, {"charSubtype", "S"}, {"colAttribFlags", 0}})},
+    {"add replication key column", [](ByteOrder o, int32_t c) { return encodeAddReplKeyColMsg(AddReplKeyColFields{}, o, c); },
+     with(head("RPLKX_ADD_REPL_KEY_COL_MSG", 12, 1), {{"sub_id", 7}, {"colName", "ORDER_ID"}})},
+    {"drop column", [](ByteOrder o, int32_t c) { return encodeDropColumnMsg(DropColumnFields{}, o, c); },
+     with(head("RPLKX_DDL_MSG", 6, 8),
+          {{"msgDDLType", "RPLKX_DDL_DROP_COLUMN"}, {"sub_id", 7}, {"dropped_column_name", "OBSOLETE_FLAG"}})},
+    {"alter column", [](ByteOrder o, int32_t c) { return encodeDdlMsg(1, 1, {0xde, 0xad}, o, c); },
+     with(head("RPLKX_DDL_MSG", 6, 1), {{"msgDDLType", "RPLKX_DDL_ALTER_COLUMN"}, {"body", "dead"}})},
+    {"generic DDL", [](ByteOrder o, int32_t c) { return encodeDdlMsg(16, 1, {0x01}, o, c); },
+     with(head("RPLKX_DDL_MSG", 6, 1), {{"msgDDLType", "RPLKX_DDL_GENERIC"}, {"body", "01"}})},
+    {"truncate table", [](ByteOrder o, int32_t c) { return encodeTruncateTableMsg(7, 1, o, c); },
+     with(head("RPLKX_DDL_TRUNCATE_MSG", 17, 1), {{"subId", 7}})},
+    {"redefine replication key",
+     [](ByteOrder o, int32_t c) {
+       RedefineReplKeyFields f;
+       f.colNames = {"ORDER_ID", "LINE_NO"};
+       return encodeRedefineReplKeyMsg(f, o, c);
+     },
+     with(head("RPLKX_REDEFINE_REPL_KEY_MSG", 18, 1),
+          {{"sub_id", 7}, {"is_P2P", 0}, {"nCols", 2}, {"colNames", Json::array({"ORDER_ID", "LINE_NO"})}})},
+};
+
+TEST(Json, SchemaChanges) {
+  for (const JsonCase& c : kSchemaChanges) expectJson(c);
 }
 
 TEST(Json, UnknownTypeIsAValidObjectWithItsError) {
