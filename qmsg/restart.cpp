@@ -114,10 +114,8 @@ int32_t printSendqEntry(const MsgReader& msg, size_t at, int32_t index, O& o, si
          static_cast<int>(nameLen), reinterpret_cast<const char*>(name));
   o.show("sendq_activation_time", UtcTime{activation, -1}, "  %6s sendq activation time:  %-11d(%s)\n", "",
          static_cast<int32_t>(activation), formatLocalStamp(activation).c_str());
-  o.text("  %6s sendq next msg seq no:  ", "");
-  for (size_t i = 0; i < kSqNextSeqSize; ++i) o.text("%2.2x", seq[i]);
-  o.text("\n");
-  o.hidden("sendq_next_msg_seq_no", HexBytes{seq, kSqNextSeqSize});
+  o.show("sendq_next_msg_seq_no", HexBytes{seq, kSqNextSeqSize}, "  %6s sendq next msg seq no:  %s\n", "",
+         hexRunText(seq, kSqNextSeqSize, false).c_str());
   o.show("sendq_lastCommitLSN", lsn, "  %6s sendq lastCommitLSN:    %s\n", "", lsn.c_str());
   o.show("sendq_lastCommitTime", utc, "  %6s sendq lastCommitTime:   %s\n", "", time.c_str());
   o.beginList("restart_points");
