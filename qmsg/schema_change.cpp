@@ -47,13 +47,6 @@
 #include "runtime/trace.h"
 
 namespace {
-// The generic transaction information block: its lines in the text (not rendered in JSON yet).
-template <class O>
-int32_t genericTransInfo(QMsg& m, O& o, size_t at) {
-  if constexpr (O::kJson) return 0;
-  else return printGenericTransInfo(m, at);
-}
-
 
 
 // ---------------------------------------------------------------------------------------------
@@ -167,7 +160,7 @@ int32_t printAddColumnMsg(QMsg& m, O& o) {
   if (rc == 0)
     rc = readOptionalName(m, kAddTarget, kAddTargetRoom, target, hasTarget,
                           "qAddColumnMsg.targetColName", kStep, "targetColName");
-  if (rc == 0 && version >= 8) rc = genericTransInfo(m, o, kAddTransInfo);
+  if (rc == 0 && version >= 8) rc = printGenericTransInfo(m, o, kAddTransInfo);
   if (rc != 0) return rplTrace_.ret(rc);
 
   if (version >= 9 && subtype.size() > 0) charSubtype = static_cast<uint8_t>(subtype.data()[0]);
@@ -299,7 +292,7 @@ int32_t printDropColumnMsg(QMsg& m, O& o) {
     rc = m.r.bytes(fixedSize, static_cast<size_t>(sqlLen), sql, "qDropColumnMsg.sqlText");
     if (rc == 0) rc = convertText(m, sql, static_cast<size_t>(sqlLen), sqlText, kStep, "ConvMgr::cpcvl", "sql text");
   }
-  if (rc == 0 && version >= 8) rc = genericTransInfo(m, o, kDropTransInfo);
+  if (rc == 0 && version >= 8) rc = printGenericTransInfo(m, o, kDropTransInfo);
   if (rc != 0) return rplTrace_.ret(rc);
   o.field("sub_id", subId, "  sub_id:      %d\n");
   o.field("dropped_column_name", colName, "  dropped column name:     %.*s\n");

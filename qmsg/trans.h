@@ -18,6 +18,9 @@ inline constexpr size_t kGenericTransInfoSize = 128;
 int32_t fixGenericTransInfo(QMsg& m, size_t at);
 // Prints the block's lines ("    qGenericTransInfo...."); the block must be in machine order.
 int32_t printGenericTransInfo(QMsg& m, size_t at);
+// The same through a field sink: a "transInfo" group in JSON (null without transaction context).
+template <class O>
+int32_t printGenericTransInfo(QMsg& m, O& o, size_t at);
 
 // qBatchedTransHeader, offsets from its start:
 //   0 u16 length   2 u16 position length, bytes from 4 (16)   20 u32 commit seconds

@@ -406,3 +406,22 @@ TEST(Json, LobPartIsNamedByTheSchemaAndConvertedToUtf8) {
   EXPECT_TRUE(r.doc["colname"].is_null()) << r.text;
   EXPECT_EQ(r.doc["data"], "0102");
 }
+
+TEST(Json, TransactionInformationBlockIsAGroup) {
+  for (const JsonSender& s : kJsonSenders) {
+    Rendered r = renderAs(encodeLoadDoneMsg(LoadDoneFields{}, s.order, s.ccsid).bytes(), s.order, s.ccsid);
+    ASSERT_FALSE(r.doc.is_discarded()) << r.text;
+    ASSERT_TRUE(r.doc.contains("transInfo")) << r.text;
+    EXPECT_EQ(r.doc["transInfo"]["commit_time"], "2025-11-21T10:20:00.000000Z") << s.tag;
+    EXPECT_EQ(r.doc["transInfo"]["auth_id"], "KXADM") << s.tag;
+    EXPECT_EQ(r.doc["transInfo"]["plan_id"], "KXPLAN");
+    EXPECT_TRUE(r.doc["transInfo"]["uow_id"].is_string());
+    Rendered a = renderAs(encodeAddColumnMsg(AddColumnFields{}, s.order, s.ccsid).bytes(), s.order, s.ccsid);
+    EXPECT_EQ(a.doc["transInfo"]["commit_time"], "2025-11-21T10:20:00.250000Z") << a.text;
+    EXPECT_EQ(a.doc["transInfo"]["auth_tkn"], "ALTERTBL");
+  }
+  LoadDoneFields none;
+  none.trans.flags = 1;  // no transaction context
+  Rendered r = renderAs(encodeLoadDoneMsg(none, ByteOrder::Little, 1208).bytes(), ByteOrder::Little, 1208);
+  EXPECT_TRUE(r.doc["transInfo"].is_null()) << r.text;
+}
