@@ -522,10 +522,8 @@ int32_t printTransRow(QMsg& m, O& o, size_t at, uint16_t version) {
       if (rc != 0) return rplTrace_.ret(rc);
       pos += roundUp4(setLen);
     }
-    if constexpr (!O::kJson) {
-      rc = printBatchedTransHeader(m, at + pos);
-      if (rc != 0) return rplTrace_.ret(rc);
-    }
+    rc = printBatchedTransHeader(m, o, at + pos);
+    if (rc != 0) return rplTrace_.ret(rc);
   }
 
   if constexpr (O::kJson) {
@@ -564,11 +562,7 @@ int32_t printTransRow(QMsg& m, O& o, size_t at, uint16_t version) {
   }
 
   if (operation == kOpMassiveStmt) {
-    if constexpr (O::kJson) {
-      o.hidden("stmt_chunk", "not rendered");
-      return rplTrace_.ret(0);
-    }
-    rc = printStmtChunk(m, at + firstSet);
+    rc = printStmtChunk(m, o, at + firstSet);
     if (rc != 0) reportFailure(kRowStep, "qStmtChunk::printMe", rc, "Cannot print statement chunk data");
     return rplTrace_.ret(rc);
   }

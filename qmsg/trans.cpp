@@ -25,11 +25,7 @@ int32_t printIdentity(QMsg& m, O& o, size_t at, size_t room, const char* field, 
   if (text.size() > 0) o.field(label, text, format);
   return 0;
 }
-int32_t printIdentity(QMsg& m, size_t at, size_t room, const char* field, const char* step,
-                      const char* label, const char* format) {
-  TextSink o(m.out);
-  return printIdentity(m, o, at, room, field, step, label, format);
-}
+
 // Unit-of-work bytes whose count was read already: the hex-pair form in `area` characters.
 int32_t formatUow(const MsgReader& r, size_t at, uint16_t len, size_t room, size_t area,
                   std::string& out, const char* field) {
@@ -364,7 +360,8 @@ int32_t printStreamedTransMsgHeader(QMsg& m, O& o, bool noPosTime) {
 //
 // The identity texts are present when the header's length reaches them.
 
-int32_t printBatchedTransHeader(QMsg& m, size_t at) {
+template <class O>
+int32_t printBatchedTransHeader(QMsg& m, O& o, size_t at) {
   RPL_TRACE(kCompPrinters, 22);
   uint16_t length = 0, posLen = 0, uowLen = 0;
   uint32_t seconds = 0, micros = 0, local = 0;
@@ -382,12 +379,15 @@ int32_t printBatchedTransHeader(QMsg& m, size_t at) {
 
   size_t n = posLen > 16 ? 16 : posLen < 2 ? 2 : posLen;
   int32_t us = static_cast<int32_t>(micros);
-  FILE* out = m.out;
-  std::fprintf(out, "--> qBatchedTransHeader.length:        %d\n", length);
-  std::fprintf(out, "    qBatchedTransHeader.commit_LSN:    %s\n", formatLsnBytes(pos, n).c_str());
-  std::fprintf(out, "    qBatchedTransHeader.commit_time:   %s UTC\n", formatUtc(seconds, us).c_str());
-  std::fprintf(out, "    qBatchedTransHeader.commit_time:   %s LOCALTIME\n", formatUtc(local, us).c_str());
-  std::fprintf(out, "    qBatchedTransHeader.uow_id:        %s\n", uow.c_str());
+  const uint8_t* uowBytes = nullptr;
+  m.r.bytes(at + 34, uowLen, uowBytes, "qBatchedTransHeader.uow_id");
+  o.beginGroup("batchedTransHeader");
+  o.field("length", length, "--> qBatchedTransHeader.length:        %d\n");
+  o.show("commit_LSN", formatLsnBytes(pos, n), "    qBatchedTransHeader.commit_LSN:    %s\n", formatLsnBytes(pos, n).c_str());
+  o.show("commit_time", UtcTime{seconds, us}, "    qBatchedTransHeader.commit_time:   %s UTC\n", formatUtc(seconds, us).c_str());
+  o.show("source_local_commit_time", UtcTime{local, us}, "    qBatchedTransHeader.commit_time:   %s LOCALTIME\n",
+         formatUtc(local, us).c_str());
+  o.show("uow_id", HexBytes{uowBytes, uowLen}, "    qBatchedTransHeader.uow_id:        %s\n", uow.c_str());
 
   const char* step = "qBatchedTransHeader::printMe";
   struct Identity { size_t at, room; const char* field; const char* label; const char* format; };
@@ -398,11 +398,15 @@ int32_t printBatchedTransHeader(QMsg& m, size_t at) {
   };
   for (const Identity& id : kIdentities) {
     if (length < id.at + 2) break;
-    rc = printIdentity(m, at + id.at, id.room, id.field, step, id.label, id.format);
+    rc = printIdentity(m, o, at + id.at, id.room, id.field, step, id.label, id.format);
     if (rc != 0) break;
   }
+  if (rc == 0) o.endGroup();
   return rplTrace_.ret(rc);
 }
+
+template int32_t printBatchedTransHeader(QMsg&, TextSink&, size_t);
+template int32_t printBatchedTransHeader(QMsg&, JsonSink&, size_t);
 
 template int32_t printTransMsgHeader(QMsg&, TextSink&, bool);
 template int32_t printTransMsgHeader(QMsg&, JsonSink&, bool);

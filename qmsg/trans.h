@@ -28,4 +28,5 @@ int32_t printGenericTransInfo(QMsg& m, O& o, size_t at);
 //   bytes from 34 (16)   50 auth_id (32)   82 auth_tkn (32)   114 plan_id (12)
 // It is read in the sender's order where it is printed and never swapped in place.
 inline constexpr size_t kBatchedTransHeaderSize = 126;
-int32_t printBatchedTransHeader(QMsg& m, size_t at);
+template <class O>
+int32_t printBatchedTransHeader(QMsg& m, O& o, size_t at);

@@ -425,3 +425,35 @@ TEST(Json, TransactionInformationBlockIsAGroup) {
   Rendered r = renderAs(encodeLoadDoneMsg(none, ByteOrder::Little, 1208).bytes(), ByteOrder::Little, 1208);
   EXPECT_TRUE(r.doc["transInfo"].is_null()) << r.text;
 }
+
+TEST(Json, StatementChunkAndBatchedHeaderAreGroupsOfTheirRow) {
+  for (const JsonSender& s : kJsonSenders) {
+    releaseSchemaCache();
+    StreamedTransMsgDef t;
+    RowDef chunk;
+    chunk.subId = 700;
+    chunk.operation = 160;
+    StmtChunkDef c;
+    c.cols = {DataColDef{}, DataColDef{2, 1, 449, 20}};
+    chunk.chunk = c;
+    RowDef batched;
+    batched.subId = 700;
+    batched.keyAfter = std::vector<ColValue>{valInteger(7, s.order)};
+    batched.batched = BatchedTransHeaderDef{};
+    t.rows = {batched, chunk};
+    Rendered r = renderAs(encodeStreamedTransMsg(t, s.order, s.ccsid), s.order, s.ccsid);
+    ASSERT_FALSE(r.doc.is_discarded()) << r.text;
+    EXPECT_EQ(r.rc, 0) << s.tag << r.reports;
+    ASSERT_EQ(r.doc["rows"].size(), 2u) << r.text;
+    const Json& b = r.doc["rows"][0]["batchedTransHeader"];
+    EXPECT_EQ(b["commit_time"], "2023-11-14T22:13:20.000005Z") << s.tag << " " << r.text;
+    EXPECT_EQ(b["auth_id"], "BATCHUSER") << s.tag;
+    EXPECT_EQ(b["uow_id"], "000000000a0c");
+    const Json& st = r.doc["rows"][1]["stmt_chunk"];
+    EXPECT_EQ(st["fileName"], "/tmp/chunk0001.dat") << s.tag << " " << r.text;
+    EXPECT_EQ(st["nRows"], 1000);
+    ASSERT_EQ(st["dataCols"].size(), 2u);
+    EXPECT_EQ(st["dataCols"][1]["colType"], "VARCHAR");
+    EXPECT_EQ(st["dataCols"][1]["typeLen"], 20);
+  }
+}
