@@ -145,11 +145,11 @@ fi
 
 # The type names offered are the decoder's.
 if [[ -n $source_dir ]] && ((have_rplq)); then
-  decoder=$(sed -n '/kMsgTypes\[\] = {/,/^};/s/^ *{[0-9]*, "\([A-Z0-9_]*\)"},$/\1/p' \
-    "$source_dir/qmsg/header.h" | sort | tr '\n' ' ')
+  decoder=$(sed -n 's/^ *{kType[A-Za-z0-9]*, "\([A-Z0-9_]*\)",.*$/\1/p' \
+    "$source_dir/qmsg/compact.cpp" | sort | tr '\n' ' ')
   offered=$(printf '%s\n' "${_rplq_types[@]}" | sort | tr '\n' ' ')
   if [[ $decoder != "$offered" ]]; then
-    echo "FAIL: rplq --type names differ from qmsg/header.h"
+    echo "FAIL: rplq --type names differ from the type table of qmsg/compact.cpp"
     diff <(tr ' ' '\n' <<<"$decoder") <(tr ' ' '\n' <<<"$offered")
     failures=$((failures + 1))
   fi
