@@ -54,10 +54,15 @@ class TextSink {
     else std::fprintf(out_, format, v);
   }
   // A field whose text takes other arguments than its value (a name, a note after it).
+  // The formats are the printers' own literals, passed through; a format without arguments
+  // still goes through fprintf so that "%%" prints as it always has.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-security"
   template <typename V, typename... A>
   void show(const char* key, const V& v, const char* format, A... a) {
     std::fprintf(out_, format, a...);
   }
+#pragma GCC diagnostic pop
   // A converted character field as "%c" prints it: the label, its bytes (a zero byte
   // included), the line end.
   void chars(const char* key, const ConvText& t, const char* label, const char* after = "\n") {
