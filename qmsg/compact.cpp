@@ -7,6 +7,8 @@
 
 #include "qmsg/families.h"
 #include "qmsg/header.h"
+#include "qmsg/json.h"
+#include "qmsg/sink.h"
 #include "runtime/catalog.h"
 #include "runtime/trace.h"
 
@@ -142,7 +144,7 @@ int32_t printRows(QMsg& m, size_t at, int64_t count, uint16_t version, const cha
   return 0;
 }
 
-int32_t decodeSchema(Decode& d) {
+int32_t decodeSchema(Decode& d, TextSink&) {
   int32_t rc = printSubSchemaMsg(d.m);
   if (rc != 0) {
     reportFailure("rplqcmsg:processSchemaMsg", "qSubSchemaMsg::printMe", rc,
@@ -152,7 +154,7 @@ int32_t decodeSchema(Decode& d) {
   return cacheSchema(d.m.r.data(), d.m.r.size(), d.m.swap());
 }
 
-int32_t decodeTrans(Decode& d) {
+int32_t decodeTrans(Decode& d, TextSink&) {
   int32_t rc = printTransMsgHeader(d.m, d.noPosTime);
   if (rc != 0) {
     reportFailure("rplqcmsg:processTransMsg", "qTransMsgHeader::printMe", rc,
@@ -169,7 +171,7 @@ int32_t decodeTrans(Decode& d) {
   return printRows(d.m, first, rows, version, "rplqcmsg:processTransMsg");
 }
 
-int32_t decodeStreamedTrans(Decode& d) {
+int32_t decodeStreamedTrans(Decode& d, TextSink&) {
   int32_t rc = printStreamedTransMsgHeader(d.m, d.noPosTime);
   if (rc != 0) {
     reportFailure("rplqcmsg:processTransMsg", "qStreamedTransMsgHeader::printMe", rc,
@@ -188,7 +190,7 @@ int32_t decodeStreamedTrans(Decode& d) {
   return rc;
 }
 
-int32_t decodeSpilledRow(Decode& d) {
+int32_t decodeSpilledRow(Decode& d, TextSink&) {
   int32_t rc = qMsgHeader::printMe(d.m);
   if (rc != 0) {
     reportFailure("processCompactMsg", "qMsgHeader::printMe", rc, "cannot print qSpilledRow header");
@@ -204,7 +206,7 @@ int32_t decodeSpilledRow(Decode& d) {
   return rc;
 }
 
-int32_t decodeLob(Decode& d) {
+int32_t decodeLob(Decode& d, TextSink&) {
   uint32_t subKey = 0;
   uint16_t colNum = 0;
   int32_t rc = d.m.r.u32(8, subKey, "qLobMsg.sub_id");
@@ -239,7 +241,7 @@ int32_t decodeLob(Decode& d) {
   return rc;
 }
 
-int32_t decodeDdl(Decode& d) {
+int32_t decodeDdl(Decode& d, TextSink&) {
   uint8_t sub = d.m.r.data()[5] & 127;
   switch (sub) {
     case kDdlAlterColumn: return printAlterColumnMsg(d.m);
@@ -252,8 +254,10 @@ int32_t decodeDdl(Decode& d) {
   }
 }
 
-int32_t decodeSendqStart(Decode& d) {
-  int32_t rc = qMsgHeader::printMe(d.m);
+// The send-queue start message is its header alone.
+template <class O>
+int32_t decodeSendqStart(Decode& d, O& o) {
+  int32_t rc = printHeaderLines(d.m, o, true);
   if (rc != 0) {
     reportFailure("processCompactMsg", "qSendQStartMsg::printMe", rc, "Cannot print message header");
     reportFailure("processCompactMsg", "qSendQStartMsg::printMe", rc, "cannot print sendq start message class");
@@ -261,78 +265,142 @@ int32_t decodeSendqStart(Decode& d) {
   return rc;
 }
 
-int32_t decodeRestart(Decode& d) {
+int32_t decodeRestart(Decode& d, TextSink&) {
   printRestartMsg(d.m);
   return 0;
 }
 
-int32_t decodeP2pSubDeactivated(Decode& d) {
-  // Printed as stored: the message travels without conversion context.
-  QMsg raw(d.m.r.data(), d.m.r.size(), d.m.out, nullptr, nullptr);
-  return printP2pSubDeactivatedMsg(raw);
+// A printer that writes to the message's stream itself (no field sink yet).
+template <int32_t (*Print)(QMsg&)>
+int32_t streamOnly(Decode& d, TextSink&) {
+  return Print(d.m);
 }
 
-// One route per message type. `print` takes the message alone; `decode` the whole context.
-// When `text` is set a failure is reported with step "processCompactMsg", `method` and `text`.
-struct Route {
+// How the dispatcher treats a type before its body printer runs.
+enum class Prologue : uint8_t {
+  Body,     // the body printer prints everything, the header included (or no header at all)
+  Header,   // the dispatcher prints the header lines with the row's step, then the body
+};
+
+// How the message's bytes are read.
+enum class Order : uint8_t {
+  Sender,   // in the sender's byte order, text converted from the sender's code page
+  Stored,   // as stored, without conversion: the message travels without conversion context
+};
+
+template <class O>
+using Body = int32_t (*)(Decode&, O&);
+
+// A printer that writes through the field sink.
+template <class O, int32_t (*Print)(QMsg&, O&)>
+int32_t sinkBody(Decode& d, O& o) {
+  return Print(d.m, o);
+}
+#define RPL_SINK_BODIES(print) sinkBody<TextSink, print<TextSink>>, sinkBody<JsonSink, print<JsonSink>>
+
+// One row per message type: its code and name, the printer's step (the header's failure
+// report), how it is read and prologued, the failure report of the dispatch (when `failText`
+// is set: step "processCompactMsg", `method` and `failText`), and its body for each rendering
+// (no JSON body: the JSON object holds the header and says that the body has no rendering).
+struct TypeRow {
   uint8_t type;
-  int32_t (*print)(QMsg&);
-  int32_t (*decode)(Decode&);
+  const char* name;
+  const char* step;
+  Order order;
+  Prologue prologue;
   const char* method;
-  const char* text;
+  const char* failText;
+  Body<TextSink> text;
+  Body<JsonSink> json;
 };
 
-constexpr Route kRoutes[] = {
-    {kTypeSubSchema, nullptr, decodeSchema, nullptr, nullptr},
-    {kTypeLoadDone, printLoadDoneMsg, nullptr, nullptr, nullptr},
-    {kTypeHeartbeat, printHeartbeatMsg, nullptr, nullptr, nullptr},
-    {kTypeSubDeactivated, printSubDeactivatedMsg, nullptr, nullptr, nullptr},
-    {kTypeAddColumn, printAddColumnMsg, nullptr, nullptr, nullptr},
-    {kTypeDdl, nullptr, decodeDdl, nullptr, nullptr},
-    {kTypeSyncRequest, printRequestSyncOnQueueMsg, nullptr, "qRequestSyncOnQueueMsg::printMe", "cannot print qRequestSyncOnQueueMsg class"},
-    {kTypeSyncResponse, printSyncResponseMsg, nullptr, "qSyncResponseMsg::printMe", "cannot print qSyncResponseMsg class"},
-    {kTypeCreateSub, printCreateSubMsg, nullptr, "qCreateSubMsg::printMe", "cannot print qCreateSubMsg class"},
-    {kTypeDropSub, printDropSubMsg, nullptr, "qDropSubMsg::printMe", "cannot print qDropSubMsg class"},
-    {kTypeSeqTimeReset, printSequenceTimeResetMsg, nullptr, "qSequenceTimeResetMsg::printMe", "cannot print qSequenceTimeResetMsg"},
-    {kTypeAddReplKeyCol, printAddReplKeyColMsg, nullptr, nullptr, nullptr},
-    {kTypeFuncLevel, printFuncLevelMsg, nullptr, "qFuncLevelMsg::printMe", "cannot print qFuncLevelMsg class"},
-    {kTypeSendqStart, nullptr, decodeSendqStart, nullptr, nullptr},
-    {kTypeTruncate, printTruncateTableMsg, nullptr, "qTruncateTableMsg::printMe", "cannot print truncate ddl message class"},
-    {kTypeRedefineReplKey, printRedefineReplKeyMsg, nullptr, nullptr, nullptr},
-    {kTypeRestart, nullptr, decodeRestart, nullptr, nullptr},
-    {kTypeSpillRow, nullptr, decodeSpilledRow, nullptr, nullptr},
-    {kTypeAdminQ, printAdminQMsg, nullptr, nullptr, nullptr},
-    {kTypeP2pJoinUs, printP2pJoinUsMsg, nullptr, nullptr, nullptr},
-    {kTypeP2pSpooling, printP2pSpoolingMsg, nullptr, nullptr, nullptr},
-    {kTypeP2pLoadDone, printP2pLoadDoneMsg, nullptr, nullptr, nullptr},
-    {kTypeP2pCapStop, printP2pCapStopMsg, nullptr, nullptr, nullptr},
-    {kTypeP2pSubStopping, printP2pSubStoppingMsg, nullptr, nullptr, nullptr},
-    {kTypeP2pReadyToStop, printP2pReadyToStopMsg, nullptr, nullptr, nullptr},
-    {kTypeP2pSubDeactivated, nullptr, decodeP2pSubDeactivated, nullptr, nullptr},
-    {kTypeTrans, nullptr, decodeTrans, nullptr, nullptr},
-    {kTypeLob, nullptr, decodeLob, nullptr, nullptr},
-    {kTypeStreamedTrans, nullptr, decodeStreamedTrans, nullptr, nullptr},
-    {kTypeXfPayload, printXfPayloadMsg, nullptr, "xfPayloadMsg::printMe", "cannot print xfPayloadMsg class"},
-    {kTypeXfAck, printXfAdminMsg, nullptr, "xfAdminMsg::printMe", "cannot print xfAdminMsg class"},
-    {kTypeXfHeartbeat, printXfHeartBeatMsg, nullptr, "xfHeartBeatMsg::printMe", "cannot print xfHeartBeatMsg class"},
+constexpr TypeRow kTypeRows[] = {
+    {kTypeSubSchema, "RPLKX_SUBSCHEMA_MSG", "qSubSchemaMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeSchema, nullptr},
+    {kTypeLoadDone, "RPLKX_LOADDONE_RCVD", "qLoaddoneRcvdMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, streamOnly<printLoadDoneMsg>, nullptr},
+    {kTypeHeartbeat, "RPLKX_HEARTBEAT", "qHeartBeatMsg::printMe", Order::Sender, Prologue::Header, nullptr, nullptr, RPL_SINK_BODIES(printHeartbeatMsg)},
+    {kTypeSubDeactivated, "RPLKX_SUBDEACTIVATED", "qSubDeactivatedMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, streamOnly<printSubDeactivatedMsg>, nullptr},
+    {kTypeAddColumn, "RPLKX_ADDCOLUMN_MSG", "qAddColumnMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, streamOnly<printAddColumnMsg>, nullptr},
+    {kTypeDdl, "RPLKX_DDL_MSG", "qDdlMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeDdl, nullptr},
+    {kTypeSyncRequest, "RPLKX_SYNCREQUEST_MSG", "qRequestSyncOnQueueMsg::printMe", Order::Sender, Prologue::Header, "qRequestSyncOnQueueMsg::printMe", "cannot print qRequestSyncOnQueueMsg class", RPL_SINK_BODIES(printRequestSyncOnQueueMsg)},
+    {kTypeSyncResponse, "RPLKX_SYNCRESPONSE_MSG", "qSyncResponseMsg::printMe", Order::Sender, Prologue::Header, "qSyncResponseMsg::printMe", "cannot print qSyncResponseMsg class", RPL_SINK_BODIES(printSyncResponseMsg)},
+    {kTypeCreateSub, "RPLKX_CREATESUB_MSG", "qCreateSubMsg::printMe", Order::Sender, Prologue::Body, "qCreateSubMsg::printMe", "cannot print qCreateSubMsg class", streamOnly<printCreateSubMsg>, nullptr},
+    {kTypeDropSub, "RPLKX_DROPSUB_MSG", "qDropSubMsg::printMe", Order::Sender, Prologue::Body, "qDropSubMsg::printMe", "cannot print qDropSubMsg class", streamOnly<printDropSubMsg>, nullptr},
+    {kTypeSeqTimeReset, "RPLKX_SEQTIME_RESET_MSG", "qSequenceTimeResetMsg::printMe", Order::Sender, Prologue::Header, "qSequenceTimeResetMsg::printMe", "cannot print qSequenceTimeResetMsg", RPL_SINK_BODIES(printSequenceTimeResetMsg)},
+    {kTypeAddReplKeyCol, "RPLKX_ADD_REPL_KEY_COL_MSG", "qAddReplKeyColumnMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, streamOnly<printAddReplKeyColMsg>, nullptr},
+    {kTypeFuncLevel, "RPLKX_FUNCLEVEL_MSG", "qFuncLevelMsg::printMe", Order::Sender, Prologue::Header, "qFuncLevelMsg::printMe", "cannot print qFuncLevelMsg class", RPL_SINK_BODIES(printFuncLevelMsg)},
+    {kTypeSendqStart, "RPLKX_SENDQ_START", "qSendQStartMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeSendqStart<TextSink>, decodeSendqStart<JsonSink>},
+    {kTypeTruncate, "RPLKX_DDL_TRUNCATE_MSG", "qTruncateTableMsg::printMe", Order::Sender, Prologue::Body, "qTruncateTableMsg::printMe", "cannot print truncate ddl message class", streamOnly<printTruncateTableMsg>, nullptr},
+    {kTypeRedefineReplKey, "RPLKX_REDEFINE_REPL_KEY_MSG", "qRedefineReplKeyMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, streamOnly<printRedefineReplKeyMsg>, nullptr},
+    {kTypeRestart, "RPLKX_RESTART", "qRestartMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeRestart, nullptr},
+    {kTypeSpillRow, "RPLKX_SPILLROW", "qSpilledRow::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeSpilledRow, nullptr},
+    {kTypeAdminQ, "RPLKX_ADMINQ_MSG", "qAdminQMsg::printMe", Order::Sender, Prologue::Header, nullptr, nullptr, RPL_SINK_BODIES(printAdminQMsg)},
+    {kTypeP2pJoinUs, "RPLKX_P2P_JOINUS_MSG", "p2pJoinUsMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, streamOnly<printP2pJoinUsMsg>, nullptr},
+    {kTypeP2pSpooling, "RPLKX_P2P_SPOOLING_MSG", "p2pSpoolingMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, streamOnly<printP2pSpoolingMsg>, nullptr},
+    {kTypeP2pLoadDone, "RPLKX_P2P_LOADDONE_MSG", "p2pLoadDoneMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, streamOnly<printP2pLoadDoneMsg>, nullptr},
+    {kTypeP2pCapStop, "RPLKX_P2P_CAPSTOP_MSG", "p2pCapStopMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, streamOnly<printP2pCapStopMsg>, nullptr},
+    {kTypeP2pSubStopping, "RPLKX_P2P_SUBSTOPPING_MSG", "p2pSubStoppingMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, streamOnly<printP2pSubStoppingMsg>, nullptr},
+    {kTypeP2pReadyToStop, "RPLKX_P2P_READYTOSTOP_MSG", "p2pReadyToStopMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, streamOnly<printP2pReadyToStopMsg>, nullptr},
+    {kTypeP2pSubDeactivated, "RPLKX_P2P_SUBDEACTIVATED_MSG", "p2pSubDeactivatedMsg::printMe", Order::Stored, Prologue::Body, nullptr, nullptr, streamOnly<printP2pSubDeactivatedMsg>, nullptr},
+    {kTypeTrans, "RPLKX_TRANS_MSG", "qTransMsgHeader::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeTrans, nullptr},
+    {kTypeLob, "RPLKX_LOB_MSG", "qLobMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeLob, nullptr},
+    {kTypeStreamedTrans, "RPLKX_STREAMED_TRANS_MSG", "qStreamedTransMsgHeader::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeStreamedTrans, nullptr},
+    {kTypeXfPayload, "RPLKX_XF_MSG", "xfPayloadMsg::printMe", Order::Sender, Prologue::Body, "xfPayloadMsg::printMe", "cannot print xfPayloadMsg class", streamOnly<printXfPayloadMsg>, nullptr},
+    {kTypeXfAck, "RPLKX_XF_ACK_MSG", "xfAdminMsg::printMe", Order::Sender, Prologue::Body, "xfAdminMsg::printMe", "cannot print xfAdminMsg class", streamOnly<printXfAdminMsg>, nullptr},
+    {kTypeXfHeartbeat, "RPLKX_XF_HEARTBEAT_MSG", "xfHeartBeatMsg::printMe", Order::Sender, Prologue::Body, "xfHeartBeatMsg::printMe", "cannot print xfHeartBeatMsg class", streamOnly<printXfHeartBeatMsg>, nullptr},
 };
 
-const Route* routeOf(uint8_t type) {
-  for (const Route& r : kRoutes)
+const TypeRow* rowOf(uint8_t type) {
+  for (const TypeRow& r : kTypeRows)
     if (r.type == type) return &r;
   return nullptr;
 }
 
+template <class O>
+Body<O> bodyOf(const TypeRow& row) {
+  if constexpr (O::kJson) return row.json;
+  else return row.text;
+}
+
+// Version, header and body of one message by its row, and the dispatch's failure report.
+template <class O>
+int32_t dispatch(const TypeRow& row, Decode& d, O& o) {
+  Body<O> body = bodyOf<O>(row);
+  QMsg stored(d.m.r.data(), d.m.r.size(), d.m.out, nullptr, nullptr);
+  Decode asStored{stored, d.queueName, d.noPosTime, d.headerOnly};
+  Decode& use = row.order == Order::Stored ? asStored : d;
+  int32_t rc = 0;
+  if (row.prologue == Prologue::Header) rc = printHeader(use.m, o, row.step);
+  if (rc == 0) {
+    if (body != nullptr) {
+      rc = body(use, o);
+    } else if constexpr (O::kJson) {
+      if (row.prologue != Prologue::Header) rc = printHeaderLines(use.m, o, true);
+      if (rc == 0) o.hidden("body", "not rendered: no JSON form for this message type");
+    }
+  }
+  if (rc != 0 && row.failText != nullptr) reportFailure("processCompactMsg", row.method, rc, row.failText);
+  return rc;
+}
+
 }  // namespace
+
+const char* compactTypeName(uint8_t type) {
+  const TypeRow* row = rowOf(type);
+  return row != nullptr ? row->name : "Unknown";
+}
+
+void printBanner(FILE* out, int32_t number, size_t length, bool sizeLine) {
+  std::fprintf(out, "\n\n**** Message number: %d\n", number);
+  if (sizeLine)
+    std::fprintf(out, "**** Message size:   %" PRIu64 "\n", static_cast<uint64_t>(length) + kMsgDescriptorSize);
+}
 
 int32_t processCompactMsg(uint8_t* msg, size_t length, const char* queueName, FILE* out,
                           int32_t* msgCounter, encodingInfo* enc, ConvMgr* cm, bool noSizeLine,
                           bool noPosTime, bool headerOnly) {
   RPL_TRACE(kCompPrinters, 2);
   ++*msgCounter;
-  std::fprintf(out, "\n\n**** Message number: %d\n", *msgCounter);
-  if (!noSizeLine)
-    std::fprintf(out, "**** Message size:   %" PRIu64 "\n", static_cast<uint64_t>(length) + kMsgDescriptorSize);
+  printBanner(out, *msgCounter, length, !noSizeLine);
   std::fputc('\n', out);
   if (cm != nullptr) cm->dropExpired();
 
@@ -343,27 +411,77 @@ int32_t processCompactMsg(uint8_t* msg, size_t length, const char* queueName, FI
   if (rc != 0) return rplTrace_.ret(rc);
 
   Decode d{m, queueName, noPosTime, headerOnly};
-  const Route* route = routeOf(type);
-  if (route == nullptr) {
+  const TypeRow* row = rowOf(type);
+  if (row == nullptr) {
     std::fprintf(out, "Unknown msg types: %d received in queue: %s\n", type, queueName);
     qMsgHeader::printMe(m);
     return rplTrace_.ret(kRcUnknownType);
   }
-  rc = route->decode != nullptr ? route->decode(d) : route->print(m);
-  if (rc != 0 && route->text != nullptr)
-    reportFailure("processCompactMsg", route->method, rc, route->text);
+  TextSink o(out);
+  return rplTrace_.ret(dispatch(*row, d, o));
+}
+
+int32_t renderCompactJson(uint8_t* msg, size_t length, const encodingInfo& enc, ConvMgr& cm, JsonOut& out) {
+  RPL_TRACE(kCompPrinters, 3);
+  // Text fields go to UTF-8 whatever the run's output code page.
+  encodingInfo utf8 = enc;
+  utf8.outCcsid = kCcsidUtf8;
+  cm.dropExpired();
+  QMsg m(msg, length, nullptr, &utf8, &cm);
+  JsonSink o(out);
+  const size_t depth = out.depth();
+  out.beginObject();
+  out.num("format", kJsonFormatVersion);
+  out.unum("length", length);
+  lastReadFailure() = ReadFailure{};
+  uint8_t type = 0;
+  int32_t rc = m.r.u8(4, type, "qMsgHeader.msgtype");
+  if (rc == 0) rc = m.r.has(0, kHeaderSize) ? 0 : m.r.shortRead(0, kHeaderSize, "qMsgHeader");
+  const TypeRow* row = rc == 0 ? rowOf(type) : nullptr;
+  if (rc == 0 && row == nullptr) {
+    rc = printHeaderLines(m, o, false);
+    if (rc == 0) rc = kRcUnknownType;
+  } else if (rc == 0) {
+    Decode d{m, "", false, false};
+    rc = dispatch(*row, d, o);
+  }
+  if (rc != 0) {
+    while (out.depth() > depth + 1) {
+      if (out.inObject()) out.endObject();
+      else out.endArray();
+    }
+    const ReadFailure f = lastReadFailure();
+    out.beginObject("error");
+    out.num("rc", rc);
+    if (rc == kRcUnknownType) {
+      out.str("text", "unknown message type");
+    } else if (f.field != nullptr) {
+      const uintptr_t base = reinterpret_cast<uintptr_t>(msg);
+      out.str("field", f.field);
+      out.unum("offset", f.at >= base ? f.at - base : 0);
+      out.str("text", f.at - base >= length ? "the field runs past the end of the message"
+                                            : "the field cannot be read");
+    } else {
+      out.str("text", "the message cannot be rendered");
+    }
+    out.endObject();
+  }
+  out.endObject();
+  out.endLine();
   return rplTrace_.ret(rc);
 }
 
 int32_t processSchemaMsg(uint8_t* msg, size_t length, FILE* out, encodingInfo* enc, ConvMgr* cm) {
   QMsg m(msg, length, out, enc, cm);
   Decode d{m, "", false, false};
-  return decodeSchema(d);
+  TextSink o(out);
+  return decodeSchema(d, o);
 }
 
 int32_t processTransMsg(uint8_t* msg, size_t length, FILE* out, encodingInfo* enc, ConvMgr* cm,
                         bool noPosTime, bool headerOnly) {
   QMsg m(msg, length, out, enc, cm);
   Decode d{m, "", noPosTime, headerOnly};
-  return decodeTrans(d);
+  TextSink o(out);
+  return decodeTrans(d, o);
 }

@@ -17,6 +17,12 @@ int32_t processCompactMsg(uint8_t* msg, size_t length, const char* queueName, FI
                           int32_t* msgCounter, encodingInfo* enc, ConvMgr* cm,
                           bool noSizeLine, bool noPosTime, bool headerOnly);
 
+// The name of a message type ("RPLKX_TRANS_MSG"), or "Unknown".
+const char* compactTypeName(uint8_t type);
+// The banner every message of the run starts with: "**** Message number: <number>" after two
+// blank lines, and the size line (the message and its descriptor) unless left out.
+void printBanner(FILE* out, int32_t number, size_t length, bool sizeLine);
+
 // Prints a subscription schema message and keeps a copy in the schema cache (type 1).
 int32_t processSchemaMsg(uint8_t* msg, size_t length, FILE* out, encodingInfo* enc, ConvMgr* cm);
 // Prints a transaction message and its rows (type 128).

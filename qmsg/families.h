@@ -1,6 +1,7 @@
 // Entry points of the message families, called by the dispatch in compact.cpp. Each family's
-// source holds its layout, its swap and its printer. Every printer prints its header lines
-// first and returns 0 or a result code.
+// source holds its layout, its swap and its printer, and returns 0 or a result code. Printers
+// that take a sink write their fields through it (qmsg/sink.h) after the header lines the
+// dispatch prints; the others print their header lines first, straight to the stream.
 #pragma once
 
 #include <cstdint>
@@ -46,13 +47,13 @@ int32_t printGenericDdlMsg(QMsg& m);       // 6, DDL 16
 int32_t printTruncateTableMsg(QMsg& m);    // 17
 int32_t printRedefineReplKeyMsg(QMsg& m);  // 18
 
-// Queue control.
-int32_t printHeartbeatMsg(QMsg& m);        // 3
-int32_t printRequestSyncOnQueueMsg(QMsg& m); // 7
-int32_t printSyncResponseMsg(QMsg& m);     // 8
-int32_t printSequenceTimeResetMsg(QMsg& m);// 11
-int32_t printFuncLevelMsg(QMsg& m);        // 13
-int32_t printAdminQMsg(QMsg& m);           // 64
+// Queue control (bodies after the header lines, written through the sink `o`).
+template <class O> int32_t printHeartbeatMsg(QMsg& m, O& o);          // 3
+template <class O> int32_t printRequestSyncOnQueueMsg(QMsg& m, O& o); // 7
+template <class O> int32_t printSyncResponseMsg(QMsg& m, O& o);       // 8
+template <class O> int32_t printSequenceTimeResetMsg(QMsg& m, O& o);  // 11
+template <class O> int32_t printFuncLevelMsg(QMsg& m, O& o);          // 13
+template <class O> int32_t printAdminQMsg(QMsg& m, O& o);             // 64
 
 // File transfer.
 int32_t printXfPayloadMsg(QMsg& m);        // 131

@@ -1,9 +1,12 @@
 // The common compact header: its print form and the transaction flag lines.
 #include "qmsg/header.h"
 
+#include "qmsg/compact.h"
+#include "qmsg/sink.h"
 #include "runtime/trace.h"
 
-int32_t qMsgHeader::printLines(QMsg& m, bool ddlLine) {
+template <class O>
+int32_t printHeaderLines(QMsg& m, O& o, bool ddlLine) {
   const uint8_t* family = nullptr;
   uint8_t type = 0, flag = 0;
   uint16_t version = 0;
@@ -16,12 +19,31 @@ int32_t qMsgHeader::printLines(QMsg& m, bool ddlLine) {
   ConvText text;
   rc = convertText(m, family, 4, text, "qMsgHeader::printMe", "ConvMgr::cpcvc", "msgFamily");
   if (rc != 0) return rc;
-  std::fprintf(m.out, "  qMsgHeader.msgFamily:  %.*s\n", text.size(), text.data());
-  std::fprintf(m.out, "  qMsgHeader.msgtype:    %s\n", nameOf(kMsgTypes, type, "Unknown"));
-  std::fprintf(m.out, "  qMsgHeader.msgVersion: %d\n", version);
+  o.field("msgFamily", text, "  qMsgHeader.msgFamily:  %.*s\n");
+  o.field("msgtype", compactTypeName(type), "  qMsgHeader.msgtype:    %s\n");
+  o.hidden("msgtype_code", type);
+  o.field("msgVersion", static_cast<int32_t>(version), "  qMsgHeader.msgVersion: %d\n");
   if (ddlLine && type == kTypeDdl)
-    std::fprintf(m.out, "  qMsgHeader.msgDDLType:    %s\n", nameOf(kDdlTypes, flag & 127, "Unknown"));
+    o.field("msgDDLType", nameOf(kDdlTypes, flag & 127, "Unknown"), "  qMsgHeader.msgDDLType:    %s\n");
   return 0;
+}
+
+template <class O>
+int32_t printHeader(QMsg& m, O& o, const char* step) {
+  RPL_TRACE(kCompPrinters, 1);
+  int32_t rc = printHeaderLines(m, o, true);
+  if (rc != 0) reportFailure(step, "qMsgHeader::printMe", rc, "Cannot print message header");
+  return rplTrace_.ret(rc);
+}
+
+template int32_t printHeaderLines(QMsg&, TextSink&, bool);
+template int32_t printHeaderLines(QMsg&, JsonSink&, bool);
+template int32_t printHeader(QMsg&, TextSink&, const char*);
+template int32_t printHeader(QMsg&, JsonSink&, const char*);
+
+int32_t qMsgHeader::printLines(QMsg& m, bool ddlLine) {
+  TextSink o(m.out);
+  return printHeaderLines(m, o, ddlLine);
 }
 
 int32_t qMsgHeader::printMe(QMsg& m) {

@@ -1,4 +1,4 @@
-// The common compact header and the message-type table.
+// The common compact header (the message types themselves are rows of the dispatch table).
 //
 //   0        4      5               6          8
 //   +--------+------+---------------+----------+---- body, by type
@@ -18,40 +18,6 @@
 inline constexpr size_t kHeaderSize = 8;
 inline constexpr size_t kMsgDescriptorSize = 364;  // counted into the size line
 
-inline constexpr ValueName kMsgTypes[] = {
-    {1, "RPLKX_SUBSCHEMA_MSG"},
-    {2, "RPLKX_LOADDONE_RCVD"},
-    {3, "RPLKX_HEARTBEAT"},
-    {4, "RPLKX_SUBDEACTIVATED"},
-    {5, "RPLKX_ADDCOLUMN_MSG"},
-    {6, "RPLKX_DDL_MSG"},
-    {7, "RPLKX_SYNCREQUEST_MSG"},
-    {8, "RPLKX_SYNCRESPONSE_MSG"},
-    {9, "RPLKX_CREATESUB_MSG"},
-    {10, "RPLKX_DROPSUB_MSG"},
-    {11, "RPLKX_SEQTIME_RESET_MSG"},
-    {12, "RPLKX_ADD_REPL_KEY_COL_MSG"},
-    {13, "RPLKX_FUNCLEVEL_MSG"},
-    {16, "RPLKX_SENDQ_START"},
-    {17, "RPLKX_DDL_TRUNCATE_MSG"},
-    {18, "RPLKX_REDEFINE_REPL_KEY_MSG"},
-    {32, "RPLKX_RESTART"},
-    {33, "RPLKX_SPILLROW"},
-    {64, "RPLKX_ADMINQ_MSG"},
-    {80, "RPLKX_P2P_JOINUS_MSG"},
-    {81, "RPLKX_P2P_SPOOLING_MSG"},
-    {82, "RPLKX_P2P_LOADDONE_MSG"},
-    {83, "RPLKX_P2P_CAPSTOP_MSG"},
-    {84, "RPLKX_P2P_SUBSTOPPING_MSG"},
-    {85, "RPLKX_P2P_READYTOSTOP_MSG"},
-    {86, "RPLKX_P2P_SUBDEACTIVATED_MSG"},
-    {128, "RPLKX_TRANS_MSG"},
-    {129, "RPLKX_LOB_MSG"},
-    {130, "RPLKX_STREAMED_TRANS_MSG"},
-    {131, "RPLKX_XF_MSG"},
-    {132, "RPLKX_XF_ACK_MSG"},
-    {133, "RPLKX_XF_HEARTBEAT_MSG"},
-};
 
 // DDL sub-types of type 6 (header byte 5, low 7 bits).
 inline constexpr ValueName kDdlTypes[] = {
@@ -97,6 +63,17 @@ enum : uint8_t {
 };
 
 enum : uint8_t { kDdlAddColumn = 0, kDdlAlterColumn = 1, kDdlDropColumn = 2, kDdlGeneric = 16 };
+
+class TextSink;
+class JsonSink;
+
+// The family, type and version lines (and for type 6 the DDL line when `ddlLine`) written
+// through the sink `o`; swaps the version into machine order first and converts the family.
+template <class O>
+int32_t printHeaderLines(QMsg& m, O& o, bool ddlLine);
+// The header of the printer `step`: a failure is reported as "Cannot print message header".
+template <class O>
+int32_t printHeader(QMsg& m, O& o, const char* step);
 
 struct qMsgHeader {
   // Prints "  qMsgHeader.msgFamily:  ", "  qMsgHeader.msgtype:    ", "  qMsgHeader.msgVersion: "

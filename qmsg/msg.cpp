@@ -66,8 +66,9 @@ int32_t readNameInRoom(const QMsg& m, size_t at, size_t room, ConvText& out, con
                        const char* step, const char* label) {
   const uint8_t* p = nullptr;
   uint16_t len = 0;
-  int32_t rc = m.r.bytes(at, room, p, field);
-  if (rc == 0) rc = m.r.name(at, room, p, len, field);
+  // Only the count and the characters need be present: the room after them may be cut off
+  // when the name ends the message.
+  int32_t rc = m.r.name(at, room, p, len, field);
   if (rc != 0) return rc;
   if (len == 0) {
     out.borrow(p, 0);

@@ -100,7 +100,8 @@ int32_t convertText(const QMsg& m, const uint8_t* p, size_t n, ConvText& out, co
 int32_t readName(const QMsg& m, size_t at, size_t room, ConvText& out, const char* field,
                  const char* step, const char* function, const char* label);
 
-// A name field whose whole fixed room must lie in the message, read and converted with
-// "ConvMgr::cpcvl"; an empty name is left as it is.
+// A name field in its fixed room (a count larger than the room is refused), read and converted
+// with "ConvMgr::cpcvl"; an empty name is left as it is. Only the count and the characters must
+// lie in the message: a message may end right after the last name's characters.
 int32_t readNameInRoom(const QMsg& m, size_t at, size_t room, ConvText& out, const char* field,
                        const char* step, const char* label);

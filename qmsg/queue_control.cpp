@@ -2,9 +2,10 @@
 // sequence-time reset (11), function level (13) and administration queue (64). The send-queue
 // start message (16) is its header alone, printed by the dispatch.
 //
-// Each printer prints the compact header lines, swaps its integers in place when the sender's
-// byte order differs, converts its queue names (a failure ends the message before any line of
-// its own), then prints.
+// The dispatch prints the compact header lines; each printer then reads its fields in wire
+// order (swapping its integers in place when the sender's byte order differs), converts its
+// queue names (a failure ends the message before any line of its own), then writes its fields
+// through the sink.
 #include <cstdio>
 #include <string>
 
@@ -12,27 +13,22 @@
 #include "qmsg/forms.h"
 #include "qmsg/header.h"
 #include "qmsg/names.h"
+#include "qmsg/sink.h"
 #include "runtime/trace.h"
 
 namespace {
 
-
-
-
-void put(FILE* out, const char* format, const ConvText& t) { std::fprintf(out, format, t.size(), t.data()); }
-
-// A log position record swapped into machine order and formatted.
-int32_t fixAndFormatLsn(QMsg& m, size_t at, std::string& out, const char* field) {
-  int32_t rc = fixLsnRecord(m.r, at, field);
-  if (rc == 0) rc = formatLsnRecord(m.r, at, true, out, field);
-  return rc;
+// A log position record swapped into machine order and formatted (empty after a failure).
+std::string lsnAt(Cursor& c, size_t at, const char* field) {
+  std::string lsn;
+  if (c && c.take(fixLsnRecord(c.reader(), at, field))) c.take(formatLsnRecord(c.reader(), at, true, lsn, field));
+  return lsn;
 }
 
-// Seconds and microseconds swapped into machine order.
-int32_t fixTime(QMsg& m, size_t at, uint32_t& seconds, uint32_t& micros, const char* field) {
-  int32_t rc = m.r.fix32(at, seconds, field);
-  if (rc == 0) rc = m.r.fix32(at + 4, micros, field);
-  return rc;
+// A queue name in its fixed room, converted.
+void nameAt(QMsg& m, Cursor& c, size_t at, size_t room, ConvText& out, const char* field,
+            const char* step, const char* label) {
+  if (c) c.take(readNameInRoom(m, at, room, out, field, step, label));
 }
 
 }  // namespace
@@ -46,32 +42,33 @@ int32_t fixTime(QMsg& m, size_t at, uint32_t& seconds, uint32_t& micros, const c
 //   +--------+------------+-----+-----+-----------+------------------+-----------+
 //                                      `------------ version 8 on ---------------'
 
-int32_t printHeartbeatMsg(QMsg& m) {
+template <class O>
+int32_t printHeartbeatMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 350);
   const char* step = "qHeartBeatMsg::printMe";
-  int32_t rc = qMsgHeader::printFor(m, step);
-  if (rc != 0) return rplTrace_.ret(rc);
+  Cursor c(m.r);
   uint16_t version = 0;
-  uint32_t seconds = 0, micros = 0, hbInterval = 0, cmtInterval = 0;
+  c.take(m.version(version));
+  uint32_t seconds = c.fix32(60, "qHeartBeatMsg.last_logtime");
+  uint32_t micros = c.fix32(64, "qHeartBeatMsg.last_logtime");
+  uint32_t hbInterval = 0, cmtInterval = 0;
   std::string lsn;
-  ConvText sendq;
-  rc = m.version(version);
-  if (rc == 0) rc = fixTime(m, 60, seconds, micros, "qHeartBeatMsg.last_logtime");
-  if (rc == 0 && version >= 8) {
-    rc = m.r.fix32(68, hbInterval, "qHeartBeatMsg.hb_interval_millisec");
-    if (rc == 0) rc = fixAndFormatLsn(m, 72, lsn, "qHeartBeatMsg.last_log_cmtlsn");
-    if (rc == 0) rc = m.r.fix32(96, cmtInterval, "qHeartBeatMsg.kxcmt_interval_millisec");
-  }
-  if (rc == 0) rc = readNameInRoom(m, 8, 52, sendq, "qHeartBeatMsg.sendq", step, "sendq");
-  if (rc != 0) return rplTrace_.ret(rc);
-
-  put(m.out, "  heartbeat.sendq:       %.*s\n", sendq);
-  std::fprintf(m.out, "  heartbeat.last_logtime: %s\n",
-               formatUtc(seconds, static_cast<int32_t>(micros)).c_str());
   if (version >= 8) {
-    std::fprintf(m.out, "  heartbeat.last_log_cmtlsn: %s\n", lsn.c_str());
-    std::fprintf(m.out, "  heartbeat.hb_interval_millisec: %d\n", static_cast<int32_t>(hbInterval));
-    std::fprintf(m.out, "  heartbeat.kxcmt_interval_millisec: %d\n", static_cast<int32_t>(cmtInterval));
+    hbInterval = c.fix32(68, "qHeartBeatMsg.hb_interval_millisec");
+    lsn = lsnAt(c, 72, "qHeartBeatMsg.last_log_cmtlsn");
+    cmtInterval = c.fix32(96, "qHeartBeatMsg.kxcmt_interval_millisec");
+  }
+  ConvText sendq;
+  nameAt(m, c, 8, 52, sendq, "qHeartBeatMsg.sendq", step, "sendq");
+  if (!c) return rplTrace_.ret(c.rc());
+
+  o.field("sendq", sendq, "  heartbeat.sendq:       %.*s\n");
+  o.field("last_logtime", UtcTime{seconds, static_cast<int32_t>(micros)}, "  heartbeat.last_logtime: %s\n");
+  if (version >= 8) {
+    o.field("last_log_cmtlsn", lsn, "  heartbeat.last_log_cmtlsn: %s\n");
+    o.field("hb_interval_millisec", static_cast<int32_t>(hbInterval), "  heartbeat.hb_interval_millisec: %d\n");
+    o.field("kxcmt_interval_millisec", static_cast<int32_t>(cmtInterval),
+            "  heartbeat.kxcmt_interval_millisec: %d\n");
   }
   return rplTrace_.ret(0);
 }
@@ -89,25 +86,24 @@ constexpr ValueName kSyncRequestReasons[] = {
     {2, "  REASON=ISALIVE"},
 };
 
-int32_t printRequestSyncOnQueueMsg(QMsg& m) {
+template <class O>
+int32_t printRequestSyncOnQueueMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 351);
   const char* step = "qRequestSyncOnQueueMsg::printMe";
-  int32_t rc = qMsgHeader::printFor(m, step);
-  if (rc != 0) return rplTrace_.ret(rc);
-  uint8_t reason = 0;
-  uint32_t seconds = 0, micros = 0;
-  std::string lsn;
+  Cursor c(m.r);
+  uint8_t reason = c.u8(58, "qRequestSyncOnQueueMsg.reason");
+  uint32_t seconds = c.fix32(60, "qRequestSyncOnQueueMsg.lastTxPublishedTS");
+  uint32_t micros = c.fix32(64, "qRequestSyncOnQueueMsg.lastTxPublishedTS");
+  std::string lsn = lsnAt(c, 72, "qRequestSyncOnQueueMsg.lastCommitSEQ");
   ConvText sendQueue;
-  rc = m.r.u8(58, reason, "qRequestSyncOnQueueMsg.reason");
-  if (rc == 0) rc = fixTime(m, 60, seconds, micros, "qRequestSyncOnQueueMsg.lastTxPublishedTS");
-  if (rc == 0) rc = fixAndFormatLsn(m, 72, lsn, "qRequestSyncOnQueueMsg.lastCommitSEQ");
-  if (rc == 0) rc = readNameInRoom(m, 8, 50, sendQueue, "qRequestSyncOnQueueMsg.sendQueue", step, "sendQ");
-  if (rc != 0) return rplTrace_.ret(rc);
+  nameAt(m, c, 8, 50, sendQueue, "qRequestSyncOnQueueMsg.sendQueue", step, "sendQ");
+  if (!c) return rplTrace_.ret(c.rc());
 
-  std::fprintf(m.out, "%s\n", nameOf(kSyncRequestReasons, reason, ""));
-  put(m.out, "  sendQueue:         %.*s\n", sendQueue);
-  std::fprintf(m.out, "  lastTxPublishedTS: %s\n", formatLocalStampMicros(seconds, micros).c_str());
-  std::fprintf(m.out, "  lastCommitSEQ:     %s\n", lsn.c_str());
+  o.show("reason", reason, "%s\n", nameOf(kSyncRequestReasons, reason, ""));
+  o.field("sendQueue", sendQueue, "  sendQueue:         %.*s\n");
+  o.show("lastTxPublishedTS", UtcTime{seconds, static_cast<int32_t>(micros > 999999 ? 999999 : micros)},
+         "  lastTxPublishedTS: %s\n", formatLocalStampMicros(seconds, micros).c_str());
+  o.field("lastCommitSEQ", lsn, "  lastCommitSEQ:     %s\n");
   return rplTrace_.ret(0);
 }
 
@@ -119,23 +115,22 @@ int32_t printRequestSyncOnQueueMsg(QMsg& m) {
 //   | header | sendQueue (50) | responseCode |   0: the synchronisation succeeded
 //   +--------+----------------+--------------+
 
-int32_t printSyncResponseMsg(QMsg& m) {
+template <class O>
+int32_t printSyncResponseMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 352);
   const char* step = "qSyncResponseMsg::printMe";
-  int32_t rc = qMsgHeader::printFor(m, step);
-  if (rc != 0) return rplTrace_.ret(rc);
-  uint8_t response = 0;
+  Cursor c(m.r);
+  uint8_t response = c.u8(58, "qSyncResponseMsg.responseCode");
   ConvText sendQueue;
-  rc = m.r.u8(58, response, "qSyncResponseMsg.responseCode");
-  if (rc == 0) rc = readNameInRoom(m, 8, 50, sendQueue, "qSyncResponseMsg.sendQueue", step, "sendQ");
-  if (rc != 0) return rplTrace_.ret(rc);
+  nameAt(m, c, 8, 50, sendQueue, "qSyncResponseMsg.sendQueue", step, "sendQ");
+  if (!c) return rplTrace_.ret(c.rc());
 
-  std::fputc('\n', m.out);
-  put(m.out, "  sendQueue:         %.*s\n", sendQueue);
-  if (response == 0)
-    std::fprintf(m.out, "  responseCode:      %d (sync was successful)\n", response);
-  else
-    std::fprintf(m.out, "  responseCode:      %d (sync was not successful)\n", response);
+  o.text("\n");
+  o.field("sendQueue", sendQueue, "  sendQueue:         %.*s\n");
+  o.show("responseCode", response,
+         response == 0 ? "  responseCode:      %d (sync was successful)\n"
+                       : "  responseCode:      %d (sync was not successful)\n",
+         response);
   return rplTrace_.ret(0);
 }
 
@@ -147,25 +142,23 @@ int32_t printSyncResponseMsg(QMsg& m) {
 //   | header | flags | cur q  | max q  |   | sequence time |   flags bit 1: a sequence time starts
 //   +--------+-------+--------+--------+---+---------------+
 
-int32_t printSequenceTimeResetMsg(QMsg& m) {
+template <class O>
+int32_t printSequenceTimeResetMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 353);
-  int32_t rc = qMsgHeader::printFor(m, "qSequenceTimeResetMsg::printMe");
-  if (rc != 0) return rplTrace_.ret(rc);
-  uint8_t flags = 0, current = 0, maximum = 0;
-  uint32_t seconds = 0;
-  rc = m.r.u8(8, flags, "qSequenceTimeResetMsg.flags");
-  if (rc == 0) rc = m.r.u8(9, current, "qSequenceTimeResetMsg.current parallel q index");
-  if (rc == 0) rc = m.r.u8(10, maximum, "qSequenceTimeResetMsg.maximum parallel q index");
-  if (rc == 0) rc = m.r.fix32(12, seconds, "qSequenceTimeResetMsg.sequence time");
-  if (rc != 0) return rplTrace_.ret(rc);
+  Cursor c(m.r);
+  uint8_t flags = c.u8(8, "qSequenceTimeResetMsg.flags");
+  uint8_t current = c.u8(9, "qSequenceTimeResetMsg.current parallel q index");
+  uint8_t maximum = c.u8(10, "qSequenceTimeResetMsg.maximum parallel q index");
+  uint32_t seconds = c.fix32(12, "qSequenceTimeResetMsg.sequence time");
+  if (!c) return rplTrace_.ret(c.rc());
 
   bool starting = (flags & 2) != 0;
-  std::fprintf(m.out, "  sequence reset flag:         %s\n",
-               starting ? "SEQUENCE_TIME_STARTING" : "SEQUENCE_TIME_ENDING");
-  std::fprintf(m.out, "  current parallel q index:    %d\n", current);
-  std::fprintf(m.out, "  maximum parallel q index:    %d\n", maximum);
-  std::fprintf(m.out, "  %s sequence time:           %-11d(%s)\n", starting ? "new" : "old",
-               static_cast<int32_t>(seconds), formatLocalStamp(seconds).c_str());
+  o.field("sequence_reset_flag", starting ? "SEQUENCE_TIME_STARTING" : "SEQUENCE_TIME_ENDING",
+          "  sequence reset flag:         %s\n");
+  o.field("current_parallel_q_index", current, "  current parallel q index:    %d\n");
+  o.field("maximum_parallel_q_index", maximum, "  maximum parallel q index:    %d\n");
+  o.show("sequence_time", UtcTime{seconds, -1}, "  %s sequence time:           %-11d(%s)\n",
+         starting ? "new" : "old", static_cast<int32_t>(seconds), formatLocalStamp(seconds).c_str());
   return rplTrace_.ret(0);
 }
 
@@ -195,43 +188,43 @@ constexpr ValueName kFuncLevelQueueLabels[] = {
     {1, "Send"}, {2, "Recv"}, {3, "Send"}, {4, "Recv"}, {5, "Recv"},
 };
 
-int32_t printFuncLevelMsg(QMsg& m) {
+template <class O>
+int32_t printFuncLevelMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 354);
   const char* step = "qFuncLevelMsg::printMe";
-  int32_t rc = qMsgHeader::printFor(m, step);
-  if (rc != 0) return rplTrace_.ret(rc);
-  uint8_t reason = 0, flags = 0;
-  uint32_t seconds = 0, micros = 0;
-  uint16_t level[4] = {};
-  std::string lastCommit, restart;
-  rc = m.r.u8(238, reason, "qFuncLevelMsg.reason");
-  if (rc == 0) rc = m.r.u8(239, flags, "qFuncLevelMsg.flags");
-  if (rc == 0) rc = fixTime(m, 240, seconds, micros, "qFuncLevelMsg.lastTxPublishedTS");
-  for (size_t i = 0; i < 4 && rc == 0; ++i)
-    rc = m.r.fix16(248 + 2 * i, level[i], i < 2 ? "qFuncLevelMsg.current level" : "qFuncLevelMsg.queue level");
-  if (rc == 0) rc = fixAndFormatLsn(m, 256, lastCommit, "qFuncLevelMsg.lastCommitLSN");
-  if (rc == 0) rc = fixAndFormatLsn(m, 280, restart, "qFuncLevelMsg.restartLSN");
+  Cursor c(m.r);
+  uint8_t reason = c.u8(238, "qFuncLevelMsg.reason");
+  uint8_t flags = c.u8(239, "qFuncLevelMsg.flags");
+  uint32_t seconds = c.fix32(240, "qFuncLevelMsg.lastTxPublishedTS");
+  uint32_t micros = c.fix32(244, "qFuncLevelMsg.lastTxPublishedTS");
+  int16_t level[4] = {};
+  for (size_t i = 0; i < 4; ++i)
+    level[i] = static_cast<int16_t>(c.fix16(248 + 2 * i, i < 2 ? "qFuncLevelMsg.current level" : "qFuncLevelMsg.queue level"));
+  std::string lastCommit = lsnAt(c, 256, "qFuncLevelMsg.lastCommitLSN");
+  std::string restart = lsnAt(c, 280, "qFuncLevelMsg.restartLSN");
   ConvText sendQueue, recvQueue, qmap;
-  if (rc == 0) rc = readNameInRoom(m, 8, 50, sendQueue, "qFuncLevelMsg.sendQueue", step, "sendQ");
-  if (rc == 0) rc = readNameInRoom(m, 58, 50, recvQueue, "qFuncLevelMsg.recvQueue", step, "recvQ");
-  if (rc == 0) rc = readNameInRoom(m, 108, 130, qmap, "qFuncLevelMsg.qmap", step, "qmap");
-  if (rc != 0) return rplTrace_.ret(rc);
+  nameAt(m, c, 8, 50, sendQueue, "qFuncLevelMsg.sendQueue", step, "sendQ");
+  nameAt(m, c, 58, 50, recvQueue, "qFuncLevelMsg.recvQueue", step, "recvQ");
+  nameAt(m, c, 108, 130, qmap, "qFuncLevelMsg.qmap", step, "qmap");
+  if (!c) return rplTrace_.ret(c.rc());
 
-  FILE* out = m.out;
-  std::fprintf(out, "\n  REASON:                   %s\n", nameOf(kFuncLevelReasons, reason, ""));
-  put(out, "  sendQueue:                %.*s\n", sendQueue);
-  put(out, "  recvQueue:                %.*s\n", recvQueue);
-  put(out, "  qmap:                     %.*s\n", qmap);
-  std::fprintf(out, "  %s current level:\t    %04hd.%04hd\n", nameOf(kFuncLevelCurrentLabels, reason, "Unknown"),
-               static_cast<int16_t>(level[0]), static_cast<int16_t>(level[1]));
-  std::fprintf(out, "  %s queue level:\t    %04hd.%04hd\n", nameOf(kFuncLevelQueueLabels, reason, "Unknown"),
-               static_cast<int16_t>(level[2]), static_cast<int16_t>(level[3]));
+  o.show("reason", reason, "\n  REASON:                   %s\n", nameOf(kFuncLevelReasons, reason, ""));
+  o.field("sendQueue", sendQueue, "  sendQueue:                %.*s\n");
+  o.field("recvQueue", recvQueue, "  recvQueue:                %.*s\n");
+  o.field("qmap", qmap, "  qmap:                     %.*s\n");
+  o.text("  %s current level:\t    %04hd.%04hd\n", nameOf(kFuncLevelCurrentLabels, reason, "Unknown"), level[0], level[1]);
+  o.hidden("current_level", level[0]);
+  o.hidden("current_level_minor", level[1]);
+  o.text("  %s queue level:\t    %04hd.%04hd\n", nameOf(kFuncLevelQueueLabels, reason, "Unknown"), level[2], level[3]);
+  o.hidden("queue_level", level[2]);
+  o.hidden("queue_level_minor", level[3]);
   if (flags & 1) {
-    std::fprintf(out, "  restartLSN:               %s\n", restart.c_str());
-    std::fprintf(out, "  lastTxPublishedTS:        %s\n", formatLocalStampMicros(seconds, micros).c_str());
-    std::fprintf(out, "  lastCommitLSN:            %s\n", lastCommit.c_str());
+    o.field("restartLSN", restart, "  restartLSN:               %s\n");
+    o.show("lastTxPublishedTS", UtcTime{seconds, static_cast<int32_t>(micros > 999999 ? 999999 : micros)},
+           "  lastTxPublishedTS:        %s\n", formatLocalStampMicros(seconds, micros).c_str());
+    o.field("lastCommitLSN", lastCommit, "  lastCommitLSN:            %s\n");
   } else {
-    std::fputs("  ** No restart information provided **\n", out);
+    o.text("  ** No restart information provided **\n");
   }
   return rplTrace_.ret(0);
 }
@@ -264,54 +257,59 @@ constexpr ValueName kActionsToTake[] = {
     {5, "RPLKX_TODO_INVALIDATE_P2P_SUB"},
 };
 
-int32_t printAdminQMsg(QMsg& m) {
+template <class O>
+int32_t printAdminQMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 355);
   const char* step = "qAdminQMsg::printMe";
-  int32_t rc = qMsgHeader::printFor(m, step);
-  if (rc != 0) return rplTrace_.ret(rc);
-  uint16_t version = 0, serviceLen = 0;
-  uint8_t taken = 0, toTake = 0;
-  rc = m.version(version);
-  if (rc == 0) rc = m.r.fix16(192, "qAdminQMsg.actionTaken");
-  if (rc == 0) rc = m.r.fix16(194, "qAdminQMsg.actionToTake");
-  if (rc == 0) rc = m.r.fix16(196, "qAdminQMsg.msgNum");
-  if (rc == 0) rc = m.r.fix16(456, serviceLen, "qAdminQMsg.serviceText length");
-  if (rc == 0) rc = m.r.u8(192, taken, "qAdminQMsg.actionTaken");
-  if (rc == 0) rc = m.r.u8(194, toTake, "qAdminQMsg.actionToTake");
-  if (rc != 0) return rplTrace_.ret(rc);
+  Cursor c(m.r);
+  uint16_t version = 0;
+  c.take(m.version(version));
+  c.fix16(192, "qAdminQMsg.actionTaken");
+  c.fix16(194, "qAdminQMsg.actionToTake");
+  c.fix16(196, "qAdminQMsg.msgNum");
+  uint16_t serviceLen = c.fix16(456, "qAdminQMsg.serviceText length");
+  uint8_t taken = c.u8(192, "qAdminQMsg.actionTaken");
+  uint8_t toTake = c.u8(194, "qAdminQMsg.actionToTake");
+  if (!c) return rplTrace_.ret(c.rc());
 
   if (version != 1) {
-    uint32_t subId = 0;
-    rc = version >= 2 ? m.r.fix32(60, subId, "qAdminQMsg.sub_id") : m.r.machine(60, subId, "qAdminQMsg.sub_id");
-    if (rc != 0) return rplTrace_.ret(rc);
-    std::fprintf(m.out, "  qAdminQMsg.sub_id: %d\n", static_cast<int32_t>(subId));
-    std::fprintf(m.out, "  qAdminQMsg.actionTaken: %s\n", nameOf(kActionsTaken, taken, "Not defined"));
-    std::fprintf(m.out, "  qAdminQMsg.actionToTake: %s\n", nameOf(kActionsToTake, toTake, "Not defined"));
+    uint32_t subId = version >= 2 ? c.fix32(60, "qAdminQMsg.sub_id") : c.machine<uint32_t>(60, "qAdminQMsg.sub_id");
+    if (!c) return rplTrace_.ret(c.rc());
+    o.field("sub_id", static_cast<int32_t>(subId), "  qAdminQMsg.sub_id: %d\n");
+    o.field("actionTaken", nameOf(kActionsTaken, taken, "Not defined"), "  qAdminQMsg.actionTaken: %s\n");
+    o.field("actionToTake", nameOf(kActionsToTake, toTake, "Not defined"), "  qAdminQMsg.actionToTake: %s\n");
     return rplTrace_.ret(0);
   }
 
-  int16_t msgNum = 0;
   int16_t textLen = static_cast<int16_t>(serviceLen);
+  int16_t msgNum = c.machine<int16_t>(196, "qAdminQMsg.msgNum");
   ConvText sendq, subname, tokens, service;
-  rc = m.r.machine(196, msgNum, "qAdminQMsg.msgNum");
-  if (rc == 0) rc = readNameInRoom(m, 58, 134, subname, "qAdminQMsg.subname", step, "subname");
-  if (rc == 0) rc = readNameInRoom(m, 8, 50, sendq, "qAdminQMsg.sendq", step, "sendq");
-  if (rc == 0) rc = readNameInRoom(m, 198, 258, tokens, "qAdminQMsg.msgTokens", step, "msgTokens");
-  if (rc == 0 && textLen > 0) {
-    const uint8_t* p = nullptr;
-    rc = m.r.bytes(458, static_cast<size_t>(textLen), p, "qAdminQMsg.serviceText");
-    if (rc == 0) rc = convertText(m, p, static_cast<size_t>(textLen), service, step, "ConvMgr::cpcvc", "serviceText");
+  nameAt(m, c, 58, 134, subname, "qAdminQMsg.subname", step, "subname");
+  nameAt(m, c, 8, 50, sendq, "qAdminQMsg.sendq", step, "sendq");
+  nameAt(m, c, 198, 258, tokens, "qAdminQMsg.msgTokens", step, "msgTokens");
+  if (textLen > 0) {
+    const uint8_t* p = c.bytes(458, static_cast<size_t>(textLen), "qAdminQMsg.serviceText");
+    if (c) c.take(convertText(m, p, static_cast<size_t>(textLen), service, step, "ConvMgr::cpcvc", "serviceText"));
   }
-  if (rc != 0) return rplTrace_.ret(rc);
+  if (!c) return rplTrace_.ret(c.rc());
 
-  FILE* out = m.out;
-  put(out, "  qAdminQMsg.sendq:    %.*s\n", sendq);
-  put(out, "  qAdminQMsg.subname:  %.*s\n", subname);
-  std::fprintf(out, "  qAdminQMsg.actionTaken: %s\n", nameOf(kActionsTaken, taken, "Not defined"));
-  std::fprintf(out, "  qAdminQMsg.actionToTake: %s\n", nameOf(kActionsToTake, toTake, "Not defined"));
-  std::fprintf(out, "  qAdminQMsg.msgNum: %d\n", msgNum);
-  put(out, "  qAdminQMsg.msgTokens: %.*s\n", tokens);
+  o.field("sendq", sendq, "  qAdminQMsg.sendq:    %.*s\n");
+  o.field("subname", subname, "  qAdminQMsg.subname:  %.*s\n");
+  o.field("actionTaken", nameOf(kActionsTaken, taken, "Not defined"), "  qAdminQMsg.actionTaken: %s\n");
+  o.field("actionToTake", nameOf(kActionsToTake, toTake, "Not defined"), "  qAdminQMsg.actionToTake: %s\n");
+  o.field("msgNum", msgNum, "  qAdminQMsg.msgNum: %d\n");
+  o.field("msgTokens", tokens, "  qAdminQMsg.msgTokens: %.*s\n");
   // A service text of no characters (or a negative count) prints empty.
-  put(out, "  qAdminQMsg.serviceText: %.*s\n", service);
+  o.field("serviceText", service, "  qAdminQMsg.serviceText: %.*s\n");
   return rplTrace_.ret(0);
 }
+
+#define RPL_QUEUE_CONTROL_PRINTERS(O)                     \
+  template int32_t printHeartbeatMsg(QMsg&, O&);          \
+  template int32_t printRequestSyncOnQueueMsg(QMsg&, O&); \
+  template int32_t printSyncResponseMsg(QMsg&, O&);       \
+  template int32_t printSequenceTimeResetMsg(QMsg&, O&);  \
+  template int32_t printFuncLevelMsg(QMsg&, O&);          \
+  template int32_t printAdminQMsg(QMsg&, O&);
+RPL_QUEUE_CONTROL_PRINTERS(TextSink)
+RPL_QUEUE_CONTROL_PRINTERS(JsonSink)

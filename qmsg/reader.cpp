@@ -3,7 +3,13 @@
 
 #include <cstdio>
 
+ReadFailure& lastReadFailure() {
+  static thread_local ReadFailure failure;
+  return failure;
+}
+
 int32_t MsgReader::shortRead(size_t at, size_t n, const char* field) const {
+  lastReadFailure() = ReadFailure{field, reinterpret_cast<uintptr_t>(data_) + at};
   char what[256];
   std::snprintf(what, sizeof what, "%s (offset %zu, %zu bytes left of %zu)", field, at,
                 at <= size_ ? size_ - at : size_t{0}, size_);
@@ -12,6 +18,7 @@ int32_t MsgReader::shortRead(size_t at, size_t n, const char* field) const {
 }
 
 int32_t MsgReader::tooLong(size_t at, size_t len, size_t room, const char* field) const {
+  lastReadFailure() = ReadFailure{field, reinterpret_cast<uintptr_t>(data_) + at};
   char what[256];
   std::snprintf(what, sizeof what, "%s (offset %zu: count %zu larger than its room of %zu)", field,
                 at, len, room);

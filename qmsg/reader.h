@@ -17,6 +17,14 @@
 
 #include "runtime/catalog.h"
 
+// The last field that could not be read on this thread (null field when none since the last
+// clear), kept for renderings that name it in their output.
+struct ReadFailure {
+  const char* field = nullptr;
+  uintptr_t at = 0;  // address where the read began (its offset from the message start follows)
+};
+ReadFailure& lastReadFailure();
+
 class MsgReader {
  public:
   MsgReader() = default;
@@ -114,4 +122,64 @@ class MsgReader {
   uint8_t* data_ = nullptr;
   size_t size_ = 0;
   bool swap_ = false;
+};
+
+// A cursor over a reader that keeps its first failure: after a read fails (and is reported)
+// every later read yields zero without a further report, so a printer reads its fields in
+// wire order and checks once: `uint32_t s = c.fix32(60, "qX.seconds"); ... if (!c) return c.rc();`.
+// `fix*` swaps the field into machine order in place in the same call as the read, so the swap
+// list and the read list of a message are one list.
+class Cursor {
+ public:
+  explicit Cursor(MsgReader& r) : r_(r) {}
+  Cursor(const Cursor&) = delete;
+  Cursor& operator=(const Cursor&) = delete;
+
+  explicit operator bool() const { return rc_ == 0; }
+  int32_t rc() const { return rc_; }
+  MsgReader& reader() { return r_; }
+  // Takes the result of a read made elsewhere (a conversion, a sub-reader), keeping the first.
+  bool take(int32_t rc) {
+    if (rc_ == 0) rc_ = rc;
+    return rc_ == 0;
+  }
+
+  uint8_t u8(size_t at, const char* field) { return read(&MsgReader::u8, at, field); }
+  uint16_t u16(size_t at, const char* field) { return read(&MsgReader::u16, at, field); }
+  uint32_t u32(size_t at, const char* field) { return read(&MsgReader::u32, at, field); }
+  uint64_t u64(size_t at, const char* field) { return read(&MsgReader::u64, at, field); }
+  int16_t i16(size_t at, const char* field) { return read(&MsgReader::i16, at, field); }
+  int32_t i32(size_t at, const char* field) { return read(&MsgReader::i32, at, field); }
+  int64_t i64(size_t at, const char* field) { return read(&MsgReader::i64, at, field); }
+  template <typename T>
+  T machine(size_t at, const char* field) {
+    T v{};
+    if (rc_ == 0) rc_ = r_.machine(at, v, field);
+    return rc_ == 0 ? v : T{};
+  }
+  uint16_t fix16(size_t at, const char* field) { return fixed(&MsgReader::fix16, at, field); }
+  uint32_t fix32(size_t at, const char* field) { return fixed(&MsgReader::fix32, at, field); }
+  uint64_t fix64(size_t at, const char* field) { return fixed(&MsgReader::fix64, at, field); }
+  const uint8_t* bytes(size_t at, size_t n, const char* field) {
+    const uint8_t* p = nullptr;
+    if (rc_ == 0) rc_ = r_.bytes(at, n, p, field);
+    return rc_ == 0 ? p : nullptr;
+  }
+
+ private:
+  template <typename T>
+  T read(int32_t (MsgReader::*get)(size_t, T&, const char*) const, size_t at, const char* field) {
+    T v{};
+    if (rc_ == 0) rc_ = (r_.*get)(at, v, field);
+    return rc_ == 0 ? v : T{};
+  }
+  template <typename T>
+  T fixed(int32_t (MsgReader::*get)(size_t, T&, const char*), size_t at, const char* field) {
+    T v{};
+    if (rc_ == 0) rc_ = (r_.*get)(at, v, field);
+    return rc_ == 0 ? v : T{};
+  }
+
+  MsgReader& r_;
+  int32_t rc_ = 0;
 };

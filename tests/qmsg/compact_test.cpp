@@ -38,16 +38,21 @@ TEST(Dispatch, DdlSubTypeZeroIsUnknownAlthoughTheHeaderNamesAddColumn) {
 }
 
 TEST(Dispatch, EveryNamedTypeReachesItsPrinter) {
-  for (const ValueName& t : kMsgTypes) {
+  int named = 0;
+  for (int type = 0; type < 256; ++type) {
+    const std::string name = compactTypeName(static_cast<uint8_t>(type));
+    if (name == "Unknown") continue;
+    ++named;
     for (ByteOrder order : {ByteOrder::Little, ByteOrder::Big}) {
-      auto msg = headerOnly(static_cast<uint8_t>(t.value), 0, 1, order, 1024);
+      auto msg = headerOnly(static_cast<uint8_t>(type), 0, 1, order, 1024);
       Decoded d = decodeAs(msg, order, 1208);
-      EXPECT_EQ(d.out.find("Unknown msg types"), std::string::npos) << t.name << "\n" << d.out;
-      if (t.value != kTypeDdl) {  // DDL sub-type 0 is unknown
-        EXPECT_NE(d.rc, kRcUnknownType) << t.name;
+      EXPECT_EQ(d.out.find("Unknown msg types"), std::string::npos) << name << "\n" << d.out;
+      if (type != kTypeDdl) {  // DDL sub-type 0 is unknown
+        EXPECT_NE(d.rc, kRcUnknownType) << name;
       }
     }
   }
+  EXPECT_EQ(named, 32);
 }
 
 TEST(Dispatch, BigEndianVersionIsSwappedBeforeUse) {

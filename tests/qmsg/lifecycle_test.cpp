@@ -242,10 +242,18 @@ TEST(Lifecycle, EveryCutIsReportedNeverReadPast) {
     for (auto [order, ccsid] : {std::pair{ByteOrder::Little, 1208}, std::pair{ByteOrder::Big, 37}}) {
       MsgWriter w = encode(order, ccsid);
       if (order == ByteOrder::Big && (w.bytes()[4] == kTypeP2pCapStop)) continue;  // read as stored
-      ASSERT_EQ(decode(w).rc, 0) << int(w.bytes()[4]) << decode(w).reports;
+      Decoded whole = decode(w);
+      ASSERT_EQ(whole.rc, 0) << int(w.bytes()[4]) << whole.reports;
+      // A message whose last field is a name may end right after its characters: such a cut
+      // prints what the whole message prints; any other cut is reported.
+      const std::string wholeText = whole.out.substr(whole.out.find("\n\n", 2));
       for (size_t n = 8; n < w.size(); ++n) {
         std::vector<uint8_t> cut(w.bytes().begin(), w.bytes().begin() + n);
         Decoded d = decodeAs(cut, order, ccsid);
+        if (d.rc == 0) {
+          EXPECT_EQ(d.out.substr(d.out.find("\n\n", 2)), wholeText) << "type " << int(w.bytes()[4]) << " cut at " << n;
+          continue;
+        }
         EXPECT_EQ(d.rc, kRcShortRead) << "type " << int(w.bytes()[4]) << " cut at " << n;
         EXPECT_NE(d.reports.find("543"), std::string::npos) << d.reports;
       }
@@ -262,3 +270,19 @@ TEST(CreateSub, DemoSamplePrintsTheSameFromEitherSender) {
 }
 
 }  // namespace
+
+TEST(Lifecycle, MessageEndingRightAfterItsLastNameIsPrinted) {
+  for (auto [order, ccsid] : {std::pair{ByteOrder::Little, 1208}, std::pair{ByteOrder::Big, 37}}) {
+    MsgWriter w = encodeP2pSubStoppingMsg(P2pFields{}, order, ccsid);
+    Decoded whole = decode(w);
+    // The subname's count at 8, then its characters: nothing of its room after them is sent.
+    const size_t end = 8 + 2 + P2pFields{}.subname.size();
+    std::vector<uint8_t> cut(w.bytes().begin(), w.bytes().begin() + static_cast<std::ptrdiff_t>(end));
+    Decoded d = decodeAs(cut, order, ccsid);
+    EXPECT_EQ(d.rc, 0) << d.reports;
+    EXPECT_EQ(d.reports, "");
+    EXPECT_EQ(d.out.substr(d.out.find("\n\n", 2)), whole.out.substr(whole.out.find("\n\n", 2)));
+    cut.pop_back();
+    EXPECT_EQ(decodeAs(cut, order, ccsid).rc, kRcShortRead) << "one character short";
+  }
+}

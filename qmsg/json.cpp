@@ -1,0 +1,114 @@
+// JSON text of the rendering: strings made valid UTF-8 and escaped, hex runs, ISO-8601 times.
+#include "qmsg/json.h"
+
+#include <cmath>
+#include <cstdio>
+#include <ctime>
+
+void JsonOut::prefix(const char* key) {
+  if (!first_) s_ += ',';
+  first_ = false;
+  if (key != nullptr) {
+    quote(key);
+    s_ += ':';
+  }
+}
+
+void JsonOut::real(const char* key, double v) {
+  prefix(key);
+  if (!std::isfinite(v)) {
+    s_ += "null";
+    return;
+  }
+  char b[32];
+  std::snprintf(b, sizeof b, "%.17g", v);
+  s_ += b;
+}
+
+namespace {
+
+// Length of the valid UTF-8 sequence at p (1 to 4), or 0 when the bytes there are not one.
+size_t utf8Sequence(const unsigned char* p, size_t left) {
+  unsigned char c = p[0];
+  size_t n = c < 0x80 ? 1 : (c & 0xE0) == 0xC0 ? 2 : (c & 0xF0) == 0xE0 ? 3 : (c & 0xF8) == 0xF0 ? 4 : 0;
+  if (n == 0 || n > left) return 0;
+  if (n == 1) return 1;
+  uint32_t cp = c & (0x7F >> n);
+  for (size_t i = 1; i < n; ++i) {
+    if ((p[i] & 0xC0) != 0x80) return 0;
+    cp = (cp << 6) | (p[i] & 0x3F);
+  }
+  static constexpr uint32_t kMin[] = {0, 0, 0x80, 0x800, 0x10000};
+  if (cp < kMin[n] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return 0;
+  return n;
+}
+
+}  // namespace
+
+void JsonOut::quote(std::string_view text) {
+  static const char kHex[] = "0123456789abcdef";
+  s_ += '"';
+  const unsigned char* p = reinterpret_cast<const unsigned char*>(text.data());
+  size_t n = text.size();
+  for (size_t i = 0; i < n;) {
+    unsigned char c = p[i];
+    if (c == '"' || c == '\\') {
+      s_ += '\\';
+      s_ += static_cast<char>(c);
+      ++i;
+    } else if (c < 0x20) {
+      switch (c) {
+        case '\n': s_ += "\\n"; break;
+        case '\r': s_ += "\\r"; break;
+        case '\t': s_ += "\\t"; break;
+        default:
+          s_ += "\\u00";
+          s_ += kHex[c >> 4];
+          s_ += kHex[c & 15];
+      }
+      ++i;
+    } else if (c < 0x80) {
+      s_ += static_cast<char>(c);
+      ++i;
+    } else {
+      size_t len = utf8Sequence(p + i, n - i);
+      if (len == 0) {
+        s_ += "\xEF\xBF\xBD";  // U+FFFD for a byte that is not UTF-8
+        ++i;
+      } else {
+        s_.append(reinterpret_cast<const char*>(p + i), len);
+        i += len;
+      }
+    }
+  }
+  s_ += '"';
+}
+
+void JsonOut::hex(const char* key, const uint8_t* p, size_t n) {
+  static const char kHex[] = "0123456789abcdef";
+  prefix(key);
+  s_ += '"';
+  for (size_t i = 0; i < n; ++i) {
+    s_ += kHex[p[i] >> 4];
+    s_ += kHex[p[i] & 15];
+  }
+  s_ += '"';
+}
+
+void JsonOut::utc(const char* key, uint32_t seconds, int32_t micros) {
+  if (seconds == 0) {
+    null(key);
+    return;
+  }
+  std::time_t t = seconds;
+  std::tm tm{};
+  gmtime_r(&t, &tm);
+  char b[48];
+  if (micros >= 0 && micros < 1000000)
+    std::snprintf(b, sizeof b, "\"%04d-%02d-%02dT%02d:%02d:%02d.%06dZ\"", tm.tm_year + 1900, tm.tm_mon + 1,
+                  tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, micros);
+  else
+    std::snprintf(b, sizeof b, "\"%04d-%02d-%02dT%02d:%02d:%02dZ\"", tm.tm_year + 1900, tm.tm_mon + 1,
+                  tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec);
+  raw(key, b);
+}
