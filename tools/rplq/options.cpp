@@ -9,7 +9,7 @@
 #include <ctime>
 #include <string_view>
 
-#include "qmsg/header.h"
+#include "qmsg/compact.h"
 
 namespace rplq {
 
@@ -116,14 +116,15 @@ bool parseTypeName(const std::string& word, uint8_t& type) {
     return true;
   }
   const std::string want = upper(word);
-  for (const ValueName& e : kMsgTypes) {
-    std::string_view name = e.name;
+  for (int code = 0; code < 256; ++code) {
+    std::string_view name = compactTypeName(static_cast<uint8_t>(code));
+    if (name.rfind("RPLKX_", 0) != 0) continue;  // no type of this code
     std::string_view bare = name.substr(std::strlen("RPLKX_"));
     std::string_view shortest = bare;
     if (shortest.size() > 4 && shortest.substr(shortest.size() - 4) == "_MSG")
       shortest.remove_suffix(4);
     if (want == name || want == bare || want == shortest) {
-      type = static_cast<uint8_t>(e.value);
+      type = static_cast<uint8_t>(code);
       return true;
     }
   }

@@ -3,13 +3,13 @@
 
 #include <cinttypes>
 
-#include "qmsg/header.h"
+#include "qmsg/compact.h"
 
 namespace rplq {
 
 std::string typeName(uint8_t type) {
-  const char* name = nameOf(kMsgTypes, type, nullptr);
-  return name != nullptr ? name : "type " + std::to_string(type);
+  std::string name = compactTypeName(type);
+  return name.rfind("RPLKX_", 0) == 0 ? name : "type " + std::to_string(type);
 }
 
 std::string jsonString(const std::string& text) {
