@@ -75,7 +75,29 @@ for s in "${senders[@]}"; do
       fail "$q: restart messages missing from the summary"
   fi
   rplq --summary QMR "$q" | grep -q "RPLKX_TRANS_MSG (128) *$want " || fail "$q: summary table"
+
+  # --json: one object per message, each parsed by jq, the descriptor under "kxmd".
+  rplq --json QMR "$q" >"$work/$q.jsonl" || fail "$q: --json"
+  [ "$(wc -l <"$work/$q.jsonl")" = "$n" ] || fail "$q: $(wc -l <"$work/$q.jsonl") JSON lines for $n messages"
+  jq -e 'has("kxmd") and (.kxmd.position | type == "number")' "$work/$q.jsonl" >/dev/null ||
+    fail "$q: a JSON line is not an object with its descriptor"
+  [ "$(jq -r .kxmd.position "$work/$q.jsonl" | tr '\n' ' ')" = "$(seq -s ' ' 1 "$n") " ] ||
+    fail "$q: JSON positions are not 1..$n"
+  [ "$(jq -r 'select(.text) | .text' "$work/$q.jsonl")" = "plain text before the traffic" ] ||
+    fail "$q: the text message's JSON"
+  # The summary's counts are those of the export counted with jq: messages and bytes per type.
+  jq -rs 'map(select(.msgtype_code != null)) | group_by(.msgtype_code) | .[] |
+          "\(.[0].msgtype_code) \(length) \(map(.kxmd.length) | add)"' "$work/$q.jsonl" >"$work/$q.byjq"
+  jq -r '.types[] | "\(.msgtype) \(.messages) \(.bytes)"' "$work/$q.sum.json" >"$work/$q.bysum"
+  cmp -s "$work/$q.byjq" "$work/$q.bysum" || fail "$q: summary and JSON export count differently:
+$(diff "$work/$q.byjq" "$work/$q.bysum")"
 done
+
+# Text in an EBCDIC code page comes out of --json as UTF-8.
+printf '\xc8\x85\x93\x93\x96\x40\xe6\x96\x99\x93\x84' | kxq put QMR EB --format KXSTR --ccsid 37 ||
+  fail "put EBCDIC text"
+[ "$(rplq --json --from "$(( $(depth EB) ))" QMR EB | jq -r .text)" = "Hello World" ] ||
+  fail "EBCDIC text in JSON"
 
 # The put time selects: everything since the epoch, nothing from the far future.
 rplq --since 2000-01-01 QMR LE >/dev/null || fail "--since the past shows nothing"

@@ -36,7 +36,8 @@ const char* const kUsage =
     "  (default)          print each message as rplqmfmt does, banner included\n"
     "  --summary          one table: messages and bytes per type, other formats, put times,\n"
     "                     decoding failures\n"
-    "  --json             --summary as one JSON object\n"
+    "  --json             JSON Lines: one object per message, its descriptor under \"kxmd\"\n"
+    "                     (docs/json.md); with --summary one JSON object\n"
     "  --follow           after the last message, wait for new ones until SIGINT or SIGTERM\n"
     "  --drain            remove the messages shown, each one only after its report was\n"
     "                     written out; the others stay in their order\n"
@@ -336,8 +337,6 @@ std::string parseOptions(int argc, const char* const* argv, Options& o) {
   if (o.hasSince && o.hasUntil && o.since > o.until) return "--since is after --until";
   if (o.summary && o.drain) return "--summary and --drain cannot be combined";
   if (o.summary && o.follow) return "--summary and --follow cannot be combined";
-  if (o.json && !o.summary)
-    return "--json is available with --summary only in this build";
   return {};
 }
 

@@ -30,6 +30,7 @@
 #include "runtime/catalog.h"
 #include "runtime/conv.h"
 #include "runtime/trace.h"
+#include "tools/rplq/json_line.h"
 #include "tools/rplq/options.h"
 #include "tools/rplq/summary.h"
 #include "version.h"
@@ -291,6 +292,7 @@ class Run {
   MessagePrinter printer_;
   ReportCapture reports_;
   Summary summary_;
+  std::string line_;  // the JSON line of the message in hand
   FILE* nullOut_ = nullptr;
   KXHOBJ hobj_ = 0;
   uint8_t* buf_ = nullptr;
@@ -460,8 +462,8 @@ void Run::endUnit(KXHCONN hconn, bool commit) {
 }
 
 bool Run::show(KXHCONN hconn, const KXMD& md, uint8_t* data, size_t length) {
-  const bool known = length == 0 || formatIs(md, KXFMT_COMPACT) || formatIs(md, KXFMT_STRING) ||
-                     formatIs(md, KXFMT_RFH2);
+  const bool known = o_.json || length == 0 || formatIs(md, KXFMT_COMPACT) ||
+                     formatIs(md, KXFMT_STRING) || formatIs(md, KXFMT_RFH2);
   if (!known) {
     say("message %lld: format '%s' has no text rendering; not shown",
         static_cast<long long>(position_), formatText(md).c_str());
@@ -473,9 +475,16 @@ bool Run::show(KXHCONN hconn, const KXMD& md, uint8_t* data, size_t length) {
     if (taken == 0) return true;
   }
 
-  int32_t counter = static_cast<int32_t>(position_ - 1);
-  bool stop = false;
-  int32_t rc = printer_.print(md, data, length, counter, out_, stop);
+  int32_t rc = 0;
+  if (o_.json) {
+    line_.clear();
+    rc = messageJson(md, data, length, position_, printer_.converters(), line_);
+    std::fwrite(line_.data(), 1, line_.size(), out_);
+  } else {
+    int32_t counter = static_cast<int32_t>(position_ - 1);
+    bool stop = false;
+    rc = printer_.print(md, data, length, counter, out_, stop);
+  }
   std::string why = reports_.take();
   if (rc != 0 || !why.empty())
     say("message %lld: %s", static_cast<long long>(position_),
