@@ -124,7 +124,9 @@ struct Decode {
 
 // Walks `count` rows from `at`: each row begins with its u32 length (machine order once the
 // header printer has swapped the message) and the next starts at that length rounded up to 4.
-int32_t printRows(QMsg& m, size_t at, int64_t count, uint16_t version, const char* step) {
+template <class O>
+int32_t printRows(QMsg& m, O& o, size_t at, int64_t count, uint16_t version, const char* step) {
+  o.beginList("rows");
   for (int64_t i = 0; i < count; ++i) {
     uint32_t len = 0;
     int32_t rc = m.r.machine(at, len, "qTransRow.length");
@@ -134,13 +136,70 @@ int32_t printRows(QMsg& m, size_t at, int64_t count, uint16_t version, const cha
                      i + 1, at, len, m.r.size());
       rc = kRcShortRead;
     }
-    if (rc == 0) rc = printTransRow(m, at, version);
+    if (rc == 0) {
+      o.beginItem();
+      rc = printTransRow(m, o, at, version);
+      if (rc == 0) o.endItem();
+    }
     if (rc != 0) {
       reportFailure(step, "rplqcmsg::processRowMsg", rc, "Cannot print row");
       return rc;
     }
     at += (static_cast<size_t>(len) + 3) & ~size_t{3};
   }
+  o.endList();
+  return 0;
+}
+
+// The schema message in JSON: its swap and the schema cache as on the text path (the text
+// printer runs with its lines discarded), then the header and the columns from the cached copy.
+int32_t decodeSchema(Decode& d, JsonSink& o) {
+  static FILE* discard = std::fopen("/dev/null", "w");
+  if (discard == nullptr) return -1;
+  QMsg quiet(d.m.r.data(), d.m.r.size(), discard, d.m.enc, d.m.cm);
+  int32_t rc = printSubSchemaMsg(quiet);
+  if (rc != 0) {
+    reportFailure("rplqcmsg:processSchemaMsg", "qSubSchemaMsg::printMe", rc,
+                  "Cannot print subscription schema message");
+    return rc;
+  }
+  rc = cacheSchema(d.m.r.data(), d.m.r.size(), d.m.swap());
+  if (rc != 0) return rc;
+  // The printer swapped the version in place: read on through its view of the message.
+  rc = printHeaderLines(quiet, o, true);
+  if (rc != 0) return rc;
+  uint16_t version = 0;
+  quiet.version(version);
+  Cursor c(quiet.r);
+  uint32_t subId = c.machine<uint32_t>(156, "qSubSchemaMsg.sub_id");
+  uint16_t nCols = c.machine<uint16_t>(510, "qSubSchemaMsg.nCols");
+  uint16_t nKey = c.machine<uint16_t>(508, "qSubSchemaMsg.nColsInKey");
+  if (!c) return c.rc();
+  o.hidden("sub_id", static_cast<int32_t>(subId));
+  o.hidden("nCols", nCols);
+  o.hidden("nColsInKey", nKey);
+  const size_t array = schemaColumnArrayOffset(version);
+  if (array == 0) return kRcBadSchemaVersion;
+  JsonOut& j = o.json();
+  j.beginArray("columns");
+  for (size_t i = 0; i < nCols; ++i) {
+    uint16_t desc = c.machine<uint16_t>(array + 2 * i, "qSubSchemaMsg column offset");
+    uint16_t type = c.machine<uint16_t>(desc, "qColSchema.coltype");
+    uint32_t codePage = c.machine<uint32_t>(desc + 8, "qColSchema.codepage");
+    // Name counts stay in the sender's order in the message.
+    uint16_t nameLen = c.u16(desc + 12, "qColSchema.colname length");
+    const uint8_t* name = c.bytes(desc + 14, nameLen, "qColSchema.colname");
+    ConvText text;
+    if (c) c.take(convertText(quiet, name, nameLen, text, "qColSchema::printMe", "ConvMgr::cpcvl", "colname"));
+    if (!c) return c.rc();
+    j.beginObject();
+    j.str("colname", std::string_view(text.data(), static_cast<size_t>(text.size())));
+    j.num("coltype", type);
+    j.num("codepage", static_cast<int32_t>(codePage));
+    j.boolean("key", i < nKey);
+    j.endObject();
+  }
+  j.endArray();
   return 0;
 }
 
@@ -154,8 +213,9 @@ int32_t decodeSchema(Decode& d, TextSink&) {
   return cacheSchema(d.m.r.data(), d.m.r.size(), d.m.swap());
 }
 
-int32_t decodeTrans(Decode& d, TextSink&) {
-  int32_t rc = printTransMsgHeader(d.m, d.noPosTime);
+template <class O>
+int32_t decodeTrans(Decode& d, O& o) {
+  int32_t rc = printTransMsgHeader(d.m, o, d.noPosTime);
   if (rc != 0) {
     reportFailure("rplqcmsg:processTransMsg", "qTransMsgHeader::printMe", rc,
                   "Cannot print transaction message header information");
@@ -168,11 +228,12 @@ int32_t decodeTrans(Decode& d, TextSink&) {
   if (rc == 0) rc = d.m.r.machine(28, rows, "qTransMsgHeader.nRows");
   if (rc != 0) return rc;
   size_t first = version < 2 ? 32 : version <= 5 ? 116 : version == 6 ? 144 : 152;
-  return printRows(d.m, first, rows, version, "rplqcmsg:processTransMsg");
+  return printRows(d.m, o, first, rows, version, "rplqcmsg:processTransMsg");
 }
 
-int32_t decodeStreamedTrans(Decode& d, TextSink&) {
-  int32_t rc = printStreamedTransMsgHeader(d.m, d.noPosTime);
+template <class O>
+int32_t decodeStreamedTrans(Decode& d, O& o) {
+  int32_t rc = printStreamedTransMsgHeader(d.m, o, d.noPosTime);
   if (rc != 0) {
     reportFailure("rplqcmsg:processTransMsg", "qStreamedTransMsgHeader::printMe", rc,
                   "Cannot print transaction message header information");
@@ -183,15 +244,16 @@ int32_t decodeStreamedTrans(Decode& d, TextSink&) {
     if (rc == 0) rc = d.m.r.machine(144, single, "qStreamedTransMsgHeader.numSingleRowOps");
     if (rc == 0) rc = d.m.r.machine(148, chunks, "qStreamedTransMsgHeader.numStmtChunkFiles");
     if (rc == 0)
-      rc = printRows(d.m, 160, static_cast<int64_t>(single) + chunks, version, "rplqcmsg:processTransMsg");
+      rc = printRows(d.m, o, 160, static_cast<int64_t>(single) + chunks, version, "rplqcmsg:processTransMsg");
   }
   if (rc != 0)
     reportFailure("processCompactMsg", "processTransMsg", rc, "cannot print streamed trans message class");
   return rc;
 }
 
-int32_t decodeSpilledRow(Decode& d, TextSink&) {
-  int32_t rc = qMsgHeader::printMe(d.m);
+template <class O>
+int32_t decodeSpilledRow(Decode& d, O& o) {
+  int32_t rc = printHeaderLines(d.m, o, true);
   if (rc != 0) {
     reportFailure("processCompactMsg", "qMsgHeader::printMe", rc, "cannot print qSpilledRow header");
     return rc;
@@ -200,7 +262,9 @@ int32_t decodeSpilledRow(Decode& d, TextSink&) {
   rc = d.m.version(v);
   if (rc != 0) return rc;
   size_t at = v == 1 ? 16 : v <= 4 ? 110 : v <= 6 ? 128 : v == 7 ? 136 : v == 8 ? 152 : 168;
-  rc = printTransRow(d.m, at, v);
+  o.beginGroup("row");
+  rc = printTransRow(d.m, o, at, v);
+  if (rc == 0) o.endGroup();
   if (rc != 0)
     reportFailure("processCompactMsg", "qSpilledRow::printMe", rc, "cannot print qSpilledRow struct");
   return rc;
@@ -315,7 +379,7 @@ struct TypeRow {
 };
 
 constexpr TypeRow kTypeRows[] = {
-    {kTypeSubSchema, "RPLKX_SUBSCHEMA_MSG", "qSubSchemaMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeSchema, nullptr},
+    {kTypeSubSchema, "RPLKX_SUBSCHEMA_MSG", "qSubSchemaMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeSchema, decodeSchema},
     {kTypeLoadDone, "RPLKX_LOADDONE_RCVD", "qLoaddoneRcvdMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, streamOnly<printLoadDoneMsg>, nullptr},
     {kTypeHeartbeat, "RPLKX_HEARTBEAT", "qHeartBeatMsg::printMe", Order::Sender, Prologue::Header, nullptr, nullptr, RPL_SINK_BODIES(printHeartbeatMsg)},
     {kTypeSubDeactivated, "RPLKX_SUBDEACTIVATED", "qSubDeactivatedMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, streamOnly<printSubDeactivatedMsg>, nullptr},
@@ -332,7 +396,7 @@ constexpr TypeRow kTypeRows[] = {
     {kTypeTruncate, "RPLKX_DDL_TRUNCATE_MSG", "qTruncateTableMsg::printMe", Order::Sender, Prologue::Body, "qTruncateTableMsg::printMe", "cannot print truncate ddl message class", streamOnly<printTruncateTableMsg>, nullptr},
     {kTypeRedefineReplKey, "RPLKX_REDEFINE_REPL_KEY_MSG", "qRedefineReplKeyMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, streamOnly<printRedefineReplKeyMsg>, nullptr},
     {kTypeRestart, "RPLKX_RESTART", "qRestartMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeRestart, nullptr},
-    {kTypeSpillRow, "RPLKX_SPILLROW", "qSpilledRow::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeSpilledRow, nullptr},
+    {kTypeSpillRow, "RPLKX_SPILLROW", "qSpilledRow::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeSpilledRow<TextSink>, decodeSpilledRow<JsonSink>},
     {kTypeAdminQ, "RPLKX_ADMINQ_MSG", "qAdminQMsg::printMe", Order::Sender, Prologue::Header, nullptr, nullptr, RPL_SINK_BODIES(printAdminQMsg)},
     {kTypeP2pJoinUs, "RPLKX_P2P_JOINUS_MSG", "p2pJoinUsMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, streamOnly<printP2pJoinUsMsg>, nullptr},
     {kTypeP2pSpooling, "RPLKX_P2P_SPOOLING_MSG", "p2pSpoolingMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, streamOnly<printP2pSpoolingMsg>, nullptr},
@@ -341,9 +405,9 @@ constexpr TypeRow kTypeRows[] = {
     {kTypeP2pSubStopping, "RPLKX_P2P_SUBSTOPPING_MSG", "p2pSubStoppingMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, streamOnly<printP2pSubStoppingMsg>, nullptr},
     {kTypeP2pReadyToStop, "RPLKX_P2P_READYTOSTOP_MSG", "p2pReadyToStopMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, streamOnly<printP2pReadyToStopMsg>, nullptr},
     {kTypeP2pSubDeactivated, "RPLKX_P2P_SUBDEACTIVATED_MSG", "p2pSubDeactivatedMsg::printMe", Order::Stored, Prologue::Body, nullptr, nullptr, streamOnly<printP2pSubDeactivatedMsg>, nullptr},
-    {kTypeTrans, "RPLKX_TRANS_MSG", "qTransMsgHeader::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeTrans, nullptr},
+    {kTypeTrans, "RPLKX_TRANS_MSG", "qTransMsgHeader::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeTrans<TextSink>, decodeTrans<JsonSink>},
     {kTypeLob, "RPLKX_LOB_MSG", "qLobMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeLob, nullptr},
-    {kTypeStreamedTrans, "RPLKX_STREAMED_TRANS_MSG", "qStreamedTransMsgHeader::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeStreamedTrans, nullptr},
+    {kTypeStreamedTrans, "RPLKX_STREAMED_TRANS_MSG", "qStreamedTransMsgHeader::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeStreamedTrans<TextSink>, decodeStreamedTrans<JsonSink>},
     {kTypeXfPayload, "RPLKX_XF_MSG", "xfPayloadMsg::printMe", Order::Sender, Prologue::Body, "xfPayloadMsg::printMe", "cannot print xfPayloadMsg class", streamOnly<printXfPayloadMsg>, nullptr},
     {kTypeXfAck, "RPLKX_XF_ACK_MSG", "xfAdminMsg::printMe", Order::Sender, Prologue::Body, "xfAdminMsg::printMe", "cannot print xfAdminMsg class", streamOnly<printXfAdminMsg>, nullptr},
     {kTypeXfHeartbeat, "RPLKX_XF_HEARTBEAT_MSG", "xfHeartBeatMsg::printMe", Order::Sender, Prologue::Body, "xfHeartBeatMsg::printMe", "cannot print xfHeartBeatMsg class", streamOnly<printXfHeartBeatMsg>, nullptr},
@@ -483,5 +547,5 @@ int32_t processTransMsg(uint8_t* msg, size_t length, FILE* out, encodingInfo* en
   QMsg m(msg, length, out, enc, cm);
   Decode d{m, "", noPosTime, headerOnly};
   TextSink o(out);
-  return decodeTrans(d, o);
+  return decodeTrans<TextSink>(d, o);
 }

@@ -20,8 +20,11 @@ struct LobColumn {
 int32_t printSubSchemaMsg(QMsg& m);                               // type 1
 int32_t printTransMsgHeader(QMsg& m, bool noPosTime);             // type 128 header
 int32_t printStreamedTransMsgHeader(QMsg& m, bool noPosTime);     // type 130 header
+template <class O> int32_t printTransMsgHeader(QMsg& m, O& o, bool noPosTime);
+template <class O> int32_t printStreamedTransMsgHeader(QMsg& m, O& o, bool noPosTime);
 // One row at `at` (its u32 length first), for a message of layout version `version`.
 int32_t printTransRow(QMsg& m, size_t at, uint16_t version);
+template <class O> int32_t printTransRow(QMsg& m, O& o, size_t at, uint16_t version);
 int32_t printLobMsg(QMsg& m, const LobColumn& col);               // type 129
 
 // Restart and subscription lifecycle.

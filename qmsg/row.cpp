@@ -15,6 +15,7 @@
 #include "qmsg/forms.h"
 #include "qmsg/header.h"
 #include "qmsg/schema.h"
+#include "qmsg/sink.h"
 #include "qmsg/trans.h"
 #include "qmsg/values.h"
 #include "runtime/catalog.h"
@@ -88,12 +89,13 @@ struct SetKind {
   uint8_t bit;
   bool key;
   const char* failure;
+  const char* json;
 };
 inline constexpr SetKind kSetKinds[] = {
-    {2, true, "Cannot print key columns' before value"},
-    {4, false, "Cannot print non-key columns' before value"},
-    {8, true, "Cannot print key columns' after value"},
-    {1, false, "Cannot print non-key columns' after value"},
+    {2, true, "Cannot print key columns' before value", "key_before"},
+    {4, false, "Cannot print non-key columns' before value", "cols_before"},
+    {8, true, "Cannot print key columns' after value", "key_after"},
+    {1, false, "Cannot print non-key columns' after value", "cols_after"},
 };
 
 inline constexpr ValueName kColumnMarkers[] = {
@@ -197,6 +199,30 @@ struct SchemaColumns {
     return rc;
   }
 
+  // What the JSON rendering needs of column `index`: its value form and its name, converted
+  // from the schema's code page.
+  int32_t jsonColumn(size_t index, ColumnInfo& col, std::string& name) {
+    uint16_t desc = 0, nameLen = 0;
+    uint32_t codePage = 0;
+    const uint8_t* stored = nullptr;
+    const uint8_t* chars = nullptr;
+    Cursor c(msg.r);
+    desc = c.machine<uint16_t>(arrayAt + 2 * index, "qSubSchemaMsg column offset");
+    col.type = c.machine<uint16_t>(desc, "qColSchema.coltype");
+    codePage = c.machine<uint32_t>(desc + 8, "qColSchema.codepage");
+    stored = c.bytes(desc + 4, 4, "qColSchema.typelen");
+    nameLen = c.u16(desc + 12, "qColSchema.colname length");
+    chars = c.bytes(desc + 14, nameLen, "qColSchema.colname");
+    if (!c) return c.rc();
+    col.precision = msg.swap() ? stored[3] : stored[0];
+    col.scale = msg.swap() ? stored[2] : stored[1];
+    col.codePage = static_cast<int32_t>(codePage);
+    ConvText text;
+    int32_t rc = convertText(msg, chars, nameLen, text, kSetStep, "ConvMgr::cpcvl", "colname");
+    if (rc == 0) name.assign(text.data(), static_cast<size_t>(text.size()));
+    return rc;
+  }
+
   int32_t describePlain(size_t index, ColumnInfo& col) {
     uint16_t desc = 0;
     uint32_t codePage = 0;
@@ -242,10 +268,36 @@ int32_t printLobValue(QMsg& m, Emit& e, const MsgReader& value, ColumnInfo col) 
   return printColumnValue(m, e, col, data, n, kSetStep);
 }
 
-// qRowColSet::printMe: the column set at `at` of the row reader.
-int32_t printColSet(QMsg& m, const MsgReader& row, size_t at, SchemaColumns* schema, bool key) {
+// The JSON form of a LOB or XML value: its reference and the data that follows inline.
+int32_t jsonLobValue(QMsg& m, JsonOut& j, const char* key, const MsgReader& value, ColumnInfo col) {
+  Cursor c(const_cast<MsgReader&>(value));
+  uint32_t rowNum = c.u32(0, "qLobRef.rowNum");
+  uint16_t colNum = c.u16(4, "qLobRef.colNum");
+  uint32_t dataLen = c.u32(6, "qLobRef.dataLen");
+  if (!c) return c.rc();
+  j.beginObject(key);
+  j.num("rowNum", static_cast<int32_t>(rowNum));
+  j.num("colNum", colNum);
+  j.num("lobDataLen", static_cast<int32_t>(dataLen));
+  uint16_t type = col.type & ~1u;
+  if (m.converting()) col.codePage = type == kColDbclob ? m.enc->dbcsCcsid : m.enc->msgCcsid;
+  const uint8_t* data = nullptr;
+  size_t n = rowNum == 1 ? value.size() - kLobRefSize : 0;
+  if (n > dataLen) n = dataLen;
+  if (n > 0) value.bytes(kLobRefSize, n, data, "qLobRef data");
+  JsonValue v{j, "data"};
+  int32_t rc = jsonColumnValue(m, v, col, data, n, kSetStep);
+  if (rc == 0) j.endObject();
+  return rc;
+}
+
+// qRowColSet::printMe: the column set at `at` of the row reader. The JSON form is an object
+// of the set's values keyed by column name (by position, from 1, without a schema).
+template <class O>
+int32_t printColSet(QMsg& m, O& o, const MsgReader& row, size_t at, SchemaColumns* schema, bool key,
+                    const char* setKey) {
   RPL_TRACE(kCompPrinters, 24);
-  Emit e(m.out);
+  Emit e(o.out());
   uint32_t length = 0;
   uint16_t nCols = 0;
   MsgReader set;
@@ -253,7 +305,8 @@ int32_t printColSet(QMsg& m, const MsgReader& row, size_t at, SchemaColumns* sch
   if (rc == 0) rc = row.sub(at, length, set, "qRowColSet");
   if (rc == 0) rc = set.machine(4, nCols, "qRowColSet.nCols");
   if (rc != 0) return rplTrace_.ret(rc);
-  e.lit("colset.nCols:   ").num(nCols).ch('\n');
+  if constexpr (O::kJson) o.beginGroup(setKey);
+  else e.lit("colset.nCols:   ").num(nCols).ch('\n');
 
   // Where each value starts (-1: a marker) and how long it is: up to the next value, or to
   // the end of the set for the last one.
@@ -309,6 +362,44 @@ int32_t printColSet(QMsg& m, const MsgReader& row, size_t at, SchemaColumns* sch
     work.size = largest + largest % 8;
   }
 
+  if constexpr (O::kJson) {
+    JsonOut& j = o.json();
+    for (size_t i = 0; i < nCols; ++i) {
+      ColumnInfo col;
+      std::string name;
+      if (schema != nullptr) {
+        rc = schema->jsonColumn((key ? 0 : schema->nColsInKey) + i, col, name);
+        if (rc != 0) return rplTrace_.ret(rc);
+      } else {
+        name = std::to_string(i + 1);
+      }
+      if (start[i] < 0) {
+        if (entry[i] == 0x8001) j.null(name.c_str());
+        else {
+          std::string marker = nameOf(kColumnMarkers, entry[i], "");
+          j.str(name.c_str(), marker.substr(0, marker.size() - 1));
+        }
+        continue;
+      }
+      const uint8_t* p = nullptr;
+      rc = set.bytes(static_cast<size_t>(start[i]), size[i], p, "qRowColSet column value");
+      if (rc != 0) return rplTrace_.ret(rc);
+      if (size[i] > 0) std::memcpy(work.get(), p, size[i]);
+      if (schema == nullptr) {
+        j.hex(name.c_str(), work.get(), size[i]);
+        continue;
+      }
+      if (isLobType(col.type)) {
+        rc = jsonLobValue(m, j, name.c_str(), MsgReader(work.get(), size[i], set.swapped()), col);
+      } else {
+        JsonValue v{j, name.c_str()};
+        rc = jsonColumnValue(m, v, col, size[i] > 0 ? work.get() : nullptr, size[i], kSetStep);
+      }
+      if (rc != 0) return rplTrace_.ret(rc);
+    }
+    o.endGroup();
+    return rplTrace_.ret(0);
+  }
   for (size_t i = 0; i < nCols; ++i) {
     ColumnInfo col;
     if (schema != nullptr) {
@@ -388,7 +479,8 @@ void fixTransRows(MsgReader& r, size_t at, int64_t count, uint16_t version) {
   }
 }
 
-int32_t printTransRow(QMsg& m, size_t at, uint16_t version) {
+template <class O>
+int32_t printTransRow(QMsg& m, O& o, size_t at, uint16_t version) {
   RPL_TRACE(kCompPrinters, 23);
   // The one row of a spilled-row message is not swapped by a header printer.
   uint8_t msgType = 0;
@@ -430,11 +522,23 @@ int32_t printTransRow(QMsg& m, size_t at, uint16_t version) {
       if (rc != 0) return rplTrace_.ret(rc);
       pos += roundUp4(setLen);
     }
-    rc = printBatchedTransHeader(m, at + pos);
-    if (rc != 0) return rplTrace_.ret(rc);
+    if constexpr (!O::kJson) {
+      rc = printBatchedTransHeader(m, at + pos);
+      if (rc != 0) return rplTrace_.ret(rc);
+    }
   }
 
-  {
+  if constexpr (O::kJson) {
+    o.field("length", static_cast<int32_t>(length), "");
+    o.field("encodetype", nameOf(kEncodeTypes, encodeType, "Unsupported"), "");
+    o.field("encodever", nameOf(kEncodeVersions, encodeVer, "Unknown"), "");
+    o.field("operation", nameOf(kRowOperations, operation, "Unexpected"), "");
+    o.hidden("operation_code", operation);
+    if (version >= 2) o.hidden("intentseq", std::string(intent));
+    o.hidden("bafter", joinFlags(kBafterBits, bafter));
+    o.hidden("sub_id", static_cast<int32_t>(subId));
+    o.hidden("partitionNo", partitionNo);
+  } else {
     Emit e(m.out);
     e.lit("qTransRow.length:      ").num(static_cast<int32_t>(length)).ch('\n');
     e.lit("rowheader.encodetype:  ").str(nameOf(kEncodeTypes, encodeType, "Unsupported")).ch('\n');
@@ -460,6 +564,10 @@ int32_t printTransRow(QMsg& m, size_t at, uint16_t version) {
   }
 
   if (operation == kOpMassiveStmt) {
+    if constexpr (O::kJson) {
+      o.hidden("stmt_chunk", "not rendered");
+      return rplTrace_.ret(0);
+    }
     rc = printStmtChunk(m, at + firstSet);
     if (rc != 0) reportFailure(kRowStep, "qStmtChunk::printMe", rc, "Cannot print statement chunk data");
     return rplTrace_.ret(rc);
@@ -472,7 +580,7 @@ int32_t printTransRow(QMsg& m, size_t at, uint16_t version) {
     uint8_t* copy = const_cast<uint8_t*>(cached->msg);
     schema.emplace(SchemaColumns{QMsg(copy, cached->length, m.out, m.enc, m.cm), arrayAt, 0});
     schema->msg.r = MsgReader(copy, cached->length, cached->senderSwapped);
-    schema->rendered = &renderedFor(cached->serial, schema->msg);
+    if constexpr (!O::kJson) schema->rendered = &renderedFor(cached->serial, schema->msg);
     rc = schema->msg.r.machine(508, schema->nColsInKey, "qSubSchemaMsg.nColsInKey");
     if (rc != 0) return rplTrace_.ret(rc);
   }
@@ -481,7 +589,7 @@ int32_t printTransRow(QMsg& m, size_t at, uint16_t version) {
   for (const SetKind& kind : kSetKinds) {
     if (!(bafter & kind.bit)) continue;
     uint32_t setLen = 0;
-    rc = printColSet(m, row, pos, schema ? &*schema : nullptr, kind.key);
+    rc = printColSet(m, o, row, pos, schema ? &*schema : nullptr, kind.key, kind.json);
     if (rc == 0) rc = row.machine(pos, setLen, "qRowColSet.length");
     if (rc == 0 && setLen < kSetHeaderSize) rc = row.shortRead(pos, kSetHeaderSize, "qRowColSet.length");
     if (rc != 0) {
@@ -491,4 +599,12 @@ int32_t printTransRow(QMsg& m, size_t at, uint16_t version) {
     pos += roundUp4(setLen);
   }
   return rplTrace_.ret(0);
+}
+
+template int32_t printTransRow(QMsg&, TextSink&, size_t, uint16_t);
+template int32_t printTransRow(QMsg&, JsonSink&, size_t, uint16_t);
+
+int32_t printTransRow(QMsg& m, size_t at, uint16_t version) {
+  TextSink o(m.out);
+  return printTransRow(m, o, at, version);
 }

@@ -9,6 +9,7 @@
 #include "qmsg/forms.h"
 #include "qmsg/header.h"
 #include "qmsg/row.h"
+#include "qmsg/sink.h"
 #include "qmsg/trans.h"
 #include "runtime/trace.h"
 
@@ -107,10 +108,22 @@ size_t firstTransRow(uint16_t version) {
   return version < 2 ? 32 : version <= 5 ? 116 : version == 6 ? 144 : 152;
 }
 
-int32_t headerLines(QMsg& m, const char* step) {
-  int32_t rc = qMsgHeader::printLines(m, true);
+template <class O>
+int32_t headerLines(QMsg& m, O& o, const char* step) {
+  int32_t rc = printHeaderLines(m, o, true);
   if (rc != 0) reportFailure(step, "qMsgHeader::printMe", rc, "Cannot print message header");
   return rc;
+}
+
+// The flag lines in the text; the flag byte itself in JSON.
+template <class O>
+void flagLines(QMsg& m, O& o) {
+  if constexpr (O::kJson) {
+    uint8_t flag = 0;
+    if (m.r.u8(5, flag, "qMsgHeader.msgFlag") == 0) o.hidden("msgFlag", flag);
+  } else {
+    qMsgHeader::printFlagLines(m);
+  }
 }
 
 int32_t fixTransMsgHeader(QMsg& m, uint16_t version) {
@@ -126,11 +139,12 @@ int32_t fixTransMsgHeader(QMsg& m, uint16_t version) {
 
 }  // namespace
 
-int32_t printTransMsgHeader(QMsg& m, bool noPosTime) {
+template <class O>
+int32_t printTransMsgHeader(QMsg& m, O& o, bool noPosTime) {
   RPL_TRACE(kCompPrinters, 20);
   uint16_t version = 0;
   int32_t rc = m.version(version);
-  if (rc == 0) rc = headerLines(m, kTransStep);
+  if (rc == 0) rc = headerLines(m, o, kTransStep);
   if (rc != 0) return rplTrace_.ret(rc);
 
   int32_t nRows = 0;
@@ -140,7 +154,7 @@ int32_t printTransMsgHeader(QMsg& m, bool noPosTime) {
     m.r.machine(28, nRows, "qTransMsgHeader.nRows");
     fixTransRows(m.r, firstTransRow(version), nRows, version);
   }
-  qMsgHeader::printFlagLines(m);
+  flagLines(m, o);
 
   uint16_t segment = 0, numPartitionNo = 0;
   uint32_t seconds = 0, micros = 0, sourceLocal = 0;
@@ -163,6 +177,32 @@ int32_t printTransMsgHeader(QMsg& m, bool noPosTime) {
   }
   if (rc != 0) return rplTrace_.ret(rc);
 
+  if constexpr (O::kJson) {
+    o.hidden("segment_num", segment);
+    if (!noPosTime) {
+      o.hidden("commit_LSN", lsn);
+      o.hidden("commit_time", UtcTime{seconds, static_cast<int32_t>(micros)});
+      if (version >= 7 && sourceLocal != 0) o.hidden("source_local_commit_time", UtcTime{sourceLocal, static_cast<int32_t>(micros)});
+    }
+    o.hidden("nRows", nRows);
+    o.hidden("numPartitionNo", numPartitionNo);
+    if (version < 2) return rplTrace_.ret(0);
+    ConvText authId, authTkn, planId;
+    Cursor c(m.r);
+    c.take(readName(m, 32, 32, authId, "qTransMsgHeader.auth_id", kTransStep, "ConvMgr::cpcvl", "auth_id"));
+    if (c) c.take(readName(m, 64, 32, authTkn, "qTransMsgHeader.auth_tkn", kTransStep, "ConvMgr::cpcvl", "auth_tkn"));
+    if (c) c.take(readName(m, 96, 10, planId, "qTransMsgHeader.plan_id", kTransStep, "ConvMgr::cpcvl", "plan_id"));
+    uint16_t uowLen = version >= 8 ? c.machine<uint16_t>(118, "qTransMsgHeader.uow_id length") : 10;
+    const uint8_t* uow = nullptr;
+    if (c && uowLen > 10) c.take(m.r.tooLong(106, uowLen, 10, "qTransMsgHeader.uow_id"));
+    uow = c.bytes(106, uowLen, "qTransMsgHeader.uow_id");
+    if (!c) return rplTrace_.ret(c.rc());
+    o.hidden("auth_id", authId);
+    o.hidden("auth_tkn", authTkn);
+    o.hidden("plan_id", planId);
+    o.hidden("uow_id", HexBytes{uow, uowLen});
+    return rplTrace_.ret(0);
+  }
   Emit e(m.out);
   static const char kHex[] = "0123456789abcdef";
   // "%.4x" of the 16-bit segment number: always four digits.
@@ -236,11 +276,12 @@ int32_t fixStreamedTransMsgHeader(QMsg& m) {
 
 }  // namespace
 
-int32_t printStreamedTransMsgHeader(QMsg& m, bool noPosTime) {
+template <class O>
+int32_t printStreamedTransMsgHeader(QMsg& m, O& o, bool noPosTime) {
   RPL_TRACE(kCompPrinters, 21);
   uint16_t version = 0;
   int32_t rc = m.version(version);
-  if (rc == 0) rc = headerLines(m, kStreamedStep);
+  if (rc == 0) rc = headerLines(m, o, kStreamedStep);
   if (rc != 0) return rplTrace_.ret(rc);
   uint32_t single = 0, chunks = 0, total = 0, seconds = 0, micros = 0;
   if (m.swap()) {
@@ -250,7 +291,7 @@ int32_t printStreamedTransMsgHeader(QMsg& m, bool noPosTime) {
     m.r.machine(148, chunks, "qStreamedTransMsgHeader.numStmtChunkFiles");
     fixTransRows(m.r, kFirstStreamedRow, int64_t{single} + chunks, version);
   }
-  qMsgHeader::printFlagLines(m);
+  flagLines(m, o);
 
   uint8_t type = 0, flags = 0;
   uint16_t segment = 0, uowLen = 0, numPartitionNo = 0;
@@ -269,30 +310,31 @@ int32_t printStreamedTransMsgHeader(QMsg& m, bool noPosTime) {
   if (rc == 0) rc = formatUow(m.r, 14, uowLen, 18, kUowAreaTransHeader, uow, "qStreamedTransMsgHeader.uowID");
   if (rc != 0) return rplTrace_.ret(rc);
 
-  FILE* out = m.out;
-  std::fprintf(out, "qStreamedTransMsgHeader.transMsgType:          %s\n", nameOf(kStreamedTransTypes, type, "Unknown"));
-  std::fprintf(out, "qStreamedTransMsgHeader.flags:                 %s\n", joinFlags(kStreamedTransFlags, flags).c_str());
-  std::fprintf(out, "qStreamedTransMsgHeader.segment_num:           %hu\n", segment);
+  const uint8_t* uowBytes = nullptr;
+  m.r.bytes(14, uowLen, uowBytes, "qStreamedTransMsgHeader.uowID");
+  o.field("transMsgType", nameOf(kStreamedTransTypes, type, "Unknown"), "qStreamedTransMsgHeader.transMsgType:          %s\n");
+  o.field("flags", joinFlags(kStreamedTransFlags, flags), "qStreamedTransMsgHeader.flags:                 %s\n");
+  o.field("segment_num", segment, "qStreamedTransMsgHeader.segment_num:           %hu\n");
   if (!noPosTime) {
     int32_t us = static_cast<int32_t>(micros);
-    std::fprintf(out, "qStreamedTransMsgHeader.LSN:                   %s\n", lsn.c_str());
-    std::fprintf(out, "qStreamedTransMsgHeader.trans_time:            %s UTC\n", formatUtc(seconds, us).c_str());
-    std::fprintf(out, "qStreamedTransMsgHeader.trans_time:            %s LOCALTIME\n", formatLocal(seconds, us).c_str());
+    o.field("LSN", lsn, "qStreamedTransMsgHeader.LSN:                   %s\n");
+    o.show("trans_time", UtcTime{seconds, us}, "qStreamedTransMsgHeader.trans_time:            %s UTC\n", formatUtc(seconds, us).c_str());
+    o.text("qStreamedTransMsgHeader.trans_time:            %s LOCALTIME\n", formatLocal(seconds, us).c_str());
   }
-  std::fprintf(out, "qStreamedTransMsgHeader.numTotalRowOps:        %u\n", total);
-  std::fprintf(out, "qStreamedTransMsgHeader.numSingleRowOps:       %u\n", single);
-  std::fprintf(out, "qStreamedTransMsgHeader.numStmtChunkFiles:     %u\n", chunks);
+  o.field("numTotalRowOps", total, "qStreamedTransMsgHeader.numTotalRowOps:        %u\n");
+  o.field("numSingleRowOps", single, "qStreamedTransMsgHeader.numSingleRowOps:       %u\n");
+  o.field("numStmtChunkFiles", chunks, "qStreamedTransMsgHeader.numStmtChunkFiles:     %u\n");
 
   ConvText authId, authTkn, planId;
   rc = readName(m, 68, 32, authId, "qStreamedTransMsgHeader.auth_id", kStreamedStep, "ConvMgr::cpcvl", "auth_id");
   if (rc == 0) rc = readName(m, 100, 32, authTkn, "qStreamedTransMsgHeader.auth_tkn", kStreamedStep, "ConvMgr::cpcvl", "auth_tkn");
   if (rc == 0) rc = readName(m, 132, 12, planId, "qStreamedTransMsgHeader.plan_id", kStreamedStep, "ConvMgr::cpcvl", "plan_id");
   if (rc != 0) return rplTrace_.ret(rc);
-  std::fprintf(out, "qStreamedTransMsgHeader.auth_id:               %.*s\n", authId.size(), authId.data());
-  std::fprintf(out, "qStreamedTransMsgHeader.auth_tkn:              %.*s\n", authTkn.size(), authTkn.data());
-  std::fprintf(out, "qStreamedTransMsgHeader.plan_id:               %.*s\n", planId.size(), planId.data());
-  std::fprintf(out, "qStreamedTransMsgHeader.uowID:                 %s\n", uow.c_str());
-  std::fprintf(out, "qStreamedTransMsgHeader.numPartitionNo:        %hu\n", numPartitionNo);
+  o.field("auth_id", authId, "qStreamedTransMsgHeader.auth_id:               %.*s\n");
+  o.field("auth_tkn", authTkn, "qStreamedTransMsgHeader.auth_tkn:              %.*s\n");
+  o.field("plan_id", planId, "qStreamedTransMsgHeader.plan_id:               %.*s\n");
+  o.show("uowID", HexBytes{uowBytes, uowLen}, "qStreamedTransMsgHeader.uowID:                 %s\n", uow.c_str());
+  o.field("numPartitionNo", numPartitionNo, "qStreamedTransMsgHeader.numPartitionNo:        %hu\n");
   return rplTrace_.ret(0);
 }
 
@@ -343,4 +385,19 @@ int32_t printBatchedTransHeader(QMsg& m, size_t at) {
     if (rc != 0) break;
   }
   return rplTrace_.ret(rc);
+}
+
+template int32_t printTransMsgHeader(QMsg&, TextSink&, bool);
+template int32_t printTransMsgHeader(QMsg&, JsonSink&, bool);
+template int32_t printStreamedTransMsgHeader(QMsg&, TextSink&, bool);
+template int32_t printStreamedTransMsgHeader(QMsg&, JsonSink&, bool);
+
+int32_t printTransMsgHeader(QMsg& m, bool noPosTime) {
+  TextSink o(m.out);
+  return printTransMsgHeader(m, o, noPosTime);
+}
+
+int32_t printStreamedTransMsgHeader(QMsg& m, bool noPosTime) {
+  TextSink o(m.out);
+  return printStreamedTransMsgHeader(m, o, noPosTime);
 }

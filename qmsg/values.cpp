@@ -4,9 +4,11 @@
 #include <charconv>
 #include <cinttypes>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 
 #include "qmsg/emit.h"
+#include "qmsg/json.h"
 #include "qmsg/schema.h"
 #include "runtime/catalog.h"
 #include "runtime/trace.h"
@@ -233,12 +235,13 @@ int32_t readInt(const QMsg& m, const uint8_t* p, size_t len, T& v, const char* r
   else return r.i64(0, v, read);
 }
 
-// Converts text from the column's code page and prints it as it stands ("%.*s").
-int32_t printText(QMsg& m, Emit& e, const uint8_t* p, size_t n, int32_t codePage, const char* step,
+// Converts text from the column's code page and writes it as it stands ("%.*s").
+template <class V>
+int32_t printText(QMsg& m, V& v, const uint8_t* p, size_t n, int32_t codePage, const char* step,
                   const char* function, const char* label) {
   ConvText text;
   int32_t rc = convertText(m, p, n, text, step, function, label, codePage);
-  if (rc == 0) e.text(text.data(), text.size());
+  if (rc == 0) v.text(text.data(), text.size());
   return rc;
 }
 
@@ -259,6 +262,24 @@ void printHexDigits(Emit& e, const uint8_t* p, size_t n) {
   for (size_t i = 0; i < n; ++i) e.ch(kHex[p[i] >> 4]).ch(kHex[p[i] & 15]);
 }
 
+// The text form of a value, gathered in the line builder.
+struct TextValue {
+  Emit& e;
+  void null() { e.lit("NULL"); }
+  void integer(int64_t v) { e.num(v); }  // "%hd", "%d", PRId64
+  void real(double d, bool single) {
+    char s[kDoubleTextRoom];
+    e.raw(s, doubleChars(d, single, s));
+  }
+  void number(const std::string& digits) { e.str(digits.c_str()); }
+  void text(const char* p, int n) { e.text(p, n); }
+  void boolean(bool b) { e.str(b ? "TRUE" : "FALSE"); }
+  void hex(const uint8_t* p, size_t n) { printHexDigits(e, p, n); }
+};
+
+template <class V>
+int32_t columnValue(QMsg& m, V& out, const ColumnInfo& col, const uint8_t* p, size_t len, const char* step);
+
 }  // namespace
 
 int32_t printColumnValue(QMsg& m, const ColumnInfo& col, const uint8_t* p, size_t len, const char* step) {
@@ -268,9 +289,22 @@ int32_t printColumnValue(QMsg& m, const ColumnInfo& col, const uint8_t* p, size_
 
 int32_t printColumnValue(QMsg& m, Emit& e, const ColumnInfo& col, const uint8_t* p, size_t len,
                          const char* step) {
+  TextValue v{e};
+  return columnValue(m, v, col, p, len, step);
+}
+
+int32_t jsonColumnValue(QMsg& m, JsonValue& v, const ColumnInfo& col, const uint8_t* p, size_t len,
+                        const char* step) {
+  return columnValue(m, v, col, p, len, step);
+}
+
+namespace {
+
+template <class V>
+int32_t columnValue(QMsg& m, V& out, const ColumnInfo& col, const uint8_t* p, size_t len, const char* step) {
   RPL_TRACE(kCompPrinters, 31);
   if (len == 0 || p == nullptr) {
-    e.lit("NULL");
+    out.null();
     return 0;
   }
   const int32_t cp = col.codePage;
@@ -279,19 +313,19 @@ int32_t printColumnValue(QMsg& m, Emit& e, const ColumnInfo& col, const uint8_t*
     case kColSmallint: {
       int16_t v = 0;
       rc = readInt(m, p, len, v, "getPtr(sizeof(short))", step, "ConvMgr::readShortPtr");
-      if (rc == 0) e.num(v);  // "%hd"
+      if (rc == 0) out.integer(v);  // "%hd"
       break;
     }
     case kColInteger: {
       int32_t v = 0;
       rc = readInt(m, p, len, v, "getPtr4(sizeof(int))", step, "ConvMgr::readIntPtr");
-      if (rc == 0) e.num(v);  // "%d"
+      if (rc == 0) out.integer(v);  // "%d"
       break;
     }
     case kColBigint: {
       int64_t v = 0;
       rc = readInt(m, p, len, v, "getPtr8(sizeof(UINT64))", step, "ConvMgr::readIntPtr");
-      if (rc == 0) e.num(v);  // PRId64
+      if (rc == 0) out.integer(v);  // PRId64
       break;
     }
     case kColDouble: {
@@ -300,15 +334,13 @@ int32_t printColumnValue(QMsg& m, Emit& e, const ColumnInfo& col, const uint8_t*
         rc = readInt(m, p, len, bits, "getPtr4(sizeof(float))", step, "ConvMgr::readIntPtr");
         float f = 0;
         std::memcpy(&f, &bits, 4);
-        char s[kDoubleTextRoom];
-        if (rc == 0) e.raw(s, doubleChars(f, true, s));
+        if (rc == 0) out.real(f, true);
       } else {
         int64_t bits = 0;
         rc = readInt(m, p, len, bits, "getPtr8(sizeof(double))", step, "ConvMgr::readIntPtr");
         double d = 0;
         std::memcpy(&d, &bits, 8);
-        char s[kDoubleTextRoom];
-        if (rc == 0) e.raw(s, doubleChars(d, false, s));
+        if (rc == 0) out.real(d, false);
       }
       break;
     }
@@ -323,7 +355,7 @@ int32_t printColumnValue(QMsg& m, Emit& e, const ColumnInfo& col, const uint8_t*
         reportFailure(step, "packed decimal", kRcShortRead, "Cannot convert DECIMAL data");
         rc = kRcShortRead;
       } else {
-        e.str(text.c_str());
+        out.number(text);
       }
       break;
     }
@@ -336,7 +368,7 @@ int32_t printColumnValue(QMsg& m, Emit& e, const ColumnInfo& col, const uint8_t*
       if (len == 8 || len == 16) {
         for (size_t i = 0; i < len; ++i) be[i] = senderLittle ? p[len - 1 - i] : p[i];
         decfloatText(be, len, text);
-        e.str(text.c_str());
+        out.number(text);
       } else {
         reportShortRead(len < 8 ? 8 : 16, "DECFLOAT value");
         rc = kRcShortRead;
@@ -348,43 +380,59 @@ int32_t printColumnValue(QMsg& m, Emit& e, const ColumnInfo& col, const uint8_t*
     case kColTimestamp:
     case kColTimestampTz:
     case kColCString:
-      rc = printText(m, e, p, len, cp, step, "ConvMgr::cpcvc", "DATE, TIME, TIMESTAMP or CSTR");
+      rc = printText(m, out, p, len, cp, step, "ConvMgr::cpcvc", "DATE, TIME, TIMESTAMP or CSTR");
       break;
     case kColChar:
     case kColClob:
     case kColXml:
-      rc = printText(m, e, p, len, cp, step, "ConvMgr::cpcvc", "CHAR data");
+      rc = printText(m, out, p, len, cp, step, "ConvMgr::cpcvc", "CHAR data");
       break;
     case kColVarchar:
     case kColLongVarchar: {
       size_t n = 0;
       rc = prefixed(m, p, len, 1, n, "VARCHAR value length");
-      if (rc == 0) rc = printText(m, e, p + 2, n, cp, step, "ConvMgr::cpcvl", "LONG or VARCHAR data");
+      if (rc == 0) rc = printText(m, out, p + 2, n, cp, step, "ConvMgr::cpcvl", "LONG or VARCHAR data");
       break;
     }
     case kColGraphic:
     case kColDbclob:
-      rc = printText(m, e, p, len & ~size_t{1}, cp, step, "ConvMgr::cpcvc", "GRAPHIC data");
+      rc = printText(m, out, p, len & ~size_t{1}, cp, step, "ConvMgr::cpcvc", "GRAPHIC data");
       break;
     case kColVargraphic:
     case kColLongVargraphic: {
       size_t n = 0;
       rc = prefixed(m, p, len, 2, n, "VARGRAPHIC value length");
-      if (rc == 0) rc = printText(m, e, p + 2, n, cp, step, "ConvMgr::cpcvl", "LONGGRAPH or VARGRAPH data");
+      if (rc == 0) rc = printText(m, out, p + 2, n, cp, step, "ConvMgr::cpcvl", "LONGGRAPH or VARGRAPH data");
       break;
     }
     case kColBoolean:
-      e.str(p[0] != 0 ? "TRUE" : "FALSE");
+      out.boolean(p[0] != 0);
       break;
     case kColVarbinary: {
       size_t n = 0;
       rc = prefixed(m, p, len, 1, n, "VARBINARY value length");
-      if (rc == 0) printHexDigits(e, p + 2, n);
+      if (rc == 0) out.hex(p + 2, n);
       break;
     }
     default:  // BINARY, BLOB and codes without a print form of their own
-      printHexDigits(e, p, len);
+      out.hex(p, len);
       break;
   }
   return rplTrace_.ret(rc);
 }
+
+}  // namespace
+
+void JsonValue::null() { j.null(key); }
+void JsonValue::integer(int64_t v) { j.num(key, v); }
+void JsonValue::real(double d, bool single) {
+  // The shortest text that reads back as the same value, as a JSON number.
+  char s[48];
+  std::snprintf(s, sizeof s, single ? "%.9g" : "%.17g", d);
+  if (std::isfinite(d)) j.raw(key, s);
+  else j.null(key);
+}
+void JsonValue::number(const std::string& digits) { j.str(key, digits); }
+void JsonValue::text(const char* p, int n) { j.str(key, std::string_view(p, static_cast<size_t>(n))); }
+void JsonValue::boolean(bool b) { j.boolean(key, b); }
+void JsonValue::hex(const uint8_t* p, size_t n) { j.hex(key, p, n); }

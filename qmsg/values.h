@@ -24,6 +24,24 @@ class Emit;
 int32_t printColumnValue(QMsg& m, Emit& e, const ColumnInfo& col, const uint8_t* p, size_t len,
                          const char* step);
 
+// The JSON form of a value under `key` (or as an array element when key is null): NULL as
+// null, integers and DOUBLE as numbers, DECIMAL and DECFLOAT as strings of their digits (no
+// precision is lost), text converted to UTF-8, BOOLEAN as true/false, binary as hex.
+class JsonOut;
+struct JsonValue {
+  JsonOut& j;
+  const char* key;
+  void null();
+  void integer(int64_t v);
+  void real(double d, bool single);
+  void number(const std::string& digits);
+  void text(const char* p, int n);
+  void boolean(bool b);
+  void hex(const uint8_t* p, size_t n);
+};
+int32_t jsonColumnValue(QMsg& m, JsonValue& v, const ColumnInfo& col, const uint8_t* p, size_t len,
+                        const char* step);
+
 // Packed decimal (two digits a byte, sign in the last half-byte: 0xB or 0xD negative) as
 // digits with the point at `scale`: no leading zeros but one before the point, "-" only when
 // the value is not zero and negative. False when a digit half-byte is not 0-9.

@@ -2,6 +2,7 @@
 // its keys and typed values, and valid objects with an "error" for every cut.
 #include "tests/qmsg/json.h"
 
+#include "tools/gen/encode_data.h"
 #include "tools/gen/encode_queue_control.h"
 
 namespace {
@@ -120,3 +121,95 @@ TEST(Json, TextThatIsNotUtf8BecomesReplacementCharacters) {
 }
 
 }  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// The data path: a schema, then a transaction whose rows are keyed by the schema's column names.
+
+namespace data {
+
+SchemaMsgDef schema(int32_t ccsid) {
+  SchemaMsgDef d;
+  d.version = 11;
+  d.subId = 700;
+  d.subname = "ORDERS0001";
+  d.nColsInKey = 1;
+  d.ext = GenericTransInfoDef{};
+  d.columns = {{"ID", 496, 4, 0},         {"NAME", 449, 20, ccsid}, {"PRICE", 485, 0, 0, 7, 2},
+               {"BIG", 493, 8, 0},        {"DBL", 481, 8, 0},       {"NOTE", 449, 20, ccsid},
+               {"VBIN", 909, 4, 0},       {"GR", 469, 5, 1200}};
+  return d;
+}
+
+TransMsgDef trans(ByteOrder o, int32_t ccsid) {
+  TransMsgDef t;
+  t.seconds = 1763720400;
+  t.micros = 250;
+  RowDef r;
+  r.subId = 700;
+  r.operation = 16;
+  r.keyAfter = std::vector<ColValue>{valInteger(7, o)};
+  r.colsAfter = std::vector<ColValue>{valVarchar("Grüße", ccsid, o), valDecimal("-12.50", 7, 2), valBigint(9000000000LL, o),
+                                      valDouble(0.5, o), marker(kMarkerNull), valVarchar("\xca\xfe", 0, o),
+                                      valGraphic("日本", o)};
+  t.rows = {r};
+  return t;
+}
+
+}  // namespace data
+
+TEST(Json, TransactionRowsAreKeyedByColumnName) {
+  for (const JsonSender& s : kJsonSenders) {
+    releaseSchemaCache();
+    Rendered sch = renderAs(encodeSchemaMsg(data::schema(s.ccsid), s.order, s.ccsid), s.order, s.ccsid);
+    ASSERT_FALSE(sch.doc.is_discarded()) << sch.text;
+    EXPECT_EQ(sch.rc, 0) << sch.reports;
+    EXPECT_EQ(sch.doc["msgtype"], "RPLKX_SUBSCHEMA_MSG");
+    EXPECT_EQ(sch.doc["sub_id"], 700);
+    ASSERT_EQ(sch.doc["columns"].size(), 8u) << sch.text;
+    EXPECT_EQ(sch.doc["columns"][1]["colname"], "NAME");
+    EXPECT_EQ(sch.doc["columns"][0]["key"], true);
+
+    const Bytes msg = encodeTransMsg(data::trans(s.order, s.ccsid), s.order, s.ccsid);
+    Rendered r = renderAs(msg, s.order, s.ccsid);
+    ASSERT_FALSE(r.doc.is_discarded()) << r.text;
+    EXPECT_EQ(r.rc, 0) << s.tag << r.reports;
+    EXPECT_EQ(r.doc["msgtype"], "RPLKX_TRANS_MSG");
+    EXPECT_EQ(r.doc["commit_time"], "2025-11-21T10:20:00.000250Z");
+    EXPECT_EQ(r.doc["nRows"], 1);
+    EXPECT_EQ(r.doc["auth_id"], "REPLUSER");
+    EXPECT_TRUE(r.doc["uow_id"].is_string());
+    ASSERT_EQ(r.doc["rows"].size(), 1u) << r.text;
+    const Json& row = r.doc["rows"][0];
+    EXPECT_EQ(row["operation"], "INSERT");
+    EXPECT_EQ(row["sub_id"], 700);
+    EXPECT_EQ(row["key_after"]["ID"], 7) << s.tag << " " << r.text;
+    const Json& after = row["cols_after"];
+    EXPECT_EQ(after["NAME"], "Grüße") << s.tag;
+    EXPECT_EQ(after["PRICE"], "-12.50");
+    EXPECT_EQ(after["BIG"], 9000000000LL);
+    EXPECT_EQ(after["DBL"], 0.5);
+    EXPECT_TRUE(after["NOTE"].is_null());
+    EXPECT_EQ(after["VBIN"], "cafe");
+    EXPECT_EQ(after["GR"], "日本");
+
+    // Every cut gives one valid object; a failed read names its field.
+    for (size_t n = 0; n < msg.size(); ++n) {
+      std::vector<uint8_t> cut(msg.begin(), msg.begin() + static_cast<std::ptrdiff_t>(n));
+      cut.shrink_to_fit();
+      Rendered t = renderAs(cut, s.order, s.ccsid);
+      ASSERT_FALSE(t.doc.is_discarded()) << "cut at " << n << ": " << t.text;
+      if (t.rc != 0) {
+        EXPECT_TRUE(t.doc["error"].contains("rc")) << "cut at " << n << ": " << t.text;
+      }
+    }
+  }
+}
+
+TEST(Json, RowsWithoutSchemaAreKeyedByPositionAsHex) {
+  releaseSchemaCache();
+  const Bytes msg = encodeTransMsg(data::trans(ByteOrder::Little, 1208), ByteOrder::Little, 1208);
+  Rendered r = renderAs(msg, ByteOrder::Little, 1208);
+  ASSERT_FALSE(r.doc.is_discarded()) << r.text;
+  EXPECT_EQ(r.doc["rows"][0]["key_after"]["1"], "07000000");
+  EXPECT_TRUE(r.doc["rows"][0]["cols_after"]["5"].is_null());
+}
