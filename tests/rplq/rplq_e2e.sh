@@ -91,6 +91,46 @@ for s in "${senders[@]}"; do
   jq -r '.types[] | "\(.msgtype) \(.messages) \(.bytes)"' "$work/$q.sum.json" >"$work/$q.bysum"
   cmp -s "$work/$q.byjq" "$work/$q.bysum" || fail "$q: summary and JSON export count differently:
 $(diff "$work/$q.byjq" "$work/$q.bysum")"
+
+  # --where finds the rows that the export holds, in one command; trailing blanks of CHAR
+  # values are ignored; --sub and --table narrow to the subscription's rows.
+  v=$(jq -r 'select(.rows) | .rows[1].key_after.ORDER_ID // empty' "$work/$q.jsonl" | sed -n 2p)
+  [ -n "$v" ] || fail "$q: no ORDER_ID in the second transaction's rows"
+  jq -r --arg v "$v" 'select([.rows[]? | to_entries[] | select(.key | test("(before|after)$")) |
+          .value.ORDER_ID? | select(. != null) | tostring] | index($v)) | .kxmd.position' \
+     "$work/$q.jsonl" >"$work/$q.where.jq"
+  [ -s "$work/$q.where.jq" ] || fail "$q: jq finds no row with ORDER_ID $v"
+  for args in "--where ORDER_ID=$v" "--where=order_id=$v --sub 1" "--where ORDER_ID=$v --table SHOP.ORDERS --sub ORDERS0001"; do
+    # shellcheck disable=SC2086
+    rplq --json $args QMR "$q" | jq -r .kxmd.position >"$work/$q.where.rplq"
+    cmp -s "$work/$q.where.jq" "$work/$q.where.rplq" || fail "$q: $args finds $(cat "$work/$q.where.rplq" | tr '\n' ' ') not $(cat "$work/$q.where.jq" | tr '\n' ' ')"
+  done
+  rplq --where "ORDER_ID=$v" QMR "$q" | grep -q "^\*\*\*\* Rows with ORDER_ID=$v: [0-9]" || fail "$q: the matching row is not marked"
+  rplq --where "STATUS=N   " --count 1 QMR "$q" >/dev/null || fail "$q: trailing blanks of a CHAR value count"
+  rplq --where ORDER_ID=999999999 QMR "$q" >/dev/null
+  [ $? = 1 ] || fail "$q: --where of no row does not exit 1"
+  rplq --table NO.SUCH QMR "$q" >/dev/null
+  [ $? = 1 ] || fail "$q: --table of no table does not exit 1"
+
+  # Rows by operation in the summary are those of the export.
+  for op in INSERT DELETE; do
+    byjq=$(jq -s "[.[] | .rows[]? | select(.operation == \"$op\")] | length" "$work/$q.jsonl")
+    key=$(echo "$op" | tr 'A-Z' 'a-z')
+    bysum=$(jq ".subscriptions | map(.rows.$key) | add" "$work/$q.sum.json")
+    [ "$byjq" = "$bysum" ] || fail "$q: $op rows: $bysum in the summary, $byjq in the export"
+  done
+  [ "$(jq '.subscriptions[0].table' "$work/$q.sum.json")" = '"SHOP.ORDERS"' ] || fail "$q: summary's table"
+
+  # --lsn: the transactions of an LSN range, by their commit LSN.
+  lsns=$(jq -r 'select(.commit_LSN) | .commit_LSN' "$work/$q.jsonl")
+  second=$(echo "$lsns" | sed -n 2p)
+  [ "$(rplq --lsn "$second" --json QMR "$q" | jq -r .commit_LSN)" = "$second" ] || fail "$q: --lsn $second"
+  [ "$(rplq --lsn "$second.." --json QMR "$q" | jq -r .commit_LSN)" = "$(echo "$lsns" | sed -n '2,$p')" ] ||
+    fail "$q: --lsn $second.."
+  # Commit times select compact messages: the second transaction's commit time alone.
+  t=$(jq -r 'select(.commit_time) | .commit_time' "$work/$q.jsonl" | sed -n 2p)
+  [ "$(rplq --since "$t" --until "$t" --json QMR "$q" | jq -r .commit_LSN)" = "$second" ] ||
+    fail "$q: --since/--until $t do not select the transaction committed then"
 done
 
 # Text in an EBCDIC code page comes out of --json as UTF-8.

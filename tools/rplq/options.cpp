@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "qmsg/compact.h"
+#include "tools/rplq/typed.h"
 
 namespace rplq {
 
@@ -24,10 +25,17 @@ const char* const kUsage =
     "Selection (a message is shown when it matches every option given):\n"
     "  --type LIST        compact message types, names or numbers, comma-separated\n"
     "                     (RPLKX_TRANS_MSG, TRANS_MSG, trans, 128)\n"
+    "  --sub ID|NAME      messages of this subscription (its own or its rows')\n"
+    "  --table OWNER.NAME messages with rows of this table's subscriptions\n"
+    "  --where COL=VALUE  messages with a row whose before or after value of COL reads\n"
+    "                     VALUE (as --json gives it; trailing blanks ignored); the matching\n"
+    "                     rows are named after the message\n"
+    "  --lsn FROM[..TO]   transactions whose commit LSN (printed form) is in the range\n"
     "  --msgid HEX        the message with this MsgId (matched by the queue manager)\n"
     "  --correlid HEX     messages with this CorrelId (matched by the queue manager)\n"
-    "  --since TIME       put at or after TIME (ISO-8601, UTC unless an offset is given)\n"
-    "  --until TIME       put at or before TIME\n"
+    "  --since TIME       committed (compact messages with a commit time) or else put at or\n"
+    "                     after TIME (ISO-8601, UTC unless an offset is given)\n"
+    "  --until TIME       committed or put at or before TIME\n"
     "  --from N           start at queue position N (1-based); the subscription schemas\n"
     "                     before it are still read, so rows print with their column names\n"
     "  --count N          show at most N messages\n"
@@ -35,7 +43,7 @@ const char* const kUsage =
     "What is done with them:\n"
     "  (default)          print each message as rplqmfmt does, banner included\n"
     "  --summary          one table: messages and bytes per type, other formats, put times,\n"
-    "                     decoding failures\n"
+    "                     decoding failures; transactions and rows per subscription\n"
     "  --json             JSON Lines: one object per message, its descriptor under \"kxmd\"\n"
     "                     (docs/json.md); with --summary one JSON object\n"
     "  --follow           after the last message, wait for new ones until SIGINT or SIGTERM\n"
@@ -304,6 +312,25 @@ std::string parseOptions(int argc, const char* const* argv, Options& o) {
         err = "option " + name + " takes an ISO-8601 time such as 2026-11-23T19:40:26Z, not '" +
               v + "'";
       (isSince ? o.hasSince : o.hasUntil) = true;
+    } else if (name == "--sub") {
+      err = take(o.sub);
+      if (err.empty() && o.sub.empty()) err = "option --sub needs a subscription id or name";
+    } else if (name == "--table") {
+      err = take(o.table);
+      if (err.empty() && (o.table.find('.') == std::string::npos || o.table.front() == '.' ||
+                          o.table.back() == '.'))
+        err = "option --table takes OWNER.NAME, not '" + o.table + "'";
+    } else if (name == "--where") {
+      err = take(v);
+      if (err.empty() && !parseWhere(v, o.whereColumn, o.whereValue))
+        err = "option --where takes COLUMN=VALUE, not '" + v + "'";
+      o.hasWhere = true;
+    } else if (name == "--lsn") {
+      err = take(v);
+      if (err.empty() && !parseLsnRange(v, o.lsnFrom, o.lsnTo))
+        err = "option --lsn takes FROM[..TO] in the printed LSN form "
+              "(0000:0000:0000:1234:0000:0000:0000:5600), not '" + v + "'";
+      o.hasLsn = true;
     } else if (name == "--from") {
       err = take(v);
       if (err.empty() && !parseCount(v, 1, o.from))

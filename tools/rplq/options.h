@@ -39,6 +39,13 @@ struct Options {
   Micros since = 0;
   Micros until = 0;
 
+  std::string sub;    // --sub: a subscription id or name
+  std::string table;  // --table OWNER.NAME
+  bool hasWhere = false;
+  std::string whereColumn, whereValue;  // --where COL=VALUE
+  bool hasLsn = false;
+  std::string lsnFrom, lsnTo;  // --lsn FROM[..TO], comparable forms; empty: open
+
   int64_t from = 1;    // 1-based queue position of the first message that may be shown
   int64_t count = -1;  // messages shown at most; -1: no limit
 

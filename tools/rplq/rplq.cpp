@@ -17,6 +17,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -32,6 +33,8 @@
 #include "runtime/trace.h"
 #include "tools/rplq/json_line.h"
 #include "tools/rplq/options.h"
+#include "tools/rplq/typed.h"
+#include "qmsg/json.h"
 #include "tools/rplq/summary.h"
 #include "version.h"
 
@@ -277,8 +280,13 @@ class Run {
   int open(KXHCONN hconn);
   int browse(KXHCONN hconn);
   bool grow(size_t need);
-  bool selected(const KXMD& md, const uint8_t* data, size_t length) const;
-  void cacheSchemaQuietly(const KXMD& md, uint8_t* data, size_t length);
+  // Whether the message matches every selection option; renders its typed fields when an
+  // option needs them (typed_, and matchedRows_ for --where).
+  bool selected(const KXMD& md, const uint8_t* data, size_t length);
+  std::set<int64_t> selectedSubs() const;
+  void renderTyped(const KXMD& md, const uint8_t* data, size_t length);
+  // Decodes a subscription schema message into the schema cache and learns its names.
+  void learnSchema(const KXMD& md, const uint8_t* data, size_t length);
   // Prints one selected message; returns false when the run must end (exit code set).
   bool show(KXHCONN hconn, const KXMD& md, uint8_t* data, size_t length);
   // Takes the message just browsed off the queue under syncpoint. 1 taken, 0 gone meanwhile
@@ -293,6 +301,14 @@ class Run {
   ReportCapture reports_;
   Summary summary_;
   std::string line_;  // the JSON line of the message in hand
+  std::vector<uint8_t> work_;  // a copy of the message for the typed rendering
+  nlohmann::json typed_;       // the typed fields of the message in hand
+  bool haveTyped_ = false;
+  int32_t typedRc_ = 0;
+  std::string typedWhy_;
+  std::vector<int> matchedRows_;
+  SubDirectory directory_;
+  SubSummary subSummary_;
   FILE* nullOut_ = nullptr;
   KXHOBJ hobj_ = 0;
   uint8_t* buf_ = nullptr;
@@ -323,10 +339,14 @@ int Run::go(KXHCONN hconn) {
     return kExitUnavailable;
   }
   if (o_.summary) {
-    if (o_.json)
+    if (o_.json) {
       summary_.writeJson(out_, o_.qmgr, o_.queue);
-    else
+      subSummary_.writeJson(out_, directory_);
+      std::fputs("}\n", out_);
+    } else {
       summary_.writeTable(out_, o_.qmgr, o_.queue);
+      subSummary_.writeTable(out_, directory_);
+    }
     return summary_.messages() > 0 ? kExitShown : kExitNoMatch;
   }
   if (o_.follow) return kExitShown;
@@ -359,28 +379,102 @@ bool Run::grow(size_t need) {
   return true;
 }
 
-bool Run::selected(const KXMD& md, const uint8_t* data, size_t length) const {
+bool Run::selected(const KXMD& md, const uint8_t* data, size_t length) {
+  matchedRows_.clear();
+  haveTyped_ = false;
   if (position_ < o_.from) return false;
-  if (o_.typeFilter) {
-    if (!formatIs(md, KXFMT_COMPACT) || length < kHeaderSize || !o_.types.test(data[4]))
-      return false;
-  }
+  const bool compact = formatIs(md, KXFMT_COMPACT) && length >= kHeaderSize;
+  if (o_.typeFilter && (!compact || !o_.types.test(data[4]))) return false;
+  const bool rowOptions = o_.hasWhere || !o_.sub.empty() || !o_.table.empty() || o_.hasLsn;
+  if (rowOptions && !compact) return false;
+  if (compact && (rowOptions || o_.hasSince || o_.hasUntil || o_.summary))
+    renderTyped(md, data, length);
+
   if (o_.hasSince || o_.hasUntil) {
     Micros at = 0;
-    if (!putTimeOf(md, at)) return false;
+    bool known = false;
+    if (haveTyped_) {
+      auto commit = typed_.find("commit_time");
+      known = commit != typed_.end() && commit->is_string() &&
+              parseIsoTime(commit->get<std::string>(), at);
+    }
+    if (!known && !putTimeOf(md, at)) return false;
     if (o_.hasSince && at < o_.since) return false;
     if (o_.hasUntil && at > o_.until) return false;
   }
-  return true;
+  if (!rowOptions) return true;
+  if (!haveTyped_) return false;
+
+  if (o_.hasLsn) {
+    auto lsn = typed_.find("commit_LSN");
+    if (lsn == typed_.end() || !lsn->is_string()) return false;
+    const std::string key = lsnKey(lsn->get<std::string>());
+    if (!o_.lsnFrom.empty() && key < o_.lsnFrom) return false;
+    if (!o_.lsnTo.empty() && key > o_.lsnTo) return false;
+  }
+  const bool bySub = !o_.sub.empty() || !o_.table.empty();
+  std::set<int64_t> subs;
+  if (bySub) subs = selectedSubs();
+  if (o_.hasWhere) {
+    matchedRows_ = matchingRows(typed_, o_.whereColumn, o_.whereValue, bySub ? &subs : nullptr);
+    return !matchedRows_.empty();
+  }
+  return !bySub || ofSubscriptions(typed_, subs);
 }
 
-void Run::cacheSchemaQuietly(const KXMD& md, uint8_t* data, size_t length) {
-  if (nullOut_ == nullptr) return;
+std::set<int64_t> Run::selectedSubs() const {
+  std::set<int64_t> subs;
+  if (!o_.sub.empty()) {
+    char* end = nullptr;
+    long long id = std::strtoll(o_.sub.c_str(), &end, 10);
+    if (*end == '\0')
+      subs.insert(id);
+    else
+      subs = directory_.idsNamed(o_.sub);
+  }
+  if (!o_.table.empty()) {
+    std::set<int64_t> ofTable = directory_.idsOfTable(o_.table);
+    if (o_.sub.empty()) return ofTable;
+    std::set<int64_t> both;
+    for (int64_t id : subs)
+      if (ofTable.count(id) != 0) both.insert(id);
+    return both;
+  }
+  return subs;
+}
+
+void Run::renderTyped(const KXMD& md, const uint8_t* data, size_t length) {
+  // Rendered from a copy: the decoder swaps integers in place, and the message may still be
+  // printed from the original.
+  if (work_.size() < length + 1) work_.resize(length + 1);
+  std::memcpy(work_.data(), data, length);
   encodingInfo enc;
   enc.setup(md.CodedCharSetId);
   enc.outCcsid = 1208;
   enc.flags = littleEndianEncoding(md.Encoding) ? kEncMachineOrder : 0;
-  int32_t rc = processSchemaMsg(data, length, nullOut_, &enc, &printer_.converters());
+  JsonOut out;
+  typedRc_ = renderCompactJson(work_.data(), length, enc, printer_.converters(), out);
+  typedWhy_ = reports_.take();
+  typed_ = nlohmann::json::parse(out.str(), nullptr, false);
+  haveTyped_ = !typed_.is_discarded() && typed_.is_object();
+  if (!haveTyped_ && typedRc_ == 0) typedRc_ = -1;
+}
+
+void Run::learnSchema(const KXMD& md, const uint8_t* data, size_t length) {
+  if (work_.size() < length + 1) work_.resize(length + 1);
+  std::memcpy(work_.data(), data, length);
+  encodingInfo enc;
+  enc.setup(md.CodedCharSetId);
+  enc.outCcsid = 1208;
+  enc.flags = littleEndianEncoding(md.Encoding) ? kEncMachineOrder : 0;
+  char* text = nullptr;
+  size_t size = 0;
+  FILE* mem = open_memstream(&text, &size);
+  if (mem == nullptr) return;
+  int32_t rc = processSchemaMsg(work_.data(), length, mem, &enc, &printer_.converters());
+  std::fclose(mem);
+  if (rc == 0) directory_.learnFromSchemaText(std::string(text, size));
+  std::free(text);
   std::string why = reports_.take();
   if (rc != 0)
     say("message %lld: subscription schema not readable, rows of its subscription print "
@@ -402,13 +496,20 @@ void Run::summarize(const KXMD& md, uint8_t* data, size_t length) {
   }
   uint8_t type = data[4];
   summary_.addCompact(type, length);
-  // Decoded (into nothing) to find the messages that cannot be, and to keep the schemas.
-  if (nullOut_ == nullptr) return;
-  int32_t counter = static_cast<int32_t>(position_ - 1);
-  bool stop = false;
-  int32_t rc = printer_.print(md, data, length, counter, nullOut_, stop);
-  std::string why = reports_.take();
-  if (rc != 0) summary_.addFailure(position_, typeName(type), why.empty() ? "decoding failed" : why);
+  if (haveTyped_) subSummary_.add(typed_);
+  if (typedRc_ == 0) return;
+  std::string reason;
+  if (haveTyped_) {
+    auto error = typed_.find("error");
+    if (error != typed_.end() && error->is_object()) {
+      reason = error->value("text", std::string());
+      if (error->contains("field"))
+        reason += " (" + error->value("field", std::string()) + " at offset " +
+                  std::to_string(error->value("offset", 0)) + ")";
+    }
+  }
+  if (reason.empty()) reason = typedWhy_.empty() ? "decoding failed" : typedWhy_;
+  summary_.addFailure(position_, typeName(type), reason);
 }
 
 int Run::take(KXHCONN hconn, const KXMD& md, const uint8_t* data, size_t length) {
@@ -479,11 +580,26 @@ bool Run::show(KXHCONN hconn, const KXMD& md, uint8_t* data, size_t length) {
   if (o_.json) {
     line_.clear();
     rc = messageJson(md, data, length, position_, printer_.converters(), line_);
+    if (!matchedRows_.empty()) {
+      // The rows --where found, as 1-based indexes into "rows".
+      std::string rows = ",\"matched_rows\":[";
+      for (size_t i = 0; i < matchedRows_.size(); ++i)
+        rows += (i != 0 ? "," : "") + std::to_string(matchedRows_[i]);
+      rows += "]";
+      size_t close = line_.rfind('}');
+      if (close != std::string::npos) line_.insert(close, rows);
+    }
     std::fwrite(line_.data(), 1, line_.size(), out_);
   } else {
     int32_t counter = static_cast<int32_t>(position_ - 1);
     bool stop = false;
     rc = printer_.print(md, data, length, counter, out_, stop);
+    if (!matchedRows_.empty()) {
+      // After the message's text, which stays rplqmfmt's: the rows found, 1-based.
+      std::fprintf(out_, "**** Rows with %s=%s:", o_.whereColumn.c_str(), o_.whereValue.c_str());
+      for (int row : matchedRows_) std::fprintf(out_, " %d", row);
+      std::fputc('\n', out_);
+    }
   }
   std::string why = reports_.take();
   if (rc != 0 || !why.empty())
@@ -556,12 +672,10 @@ int Run::browse(KXHCONN hconn) {
     const size_t length = static_cast<size_t>(dataLen);
     ++position_;
 
-    const bool isSel = selected(md, buf_, length);
-    if (!isSel) {
-      if (formatIs(md, KXFMT_COMPACT) && length >= kHeaderSize && buf_[4] == kTypeSchema)
-        cacheSchemaQuietly(md, buf_, length);
-      continue;
-    }
+    // Every schema is read on the way, shown or not: later rows print with column names.
+    if (formatIs(md, KXFMT_COMPACT) && length >= kHeaderSize && buf_[4] == kTypeSchema)
+      learnSchema(md, buf_, length);
+    if (!selected(md, buf_, length)) continue;
     if (o_.summary) {
       summarize(md, buf_, length);
       continue;

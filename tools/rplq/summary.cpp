@@ -117,7 +117,7 @@ void Summary::writeJson(FILE* out, const std::string& qmgr, const std::string& q
                  f.position, jsonString(f.what).c_str(), jsonString(f.reason).c_str());
     first = false;
   }
-  std::fputs("]}\n", out);
+  std::fputs("]", out);
 }
 
 }  // namespace rplq

@@ -39,6 +39,7 @@ class Summary {
   uint64_t messages() const { return total_.messages; }
 
   void writeTable(FILE* out, const std::string& qmgr, const std::string& queue) const;
+  // The summary object without its closing brace (the caller may add members).
   void writeJson(FILE* out, const std::string& qmgr, const std::string& queue) const;
 
  private:
