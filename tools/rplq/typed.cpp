@@ -6,6 +6,7 @@
 #include <cctype>
 #include <cinttypes>
 #include <cstdlib>
+#include <cstring>
 #include <sstream>
 
 #include "tools/rplq/summary.h"
