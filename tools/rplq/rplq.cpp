@@ -10,6 +10,7 @@
 #include <unistd.h>
 #include <unicode/ucnv.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cstdarg>
 #include <csignal>
@@ -263,6 +264,8 @@ std::string otherKind(const KXMD& md, const uint8_t* data, size_t length) {
 
 // ---- The run ------------------------------------------------------------------------------------
 
+std::string wherePrefilter(const Options& o);
+
 class Run {
  public:
   Run(const Options& o, FILE* out, char* encodingName)
@@ -285,6 +288,7 @@ class Run {
   bool selected(const KXMD& md, const uint8_t* data, size_t length);
   std::set<int64_t> selectedSubs() const;
   void renderTyped(const KXMD& md, const uint8_t* data, size_t length);
+  bool parseTyped();
   // Decodes a subscription schema message into the schema cache and learns its names.
   void learnSchema(const KXMD& md, const uint8_t* data, size_t length);
   // Prints one selected message; returns false when the run must end (exit code set).
@@ -302,8 +306,11 @@ class Run {
   Summary summary_;
   std::string line_;  // the JSON line of the message in hand
   std::vector<uint8_t> work_;  // a copy of the message for the typed rendering
-  nlohmann::json typed_;       // the typed fields of the message in hand
+  JsonOut typedText_;          // the JSON rendering of the message in hand
+  nlohmann::json typed_;       // its typed fields, once read
+  bool parsed_ = false;
   bool haveTyped_ = false;
+  std::string prefilter_ = wherePrefilter(o_);
   int32_t typedRc_ = 0;
   std::string typedWhy_;
   std::vector<int> matchedRows_;
@@ -387,8 +394,13 @@ bool Run::selected(const KXMD& md, const uint8_t* data, size_t length) {
   if (o_.typeFilter && (!compact || !o_.types.test(data[4]))) return false;
   const bool rowOptions = o_.hasWhere || !o_.sub.empty() || !o_.table.empty() || o_.hasLsn;
   if (rowOptions && !compact) return false;
-  if (compact && (rowOptions || o_.hasSince || o_.hasUntil || o_.summary))
+  if (compact && (rowOptions || o_.hasSince || o_.hasUntil || o_.summary)) {
     renderTyped(md, data, length);
+    // Most messages hold no row with the value: they are told by their text, unread.
+    if (!o_.summary && !prefilter_.empty() && typedText_.str().find(prefilter_) == std::string::npos)
+      return false;
+    parseTyped();
+  }
 
   if (o_.hasSince || o_.hasUntil) {
     Micros at = 0;
@@ -452,12 +464,38 @@ void Run::renderTyped(const KXMD& md, const uint8_t* data, size_t length) {
   enc.setup(md.CodedCharSetId);
   enc.outCcsid = 1208;
   enc.flags = littleEndianEncoding(md.Encoding) ? kEncMachineOrder : 0;
-  JsonOut out;
-  typedRc_ = renderCompactJson(work_.data(), length, enc, printer_.converters(), out);
+  typedText_.clear();
+  typedRc_ = renderCompactJson(work_.data(), length, enc, printer_.converters(), typedText_);
   typedWhy_ = reports_.take();
-  typed_ = nlohmann::json::parse(out.str(), nullptr, false);
-  haveTyped_ = !typed_.is_discarded() && typed_.is_object();
-  if (!haveTyped_ && typedRc_ == 0) typedRc_ = -1;
+  parsed_ = false;
+}
+
+bool Run::parseTyped() {
+  if (!parsed_) {
+    parsed_ = true;
+    typed_ = nlohmann::json::parse(typedText_.str(), nullptr, false);
+    haveTyped_ = !typed_.is_discarded() && typed_.is_object();
+    if (!haveTyped_ && typedRc_ == 0) typedRc_ = -1;
+  }
+  return haveTyped_;
+}
+
+// The text a --where value must appear as in the rendering of a matching message, when that
+// can be told without reading it: a word or an integer, nothing escaped, no number whose
+// JSON text could be written otherwise. Empty: every message is read.
+std::string wherePrefilter(const Options& o) {
+  if (!o.hasWhere) return {};
+  std::string v = o.whereValue;
+  while (!v.empty() && v.back() == ' ') v.pop_back();
+  if (v.empty() || v == "NULL" || v == "null" || v == "true" || v == "false") return {};
+  const bool numberLike = v[0] == '-' || std::isdigit(static_cast<unsigned char>(v[0]));
+  for (char c : v) {
+    // No '.', so no fraction; an exponent could be written another way.
+    if (!std::isalnum(static_cast<unsigned char>(c)) && c != '_' && c != '-' && c != ':' && c != ' ')
+      return {};
+    if (numberLike && (c == 'e' || c == 'E')) return {};
+  }
+  return v;
 }
 
 void Run::learnSchema(const KXMD& md, const uint8_t* data, size_t length) {
