@@ -198,4 +198,33 @@ TEST(RplqTyped, SummaryBySubscription) {
   EXPECT_EQ(subs[2]["rows"]["other"], 2);
 }
 
+// The stream reading of the rendering counts as the document does.
+TEST(RplqTyped, SummaryFromTheStreamEqualsTheDocument) {
+  auto written = [](const rplq::SubSummary& summary) {
+    rplq::SubDirectory dir;
+    char* text = nullptr;
+    size_t size = 0;
+    FILE* out = open_memstream(&text, &size);
+    summary.writeJson(out, dir);
+    std::fclose(out);
+    std::string s(text, size);
+    std::free(text);
+    return s;
+  };
+  const char* const messages[] = {
+      kTransaction,
+      R"({"msgtype_code": 3, "sub_id": 9})",
+      R"({"rows": [], "commit_LSN": "01"})",
+      R"({"commit_time": "2025-01-01T00:00:00.000000Z", "rows": [{"operation": "DELETE", "sub_id": 4,
+          "cols_before": {"rows": [{"operation": "INSERT", "sub_id": 5}], "sub_id": 6}}]})",
+  };
+  rplq::SubSummary byDocument, byStream;
+  for (const char* m : messages) {
+    byDocument.add(json::parse(m));
+    EXPECT_TRUE(byStream.addRendered(m)) << m;
+  }
+  EXPECT_EQ(written(byStream), written(byDocument));
+  EXPECT_FALSE(byStream.addRendered(R"({"rows": [)"));
+}
+
 }  // namespace

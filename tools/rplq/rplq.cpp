@@ -399,7 +399,8 @@ bool Run::selected(const KXMD& md, const uint8_t* data, size_t length) {
     // Most messages hold no row with the value: they are told by their text, unread.
     if (!o_.summary && !prefilter_.empty() && typedText_.str().find(prefilter_) == std::string::npos)
       return false;
-    parseTyped();
+    // A summary without other typed options reads the rendering as a stream instead.
+    if (rowOptions || o_.hasSince || o_.hasUntil) parseTyped();
   }
 
   if (o_.hasSince || o_.hasUntil) {
@@ -534,10 +535,13 @@ void Run::summarize(const KXMD& md, uint8_t* data, size_t length) {
   }
   uint8_t type = data[4];
   summary_.addCompact(type, length);
-  if (haveTyped_) subSummary_.add(typed_);
+  if (haveTyped_)
+    subSummary_.add(typed_);
+  else if (!subSummary_.addRendered(typedText_.str()) && typedRc_ == 0)
+    typedRc_ = -1;
   if (typedRc_ == 0) return;
   std::string reason;
-  if (haveTyped_) {
+  if (parseTyped()) {
     auto error = typed_.find("error");
     if (error != typed_.end() && error->is_object()) {
       reason = error->value("text", std::string());

@@ -178,14 +178,89 @@ bool ofSubscriptions(const json& msg, const std::set<int64_t>& subs) {
 void SubSummary::add(const json& msg) {
   auto rows = msg.find("rows");
   if (rows == msg.end() || !rows->is_array()) return;
-  const std::string commit = stringMember(msg, "commit_time");
-  const std::string lsn = stringMember(msg, "commit_LSN");
+  std::vector<RowKey> keys;
+  for (const json& row : *rows)
+    if (row.is_object()) keys.push_back({subOf(row), stringMember(row, "operation")});
+  add(stringMember(msg, "commit_time"), stringMember(msg, "commit_LSN"), keys);
+}
+
+namespace {
+
+// Reads "commit_time", "commit_LSN" and each row's "sub_id" and "operation" from the stream
+// of a message's JSON text.
+class RowScan : public nlohmann::json_sax<json> {
+ public:
+  std::string commit, lsn;
+  std::vector<SubSummary::RowKey> rows;
+
+  bool null() override { return value(); }
+  bool boolean(bool) override { return value(); }
+  bool number_integer(number_integer_t v) override { return integer(v); }
+  bool number_unsigned(number_unsigned_t v) override { return integer(static_cast<int64_t>(v)); }
+  bool number_float(number_float_t, const string_t&) override { return value(); }
+  bool binary(binary_t&) override { return value(); }
+  bool string(string_t& v) override {
+    if (depth_ == 1 && key_ == "commit_time") commit = v;
+    else if (depth_ == 1 && key_ == "commit_LSN") lsn = v;
+    else if (inRow() && key_ == "operation") rows.back().operation = v;
+    return value();
+  }
+  bool key(string_t& k) override {
+    key_ = k;
+    return true;
+  }
+  bool start_object(std::size_t) override {
+    if (rowsDepth_ != 0 && depth_ == rowsDepth_) rows.push_back({-1, {}});
+    ++depth_;
+    return value();
+  }
+  bool end_object() override {
+    --depth_;
+    return true;
+  }
+  bool start_array(std::size_t) override {
+    if (depth_ == 1 && key_ == "rows" && rowsDepth_ == 0) rowsDepth_ = depth_ + 1;
+    ++depth_;
+    return value();
+  }
+  bool end_array() override {
+    --depth_;
+    return true;
+  }
+  bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception&) override {
+    return false;
+  }
+
+ private:
+  bool inRow() const { return rowsDepth_ != 0 && depth_ == rowsDepth_ + 1 && !rows.empty(); }
+  bool integer(int64_t v) {
+    if (inRow() && key_ == "sub_id") rows.back().sub = v;
+    return value();
+  }
+  bool value() {
+    key_.clear();
+    return true;
+  }
+  int depth_ = 0;
+  int rowsDepth_ = 0;  // depth inside the "rows" array, 0 before it
+  std::string key_;
+};
+
+}  // namespace
+
+bool SubSummary::addRendered(const std::string& text) {
+  RowScan scan;
+  if (!json::sax_parse(text, &scan)) return false;
+  if (!scan.rows.empty()) add(scan.commit, scan.lsn, scan.rows);
+  return true;
+}
+
+void SubSummary::add(const std::string& commit, const std::string& lsn,
+                     const std::vector<RowKey>& rows) {
   std::set<int64_t> seen;
-  for (const json& row : *rows) {
-    if (!row.is_object()) continue;
-    int64_t sub = subOf(row);
-    SubTally& t = subs_[sub];
-    const std::string op = stringMember(row, "operation");
+  for (const RowKey& row : rows) {
+    SubTally& t = subs_[row.sub];
+    const std::string& op = row.operation;
     if (op == "INSERT")
       ++t.inserts;
     else if (op == "UPDATE" || op == "KEY UPDATE")
@@ -194,7 +269,7 @@ void SubSummary::add(const json& msg) {
       ++t.deletes;
     else
       ++t.others;
-    if (!seen.insert(sub).second) continue;
+    if (!seen.insert(row.sub).second) continue;
     ++t.transactions;
     if (!commit.empty()) {
       if (t.firstCommit.empty() || commit < t.firstCommit) t.firstCommit = commit;

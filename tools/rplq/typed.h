@@ -69,9 +69,18 @@ class SubSummary {
  public:
   // Counts the rows of one message by subscription and operation.
   void add(const nlohmann::json& msg);
+  // The same from the message's JSON text, read as a stream (no document is built). False when
+  // the text is not valid JSON.
+  bool addRendered(const std::string& text);
   void writeTable(FILE* out, const SubDirectory& dir) const;
   // Members "subscriptions": [...] (with a leading comma) for the summary object.
   void writeJson(FILE* out, const SubDirectory& dir) const;
+
+  struct RowKey {
+    int64_t sub;
+    std::string operation;
+  };
+  void add(const std::string& commit, const std::string& lsn, const std::vector<RowKey>& rows);
 
  private:
   std::map<int64_t, SubTally> subs_;
