@@ -270,7 +270,8 @@ int32_t decodeSpilledRow(Decode& d, O& o) {
   return rc;
 }
 
-int32_t decodeLob(Decode& d, TextSink&) {
+template <class O>
+int32_t decodeLob(Decode& d, O& o) {
   uint32_t subKey = 0;
   uint16_t colNum = 0;
   int32_t rc = d.m.r.u32(8, subKey, "qLobMsg.sub_id");
@@ -279,7 +280,7 @@ int32_t decodeLob(Decode& d, TextSink&) {
 
   const CachedSchema* schema = findSchema(subKey);
   if (schema == nullptr) {
-    printLobMsg(d.m, LobColumn{});
+    printLobMsg(d.m, o, LobColumn{});
     return 0;
   }
   size_t array = schemaColumnArrayOffset(schema->version);
@@ -297,7 +298,7 @@ int32_t decodeLob(Decode& d, TextSink&) {
   if (rc != 0) return rc;
   col.codePage = static_cast<int32_t>(codePage);
 
-  rc = printLobMsg(d.m, col);
+  rc = printLobMsg(d.m, o, col);
   if (rc != 0)
     reportFailuref("rplqcmsg:processLOBMsg", "qRowColSet::printMe", rc,
                    "Cannot print LOB message for column %.*s", col.nameLen,
@@ -380,15 +381,15 @@ struct TypeRow {
 
 constexpr TypeRow kTypeRows[] = {
     {kTypeSubSchema, "RPLKX_SUBSCHEMA_MSG", "qSubSchemaMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeSchema, decodeSchema},
-    {kTypeLoadDone, "RPLKX_LOADDONE_RCVD", "qLoaddoneRcvdMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, streamOnly<printLoadDoneMsg>, nullptr},
+    {kTypeLoadDone, "RPLKX_LOADDONE_RCVD", "qLoaddoneRcvdMsg::printMe", Order::Sender, Prologue::Header, nullptr, nullptr, RPL_SINK_BODIES(printLoadDoneMsg)},
     {kTypeHeartbeat, "RPLKX_HEARTBEAT", "qHeartBeatMsg::printMe", Order::Sender, Prologue::Header, nullptr, nullptr, RPL_SINK_BODIES(printHeartbeatMsg)},
-    {kTypeSubDeactivated, "RPLKX_SUBDEACTIVATED", "qSubDeactivatedMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, streamOnly<printSubDeactivatedMsg>, nullptr},
+    {kTypeSubDeactivated, "RPLKX_SUBDEACTIVATED", "qSubDeactivatedMsg::printMe", Order::Sender, Prologue::Header, nullptr, nullptr, RPL_SINK_BODIES(printSubDeactivatedMsg)},
     {kTypeAddColumn, "RPLKX_ADDCOLUMN_MSG", "qAddColumnMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, streamOnly<printAddColumnMsg>, nullptr},
     {kTypeDdl, "RPLKX_DDL_MSG", "qDdlMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeDdl, nullptr},
     {kTypeSyncRequest, "RPLKX_SYNCREQUEST_MSG", "qRequestSyncOnQueueMsg::printMe", Order::Sender, Prologue::Header, "qRequestSyncOnQueueMsg::printMe", "cannot print qRequestSyncOnQueueMsg class", RPL_SINK_BODIES(printRequestSyncOnQueueMsg)},
     {kTypeSyncResponse, "RPLKX_SYNCRESPONSE_MSG", "qSyncResponseMsg::printMe", Order::Sender, Prologue::Header, "qSyncResponseMsg::printMe", "cannot print qSyncResponseMsg class", RPL_SINK_BODIES(printSyncResponseMsg)},
-    {kTypeCreateSub, "RPLKX_CREATESUB_MSG", "qCreateSubMsg::printMe", Order::Sender, Prologue::Body, "qCreateSubMsg::printMe", "cannot print qCreateSubMsg class", streamOnly<printCreateSubMsg>, nullptr},
-    {kTypeDropSub, "RPLKX_DROPSUB_MSG", "qDropSubMsg::printMe", Order::Sender, Prologue::Body, "qDropSubMsg::printMe", "cannot print qDropSubMsg class", streamOnly<printDropSubMsg>, nullptr},
+    {kTypeCreateSub, "RPLKX_CREATESUB_MSG", "qCreateSubMsg::printMe", Order::Sender, Prologue::Header, "qCreateSubMsg::printMe", "cannot print qCreateSubMsg class", RPL_SINK_BODIES(printCreateSubMsg)},
+    {kTypeDropSub, "RPLKX_DROPSUB_MSG", "qDropSubMsg::printMe", Order::Sender, Prologue::Header, "qDropSubMsg::printMe", "cannot print qDropSubMsg class", RPL_SINK_BODIES(printDropSubMsg)},
     {kTypeSeqTimeReset, "RPLKX_SEQTIME_RESET_MSG", "qSequenceTimeResetMsg::printMe", Order::Sender, Prologue::Header, "qSequenceTimeResetMsg::printMe", "cannot print qSequenceTimeResetMsg", RPL_SINK_BODIES(printSequenceTimeResetMsg)},
     {kTypeAddReplKeyCol, "RPLKX_ADD_REPL_KEY_COL_MSG", "qAddReplKeyColumnMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, streamOnly<printAddReplKeyColMsg>, nullptr},
     {kTypeFuncLevel, "RPLKX_FUNCLEVEL_MSG", "qFuncLevelMsg::printMe", Order::Sender, Prologue::Header, "qFuncLevelMsg::printMe", "cannot print qFuncLevelMsg class", RPL_SINK_BODIES(printFuncLevelMsg)},
@@ -398,19 +399,19 @@ constexpr TypeRow kTypeRows[] = {
     {kTypeRestart, "RPLKX_RESTART", "qRestartMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeRestart, nullptr},
     {kTypeSpillRow, "RPLKX_SPILLROW", "qSpilledRow::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeSpilledRow<TextSink>, decodeSpilledRow<JsonSink>},
     {kTypeAdminQ, "RPLKX_ADMINQ_MSG", "qAdminQMsg::printMe", Order::Sender, Prologue::Header, nullptr, nullptr, RPL_SINK_BODIES(printAdminQMsg)},
-    {kTypeP2pJoinUs, "RPLKX_P2P_JOINUS_MSG", "p2pJoinUsMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, streamOnly<printP2pJoinUsMsg>, nullptr},
-    {kTypeP2pSpooling, "RPLKX_P2P_SPOOLING_MSG", "p2pSpoolingMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, streamOnly<printP2pSpoolingMsg>, nullptr},
-    {kTypeP2pLoadDone, "RPLKX_P2P_LOADDONE_MSG", "p2pLoadDoneMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, streamOnly<printP2pLoadDoneMsg>, nullptr},
-    {kTypeP2pCapStop, "RPLKX_P2P_CAPSTOP_MSG", "p2pCapStopMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, streamOnly<printP2pCapStopMsg>, nullptr},
-    {kTypeP2pSubStopping, "RPLKX_P2P_SUBSTOPPING_MSG", "p2pSubStoppingMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, streamOnly<printP2pSubStoppingMsg>, nullptr},
-    {kTypeP2pReadyToStop, "RPLKX_P2P_READYTOSTOP_MSG", "p2pReadyToStopMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, streamOnly<printP2pReadyToStopMsg>, nullptr},
-    {kTypeP2pSubDeactivated, "RPLKX_P2P_SUBDEACTIVATED_MSG", "p2pSubDeactivatedMsg::printMe", Order::Stored, Prologue::Body, nullptr, nullptr, streamOnly<printP2pSubDeactivatedMsg>, nullptr},
+    {kTypeP2pJoinUs, "RPLKX_P2P_JOINUS_MSG", "p2pJoinUsMsg::printMe", Order::Sender, Prologue::Header, nullptr, nullptr, RPL_SINK_BODIES(printP2pJoinUsMsg)},
+    {kTypeP2pSpooling, "RPLKX_P2P_SPOOLING_MSG", "p2pSpoolingMsg::printMe", Order::Sender, Prologue::Header, nullptr, nullptr, RPL_SINK_BODIES(printP2pSpoolingMsg)},
+    {kTypeP2pLoadDone, "RPLKX_P2P_LOADDONE_MSG", "p2pLoadDoneMsg::printMe", Order::Sender, Prologue::Header, nullptr, nullptr, RPL_SINK_BODIES(printP2pLoadDoneMsg)},
+    {kTypeP2pCapStop, "RPLKX_P2P_CAPSTOP_MSG", "p2pCapStopMsg::printMe", Order::Stored, Prologue::Body, nullptr, nullptr, RPL_SINK_BODIES(printP2pCapStopMsg)},
+    {kTypeP2pSubStopping, "RPLKX_P2P_SUBSTOPPING_MSG", "p2pSubStoppingMsg::printMe", Order::Sender, Prologue::Header, nullptr, nullptr, RPL_SINK_BODIES(printP2pSubStoppingMsg)},
+    {kTypeP2pReadyToStop, "RPLKX_P2P_READYTOSTOP_MSG", "p2pReadyToStopMsg::printMe", Order::Sender, Prologue::Header, nullptr, nullptr, RPL_SINK_BODIES(printP2pReadyToStopMsg)},
+    {kTypeP2pSubDeactivated, "RPLKX_P2P_SUBDEACTIVATED_MSG", "p2pSubDeactivatedMsg::printMe", Order::Stored, Prologue::Header, nullptr, nullptr, RPL_SINK_BODIES(printP2pSubDeactivatedMsg)},
     {kTypeTrans, "RPLKX_TRANS_MSG", "qTransMsgHeader::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeTrans<TextSink>, decodeTrans<JsonSink>},
-    {kTypeLob, "RPLKX_LOB_MSG", "qLobMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeLob, nullptr},
+    {kTypeLob, "RPLKX_LOB_MSG", "qLobMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeLob<TextSink>, decodeLob<JsonSink>},
     {kTypeStreamedTrans, "RPLKX_STREAMED_TRANS_MSG", "qStreamedTransMsgHeader::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeStreamedTrans<TextSink>, decodeStreamedTrans<JsonSink>},
-    {kTypeXfPayload, "RPLKX_XF_MSG", "xfPayloadMsg::printMe", Order::Sender, Prologue::Body, "xfPayloadMsg::printMe", "cannot print xfPayloadMsg class", streamOnly<printXfPayloadMsg>, nullptr},
-    {kTypeXfAck, "RPLKX_XF_ACK_MSG", "xfAdminMsg::printMe", Order::Sender, Prologue::Body, "xfAdminMsg::printMe", "cannot print xfAdminMsg class", streamOnly<printXfAdminMsg>, nullptr},
-    {kTypeXfHeartbeat, "RPLKX_XF_HEARTBEAT_MSG", "xfHeartBeatMsg::printMe", Order::Sender, Prologue::Body, "xfHeartBeatMsg::printMe", "cannot print xfHeartBeatMsg class", streamOnly<printXfHeartBeatMsg>, nullptr},
+    {kTypeXfPayload, "RPLKX_XF_MSG", "xfPayloadMsg::printMe", Order::Sender, Prologue::Header, "xfPayloadMsg::printMe", "cannot print xfPayloadMsg class", RPL_SINK_BODIES(printXfPayloadMsg)},
+    {kTypeXfAck, "RPLKX_XF_ACK_MSG", "xfAdminMsg::printMe", Order::Sender, Prologue::Header, "xfAdminMsg::printMe", "cannot print xfAdminMsg class", RPL_SINK_BODIES(printXfAdminMsg)},
+    {kTypeXfHeartbeat, "RPLKX_XF_HEARTBEAT_MSG", "xfHeartBeatMsg::printMe", Order::Sender, Prologue::Header, "xfHeartBeatMsg::printMe", "cannot print xfHeartBeatMsg class", RPL_SINK_BODIES(printXfHeartBeatMsg)},
 };
 
 const TypeRow* rowOf(uint8_t type) {

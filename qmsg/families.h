@@ -25,21 +25,24 @@ template <class O> int32_t printStreamedTransMsgHeader(QMsg& m, O& o, bool noPos
 // One row at `at` (its u32 length first), for a message of layout version `version`.
 int32_t printTransRow(QMsg& m, size_t at, uint16_t version);
 template <class O> int32_t printTransRow(QMsg& m, O& o, size_t at, uint16_t version);
-int32_t printLobMsg(QMsg& m, const LobColumn& col);               // type 129
+template <class O> int32_t printLobMsg(QMsg& m, O& o, const LobColumn& col);  // type 129
 
-// Restart and subscription lifecycle.
+// Restart.
 int32_t printRestartMsg(QMsg& m);          // 32
-int32_t printLoadDoneMsg(QMsg& m);         // 2
-int32_t printSubDeactivatedMsg(QMsg& m);   // 4
-int32_t printCreateSubMsg(QMsg& m);        // 9
-int32_t printDropSubMsg(QMsg& m);          // 10
-int32_t printP2pJoinUsMsg(QMsg& m);        // 80
-int32_t printP2pSpoolingMsg(QMsg& m);      // 81
-int32_t printP2pLoadDoneMsg(QMsg& m);      // 82
-int32_t printP2pCapStopMsg(QMsg& m);       // 83
-int32_t printP2pSubStoppingMsg(QMsg& m);   // 84
-int32_t printP2pReadyToStopMsg(QMsg& m);   // 85
-int32_t printP2pSubDeactivatedMsg(QMsg& m);// 86 (given no conversion context)
+
+// Subscription lifecycle (bodies after the header lines, written through the sink `o`; 83
+// prints its own header form, 83 and 86 are handed over as stored).
+template <class O> int32_t printLoadDoneMsg(QMsg& m, O& o);          // 2
+template <class O> int32_t printSubDeactivatedMsg(QMsg& m, O& o);    // 4
+template <class O> int32_t printCreateSubMsg(QMsg& m, O& o);         // 9
+template <class O> int32_t printDropSubMsg(QMsg& m, O& o);           // 10
+template <class O> int32_t printP2pJoinUsMsg(QMsg& m, O& o);         // 80
+template <class O> int32_t printP2pSpoolingMsg(QMsg& m, O& o);       // 81
+template <class O> int32_t printP2pLoadDoneMsg(QMsg& m, O& o);       // 82
+template <class O> int32_t printP2pCapStopMsg(QMsg& m, O& o);        // 83
+template <class O> int32_t printP2pSubStoppingMsg(QMsg& m, O& o);    // 84
+template <class O> int32_t printP2pReadyToStopMsg(QMsg& m, O& o);    // 85
+template <class O> int32_t printP2pSubDeactivatedMsg(QMsg& m, O& o); // 86
 
 // Schema changes.
 int32_t printAddColumnMsg(QMsg& m);        // 5
@@ -59,6 +62,6 @@ template <class O> int32_t printFuncLevelMsg(QMsg& m, O& o);          // 13
 template <class O> int32_t printAdminQMsg(QMsg& m, O& o);             // 64
 
 // File transfer.
-int32_t printXfPayloadMsg(QMsg& m);        // 131
-int32_t printXfAdminMsg(QMsg& m);          // 132
-int32_t printXfHeartBeatMsg(QMsg& m);      // 133
+template <class O> int32_t printXfPayloadMsg(QMsg& m, O& o);    // 131
+template <class O> int32_t printXfAdminMsg(QMsg& m, O& o);      // 132
+template <class O> int32_t printXfHeartBeatMsg(QMsg& m, O& o);  // 133

@@ -30,6 +30,7 @@
 #include "qmsg/families.h"
 #include "qmsg/forms.h"
 #include "qmsg/header.h"
+#include "qmsg/sink.h"
 #include "runtime/trace.h"
 
 namespace {
@@ -78,7 +79,8 @@ int32_t fixChunk(MsgReader& c, uint16_t version) {
 }
 
 // xfChunk::printMe: the chunk at `at` of the message, in the layout of `version`.
-int32_t printChunk(QMsg& m, size_t at, uint16_t version) {
+template <class O>
+int32_t printChunk(QMsg& m, O& o, size_t at, uint16_t version) {
   RPL_TRACE(kCompPrinters, 173);
   MsgReader c = m.r.from(at);
   int32_t rc = fixChunk(c, version);
@@ -114,29 +116,35 @@ int32_t printChunk(QMsg& m, size_t at, uint16_t version) {
   if (rc == 0) rc = convertText(m, name, nameLen, fileName, "xChunk::printMe", "ConvMgr::cpcvc", "file name");
   if (rc != 0) return rplTrace_.ret(rc);
 
-  std::fprintf(m.out, "    xfChunk.chunkSize:        %u\n", chunkSize);
-  std::fprintf(m.out, "    xfChunk.subId:            %u\n", subId);
-  std::fputs("    xfChunk.controlMsgId:     ", m.out);
-  for (size_t i = 0; i < kMsgIdSize; ++i) std::fprintf(m.out, "%2.2x", msgId[i]);
-  std::fputc('\n', m.out);
-  std::fprintf(m.out, "    xfChunk.crtLRLsn:         %s\n",
-               lsn.size() + 1 > kChunkLsnArea ? "...buffer full\n" : lsn.c_str());
-  std::fprintf(m.out, "    xfChunk.uow_id_length:    %hu\n", uowLen);
-  std::fprintf(m.out, "    xfChunk.uow_id:           %s\n", formatHexPairs(uow, uowLen, kChunkUowArea).c_str());
-  std::fprintf(m.out, "    xfChunk.totalFileSize:    %" PRIu64 "\n", totalSize);
-  std::fprintf(m.out, "    xfChunk.fileByteOffset:   %" PRIu64 "\n", byteOffset);
-  std::fprintf(m.out, "    xfChunk.fileNameLen:      %u\n", nameLen);
-  std::fprintf(m.out, "    xfChunk.dataLen:          %u\n", dataLen);
+  o.field("chunkSize", chunkSize, "    xfChunk.chunkSize:        %u\n");
+  o.field("subId", subId, "    xfChunk.subId:            %u\n");
+  o.text("    xfChunk.controlMsgId:     ");
+  for (size_t i = 0; i < kMsgIdSize; ++i) o.text("%2.2x", msgId[i]);
+  o.text("\n");
+  o.hidden("controlMsgId", HexBytes{msgId, kMsgIdSize});
+  o.show("crtLRLsn", lsn, "    xfChunk.crtLRLsn:         %s\n",
+         lsn.size() + 1 > kChunkLsnArea ? "...buffer full\n" : lsn.c_str());
+  o.text("    xfChunk.uow_id_length:    %hu\n", uowLen);
+  o.show("uow_id", HexBytes{uow, uowLen}, "    xfChunk.uow_id:           %s\n",
+         formatHexPairs(uow, uowLen, kChunkUowArea).c_str());
+  o.field("totalFileSize", totalSize, "    xfChunk.totalFileSize:    %" PRIu64 "\n");
+  o.field("fileByteOffset", byteOffset, "    xfChunk.fileByteOffset:   %" PRIu64 "\n");
+  o.field("fileNameLen", nameLen, "    xfChunk.fileNameLen:      %u\n");
+  o.field("dataLen", dataLen, "    xfChunk.dataLen:          %u\n");
   if (version >= kTableVersion) {
-    std::fprintf(m.out, "    xfChunk.offset2FileName:      %u\n", offsetName);
-    std::fprintf(m.out, "    xfChunk.offset2Data:      %u\n", offsetData);
-    std::fprintf(m.out, "    xfChunk.xfSendRequestTmSeq:%u\n", tmSeq);
-    std::fprintf(m.out, "    xfChunk.xfSendRequestOrder:%u\n", order);
+    o.field("offset2FileName", offsetName, "    xfChunk.offset2FileName:      %u\n");
+    o.field("offset2Data", offsetData, "    xfChunk.offset2Data:      %u\n");
+    o.field("xfSendRequestTmSeq", tmSeq, "    xfChunk.xfSendRequestTmSeq:%u\n");
+    o.field("xfSendRequestOrder", order, "    xfChunk.xfSendRequestOrder:%u\n");
   }
-  std::fprintf(m.out, "    xfChunk.fileName:         %.*s\n", fileName.size(), fileName.data());
+  o.field("fileName", fileName, "    xfChunk.fileName:         %.*s\n");
   if (dataLen != 0) {
-    std::fputs("    \n****  Chunk Data  ****\n\n", m.out);
-    dumpHex(dataLen, data, m.out);
+    if constexpr (O::kJson) {
+      o.hidden("data", HexBytes{data, dataLen});
+    } else {
+      o.text("    \n****  Chunk Data  ****\n\n");
+      dumpHex(dataLen, data, o.out());
+    }
   }
   return rplTrace_.ret(0);
 }
@@ -169,23 +177,26 @@ int32_t stepOver(const QMsg& m, uint16_t version, size_t at, uint32_t size, uint
 
 }  // namespace
 
-int32_t printXfPayloadMsg(QMsg& m) {
+template <class O>
+int32_t printXfPayloadMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 170);
   uint16_t version = 0;
   uint32_t numChunks = 0;
-  int32_t rc = qMsgHeader::printFor(m, "xfPayloadMsg::printMe");
-  if (rc == 0) rc = m.version(version);
+  int32_t rc = m.version(version);
   if (rc == 0) rc = m.r.machine(kCount, numChunks, "xfPayloadMsg.numChunks");
   if (rc != 0) return rplTrace_.ret(rc);
-  std::fprintf(m.out, "  xfPayloadMsg.numChunks:          %u\n", numChunks);
+  o.field("numChunks", numChunks, "  xfPayloadMsg.numChunks:          %u\n");
 
   size_t next = kArea;
+  o.beginList("chunks");
   for (uint32_t i = 0; i < numChunks; ++i) {
     size_t at = 0;
     rc = locate(m, version, i, next, at, "xfPayloadMsg.chunkOffset");
     if (rc == 0) {
-      std::fprintf(m.out, "\n***  Chunk %u  ***\n\n", i + 1);
-      rc = printChunk(m, at, version);
+      o.text("\n***  Chunk %u  ***\n\n", i + 1);
+      o.beginItem();
+      rc = printChunk(m, o, at, version);
+      if (rc == 0) o.endItem();
     }
     uint32_t size = 0;
     if (rc == 0) rc = m.r.machine(at + kChunkSize, size, "xfChunk.chunkSize");
@@ -196,21 +207,23 @@ int32_t printXfPayloadMsg(QMsg& m) {
       return rplTrace_.ret(rc);
     }
   }
+  o.endList();
   return rplTrace_.ret(0);
 }
 
-int32_t printXfAdminMsg(QMsg& m) {
+template <class O>
+int32_t printXfAdminMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 171);
   constexpr size_t kResponseSize = 0, kResponseCode = 4, kResponseChunk = 8;
   uint16_t version = 0;
   uint32_t numResponses = 0;
-  int32_t rc = qMsgHeader::printFor(m, "xfAdminMsg::printMe");
-  if (rc == 0) rc = m.version(version);
+  int32_t rc = m.version(version);
   if (rc == 0) rc = m.r.machine(kCount, numResponses, "xfAdminMsg.numResponses");
   if (rc != 0) return rplTrace_.ret(rc);
-  std::fprintf(m.out, "  xfAdminMsg.numResponses:          %u\n", numResponses);
+  o.field("numResponses", numResponses, "  xfAdminMsg.numResponses:          %u\n");
 
   size_t next = kArea;
+  o.beginList("responses");
   for (uint32_t i = 0; i < numResponses; ++i) {
     size_t at = 0;
     uint32_t size = 0, code = 0;
@@ -218,27 +231,34 @@ int32_t printXfAdminMsg(QMsg& m) {
     if (rc == 0) rc = m.r.machine(at + kResponseSize, size, "xfAdminResponse.size");
     if (rc == 0) rc = m.r.machine(at + kResponseCode, code, "xfAdminResponse.code");
     if (rc != 0) return rplTrace_.ret(rc);
-    std::fprintf(m.out, "\n***  Response %u  ***\n\n", i + 1);
-    std::fprintf(m.out, "    xfAdminResponse.size:             %u\n", size);
-    std::fprintf(m.out, "    xfAdminResponse.code:             %u\n", code);
-    std::fputs("    xfAdminResponse - fileInfo    \n", m.out);
-    rc = printChunk(m, at + kResponseChunk, version);
+    o.text("\n***  Response %u  ***\n\n", i + 1);
+    o.beginItem();
+    o.field("size", size, "    xfAdminResponse.size:             %u\n");
+    o.field("code", code, "    xfAdminResponse.code:             %u\n");
+    o.text("    xfAdminResponse - fileInfo    \n");
+    o.beginGroup("fileInfo");
+    rc = printChunk(m, o, at + kResponseChunk, version);
+    if (rc == 0) {
+      o.endGroup();
+      o.endItem();
+    }
     if (rc == 0 && i + 1 < numResponses)
       rc = stepOver(m, version, at, size, i + 1, "xfAdminMsg::printMe", "xfAdminResponse", next);
     if (rc != 0) return rplTrace_.ret(rc);
   }
+  o.endList();
   return rplTrace_.ret(0);
 }
 
-int32_t printXfHeartBeatMsg(QMsg& m) {
+template <class O>
+int32_t printXfHeartBeatMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 172);
   constexpr size_t kMaxCoordMsgId = 8, kMaxLsn = 32, kTmSeq = 56, kMaxOrder = 60;
   const uint8_t* msgId = nullptr;
   std::string lsn;
   uint32_t tmSeq = 0, maxOrder = 0;
-  int32_t rc = qMsgHeader::printFor(m, "xfHeartBeatMsg::printMe");
   // Nothing of the body is swapped: the fields are printed as they travel.
-  if (rc == 0) rc = m.r.bytes(kMaxCoordMsgId, kMsgIdSize, msgId, "xfHeartBeatMsg.maxCoordMsgId");
+  int32_t rc = m.r.bytes(kMaxCoordMsgId, kMsgIdSize, msgId, "xfHeartBeatMsg.maxCoordMsgId");
   if (rc == 0) rc = formatLsnRecord(m.r, kMaxLsn, true, lsn, "xfHeartBeatMsg.maxCrtLRLsn");
   if (rc == 0) rc = m.r.machine(kTmSeq, tmSeq, "xfHeartBeatMsg.xfSendRequestTmSeq");
   if (rc == 0) rc = m.r.machine(kMaxOrder, maxOrder, "xfHeartBeatMsg.maxXfSendRequestOrder");
@@ -246,9 +266,16 @@ int32_t printXfHeartBeatMsg(QMsg& m) {
 
   char hex[2 * kMsgIdSize + 1];
   for (size_t i = 0; i < kMsgIdSize; ++i) std::snprintf(hex + 2 * i, 3, "%02X", msgId[i]);
-  std::fprintf(m.out, "xfHeartBeatMsg.maxCoordMsgId:          %s\n", hex);
-  std::fprintf(m.out, "xfHeartBeatMsg.maxCrtLRLsn:            %s\n", lsn.c_str());
-  std::fprintf(m.out, "xfHeartBeatMsg.xfSendRequestTmSeq:     %u\n", tmSeq);
-  std::fprintf(m.out, "xfHeartBeatMsg.maxXfSendRequestOrder:  %u\n", maxOrder);
+  o.show("maxCoordMsgId", HexBytes{msgId, kMsgIdSize}, "xfHeartBeatMsg.maxCoordMsgId:          %s\n", hex);
+  o.field("maxCrtLRLsn", lsn, "xfHeartBeatMsg.maxCrtLRLsn:            %s\n");
+  o.field("xfSendRequestTmSeq", tmSeq, "xfHeartBeatMsg.xfSendRequestTmSeq:     %u\n");
+  o.field("maxXfSendRequestOrder", maxOrder, "xfHeartBeatMsg.maxXfSendRequestOrder:  %u\n");
   return rplTrace_.ret(0);
 }
+
+#define RPL_FILE_TRANSFER_PRINTERS(O)            \
+  template int32_t printXfPayloadMsg(QMsg&, O&); \
+  template int32_t printXfAdminMsg(QMsg&, O&);   \
+  template int32_t printXfHeartBeatMsg(QMsg&, O&);
+RPL_FILE_TRANSFER_PRINTERS(TextSink)
+RPL_FILE_TRANSFER_PRINTERS(JsonSink)

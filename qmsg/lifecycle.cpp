@@ -1,15 +1,17 @@
 // Subscription lifecycle messages: load done (type 2), subscription deactivated (4), create
 // (9) and drop (10) subscription, and the peer-to-peer protocol messages (80 to 86).
 //
-// Each printer prints the compact header lines, swaps its integers in place when the sender's
-// byte order differs, converts its names and characters (stopping at the first failure, before
-// any line of its own), then prints. Name counts are read in the sender's order where they are
+// The dispatch prints the compact header lines (the capture-stop message prints its own form);
+// each printer swaps its integers in place when the sender's byte order differs, converts its
+// names and characters (stopping at the first failure, before any line of its own), then writes
+// its fields through the sink. Name counts are read in the sender's order where they are
 // read and are never swapped in place.
 #include <cinttypes>
 #include <cstdio>
 
 #include "qmsg/families.h"
 #include "qmsg/header.h"
+#include "qmsg/sink.h"
 #include "qmsg/trans.h"
 #include "runtime/trace.h"
 
@@ -26,16 +28,6 @@ int32_t convertChar(QMsg& m, size_t at, ConvText& out, const char* field, const 
   int32_t rc = m.r.bytes(at, 1, p, field);
   if (rc != 0) return rc;
   return convertText(m, p, 1, out, step, kCpcvc, label);
-}
-
-// "%.*s" of a converted text.
-void put(FILE* out, const char* format, const ConvText& t) { std::fprintf(out, format, t.size(), t.data()); }
-
-// A one-character field as "%c" prints it: its byte (or the converted character's bytes).
-void putChar(FILE* out, const char* label, const ConvText& t, const char* after = "\n") {
-  std::fputs(label, out);
-  std::fwrite(t.data(), 1, static_cast<size_t>(t.size()), out);
-  std::fputs(after, out);
 }
 
 int32_t fixI32(QMsg& m, size_t at, int32_t& v, const char* field) {
@@ -67,11 +59,10 @@ constexpr size_t kSubnameRoom = 134;
 // The u16 at 12 is swapped but not printed. In this message the block's word at 36 (its flags)
 // is swapped as a 16-bit integer together with the rest.
 
-int32_t printLoadDoneMsg(QMsg& m) {
+template <class O>
+int32_t printLoadDoneMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 330);
-  const char* step = "qLoaddoneRcvdMsg::printMe";
-  int32_t rc = qMsgHeader::printFor(m, step);
-  if (rc != 0) return rplTrace_.ret(rc);
+  int32_t rc = 0;
   constexpr size_t kTransInfoAt = 24;
   uint16_t version = 0;
   int32_t subId = 0;
@@ -84,10 +75,12 @@ int32_t printLoadDoneMsg(QMsg& m) {
     if (rc == 0) rc = m.r.bytes(kTransInfoAt, kGenericTransInfoSize, block, "qLoaddoneRcvdMsg.transInfo");
     if (rc == 0) rc = fixGenericTransInfo(m, kTransInfoAt);
     if (rc == 0) rc = m.r.fix16(kTransInfoAt + 36, "qGenericTransInfo.flags");
-    if (rc == 0) rc = printGenericTransInfo(m, kTransInfoAt);
+    if constexpr (!O::kJson) {
+      if (rc == 0) rc = printGenericTransInfo(m, kTransInfoAt);
+    }
   }
   if (rc != 0) return rplTrace_.ret(rc);
-  std::fprintf(m.out, "  loaddone.sub_id: %d\n", subId);
+  o.field("sub_id", subId, "  loaddone.sub_id: %d\n");
   return rplTrace_.ret(0);
 }
 
@@ -99,11 +92,11 @@ int32_t printLoadDoneMsg(QMsg& m) {
 //   | header | sub_id | subname (134)   | stateinfo |
 //   +--------+--------+-----------------+-----------+
 
-int32_t printSubDeactivatedMsg(QMsg& m) {
+template <class O>
+int32_t printSubDeactivatedMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 331);
   const char* step = "qSubDeactivatedMsg::printMe";
-  int32_t rc = qMsgHeader::printFor(m, step);
-  if (rc != 0) return rplTrace_.ret(rc);
+  int32_t rc = 0;
   int32_t subId = 0;
   ConvText subname, stateinfo;
   const uint8_t* state = nullptr;
@@ -113,9 +106,9 @@ int32_t printSubDeactivatedMsg(QMsg& m) {
   // No state was produced when the field starts with a zero byte: the text stays empty.
   if (rc == 0 && state[0] != 0) rc = convertText(m, state, 8, stateinfo, step, kCpcvc, "stateinfo");
   if (rc != 0) return rplTrace_.ret(rc);
-  put(m.out, "  subname:   %.*s\n", subname);
-  std::fprintf(m.out, "  sub_id:    %d\n", subId);
-  put(m.out, "  stateinfo: %.*s\n", stateinfo);
+  o.field("subname", subname, "  subname:   %.*s\n");
+  o.field("sub_id", subId, "  sub_id:    %d\n");
+  o.field("stateinfo", stateinfo, "  stateinfo: %.*s\n");
   return rplTrace_.ret(0);
 }
 
@@ -134,11 +127,11 @@ int32_t printSubDeactivatedMsg(QMsg& m) {
 // flags bit 0: created by a CREATE TABLE statement rather than by a signal. spillQ is converted
 // but not printed.
 
-int32_t printCreateSubMsg(QMsg& m) {
+template <class O>
+int32_t printCreateSubMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 332);
   const char* step = "qCreateSubMsg::printMe";
-  int32_t rc = qMsgHeader::printFor(m, step);
-  if (rc != 0) return rplTrace_.ret(rc);
+  int32_t rc = 0;
 
   int32_t subId = 0;
   int16_t targetType = 0, initiator = 0, source = 0, target = 0, loadType = 0;
@@ -173,27 +166,26 @@ int32_t printCreateSubMsg(QMsg& m) {
     rc = readNameInRoom(m, 690, 66, schemaSubName, "qCreateSubMsg.schemaSubName", step, "schema subname");
   if (rc != 0) return rplTrace_.ret(rc);
 
-  FILE* out = m.out;
-  put(out, " subName:  %.*s\n", subName);
-  std::fprintf(out, " subId:  %d\n", subId);
-  put(out, " srcDbName:  %.*s\n", srcDbName);
-  put(out, " srcOwner:  %.*s\n", srcOwner);
-  put(out, " srcName:  %.*s\n", srcName);
-  std::fprintf(out, " targetType:  %d\n", targetType);
-  putChar(out, " subType:  ", subType);
-  putChar(out, " conflictRule:  ", conflictRule);
-  putChar(out, " conflictAction:  ", conflictAction);
-  putChar(out, " errorAction:  ", errorAction);
-  put(out, " subOkSqlStates:  %.*s\n", okSqlStates);
-  put(out, " subGroup:  %.*s\n", subGroup);
-  std::fprintf(out, " initiatorNode:  %d\n", initiator);
-  std::fprintf(out, " sourceNode:  %d\n", source);
-  std::fprintf(out, " targetNode:  %d\n", target);
-  putChar(out, " hasLoadPhase:  ", hasLoadPhase);
-  std::fprintf(out, " loadType:  %d\n", loadType);
-  put(out, " modelQ:  %.*s\n", modelQ);
-  put(out, " schemaSubName:  %.*s\n", schemaSubName);
-  std::fprintf(out, " originated from:  %s\n", (flags & 1) ? "CREATE TABLE DDL" : "SIGNAL");
+  o.field("subName", subName, " subName:  %.*s\n");
+  o.field("subId", subId, " subId:  %d\n");
+  o.field("srcDbName", srcDbName, " srcDbName:  %.*s\n");
+  o.field("srcOwner", srcOwner, " srcOwner:  %.*s\n");
+  o.field("srcName", srcName, " srcName:  %.*s\n");
+  o.field("targetType", targetType, " targetType:  %d\n");
+  o.chars("subType", subType, " subType:  ");
+  o.chars("conflictRule", conflictRule, " conflictRule:  ");
+  o.chars("conflictAction", conflictAction, " conflictAction:  ");
+  o.chars("errorAction", errorAction, " errorAction:  ");
+  o.field("subOkSqlStates", okSqlStates, " subOkSqlStates:  %.*s\n");
+  o.field("subGroup", subGroup, " subGroup:  %.*s\n");
+  o.field("initiatorNode", initiator, " initiatorNode:  %d\n");
+  o.field("sourceNode", source, " sourceNode:  %d\n");
+  o.field("targetNode", target, " targetNode:  %d\n");
+  o.chars("hasLoadPhase", hasLoadPhase, " hasLoadPhase:  ");
+  o.field("loadType", loadType, " loadType:  %d\n");
+  o.field("modelQ", modelQ, " modelQ:  %.*s\n");
+  o.field("schemaSubName", schemaSubName, " schemaSubName:  %.*s\n");
+  o.field("originated_from", (flags & 1) ? "CREATE TABLE DDL" : "SIGNAL", " originated from:  %s\n");
   return rplTrace_.ret(0);
 }
 
@@ -207,11 +199,11 @@ int32_t printCreateSubMsg(QMsg& m) {
 //
 // flags bit 0: dropped by a DROP TABLE statement rather than by a signal.
 
-int32_t printDropSubMsg(QMsg& m) {
+template <class O>
+int32_t printDropSubMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 333);
   const char* step = "qDropSubMsg::printMe";
-  int32_t rc = qMsgHeader::printFor(m, step);
-  if (rc != 0) return rplTrace_.ret(rc);
+  int32_t rc = 0;
 
   int32_t subId = 0;
   uint32_t flags = 0;
@@ -228,16 +220,15 @@ int32_t printDropSubMsg(QMsg& m) {
   if (rc == 0) rc = readNameInRoom(m, 212, 32, subGroup, "qDropSubMsg.subGroup", step, "subGroup");
   if (rc != 0) return rplTrace_.ret(rc);
 
-  FILE* out = m.out;
-  put(out, " subName:        %.*s\n", subName);
-  std::fprintf(out, " subId:          %d\n", subId);
-  put(out, " schemaSubName:  %.*s\n", schemaSubName);
-  put(out, " subGroup:       %.*s\n", subGroup);
-  std::fprintf(out, " initiatorNode:  %d\n", initiator);
-  std::fprintf(out, " sourceNode:     %d\n", source);
-  std::fprintf(out, " targetNode:     %d\n", target);
-  std::fprintf(out, " flags:          %u\n", flags);
-  std::fprintf(out, " originated from:  %s\n", (flags & 1) ? "DROP TABLE DDL" : "SIGNAL");
+  o.field("subName", subName, " subName:        %.*s\n");
+  o.field("subId", subId, " subId:          %d\n");
+  o.field("schemaSubName", schemaSubName, " schemaSubName:  %.*s\n");
+  o.field("subGroup", subGroup, " subGroup:       %.*s\n");
+  o.field("initiatorNode", initiator, " initiatorNode:  %d\n");
+  o.field("sourceNode", source, " sourceNode:     %d\n");
+  o.field("targetNode", target, " targetNode:     %d\n");
+  o.field("flags", flags, " flags:          %u\n");
+  o.field("originated_from", (flags & 1) ? "DROP TABLE DDL" : "SIGNAL", " originated from:  %s\n");
   return rplTrace_.ret(0);
 }
 
@@ -253,11 +244,11 @@ int32_t printDropSubMsg(QMsg& m) {
 // p2pReadytostopMsg (85):  8 sub_id  12 subname (134)
 // p2pSubDeactivatedMsg (86): 8 sub_id       (never swapped or converted)
 
-int32_t printP2pJoinUsMsg(QMsg& m) {
+template <class O>
+int32_t printP2pJoinUsMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 334);
   const char* step = "p2pJoinUsMsg::printMe";
-  int32_t rc = qMsgHeader::printFor(m, step);
-  if (rc != 0) return rplTrace_.ret(rc);
+  int32_t rc = 0;
   uint16_t version = 0;
   int16_t source = 0, target = 0;
   int32_t subId = 0;
@@ -273,105 +264,117 @@ int32_t printP2pJoinUsMsg(QMsg& m) {
   if (rc == 0) rc = convertChar(m, 147, loadPhase, "p2pJoinUsMsg.loadPhase", step, "loadPhase");
   if (rc != 0) return rplTrace_.ret(rc);
 
-  FILE* out = m.out;
-  put(out, "  subname:     %.*s\n", subname);
+  o.field("subname", subname, "  subname:     %.*s\n");
   // The line shows where the member set lies in the buffer, not the members themselves; the
   // value therefore changes from run to run.
-  std::fprintf(out, "  groupMembers:  %016" PRIx64 "\n",
-               static_cast<uint64_t>(reinterpret_cast<uintptr_t>(members)));
-  std::fprintf(out, "  sourceNode:  %d\n", source);
-  std::fprintf(out, "  targetNode:  %d\n", target);
-  putChar(out, "  loadPhase:   ", loadPhase);
-  putChar(out, "  subType:     ", subType);
-  if (version >= 2) std::fprintf(out, "  sub_id:      %d\n", subId);
+  o.text("  groupMembers:  %016" PRIx64 "\n", static_cast<uint64_t>(reinterpret_cast<uintptr_t>(members)));
+  o.field("sourceNode", source, "  sourceNode:  %d\n");
+  o.field("targetNode", target, "  targetNode:  %d\n");
+  o.chars("loadPhase", loadPhase, "  loadPhase:   ");
+  o.chars("subType", subType, "  subType:     ");
+  if (version >= 2) o.field("sub_id", subId, "  sub_id:      %d\n");
   return rplTrace_.ret(0);
 }
 
-int32_t printP2pSpoolingMsg(QMsg& m) {
+template <class O>
+int32_t printP2pSpoolingMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 335);
   const char* step = "p2pSpoolingMsg::printMe";
-  int32_t rc = qMsgHeader::printFor(m, step);
-  if (rc != 0) return rplTrace_.ret(rc);
+  int32_t rc = 0;
   int16_t newNode = 0;
   ConvText subname;
   rc = fixI16(m, 142, newNode, "p2pSpoolingMsg.newNode");
   if (rc == 0) rc = readNameInRoom(m, 8, kSubnameRoom, subname, "p2pSpoolingMsg.subname", step, "subname");
   if (rc != 0) return rplTrace_.ret(rc);
-  put(m.out, "  subname:    %.*s\n", subname);
-  std::fprintf(m.out, "  newNode:    %d\n", newNode);
+  o.field("subname", subname, "  subname:    %.*s\n");
+  o.field("newNode", newNode, "  newNode:    %d\n");
   return rplTrace_.ret(0);
 }
 
-int32_t printP2pLoadDoneMsg(QMsg& m) {
+template <class O>
+int32_t printP2pLoadDoneMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 336);
   const char* step = "p2pLoadDoneMsg::printMe";
-  int32_t rc = qMsgHeader::printFor(m, step);
-  if (rc != 0) return rplTrace_.ret(rc);
+  int32_t rc = 0;
   int32_t subId = 0;
   ConvText role;
   rc = fixI32(m, 8, subId, "p2pLoadDoneMsg.sub_id");
   if (rc == 0) rc = convertChar(m, 12, role, "p2pLoadDoneMsg.role", step, "role");
   if (rc != 0) return rplTrace_.ret(rc);
-  std::fprintf(m.out, "  sub_id:     %d\n", subId);
-  putChar(m.out, "  role:       ", role);
+  o.field("sub_id", subId, "  sub_id:     %d\n");
+  o.chars("role", role, "  role:       ");
   return rplTrace_.ret(0);
 }
 
-int32_t printP2pCapStopMsg(QMsg& m) {
+template <class O>
+int32_t printP2pCapStopMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 337);
-  // Printed as stored: its own header form with the family unconverted and the version as it
-  // stands, and the name's bytes as they are.
-  QMsg raw(m.r.data(), m.r.size(), m.out, nullptr, nullptr);
-  int32_t rc = qMsgHeader::printLines(raw, false);
+  // Printed as stored (the dispatch hands it over without conversion context): its own header
+  // form with the family unconverted and the version as it stands, and the name's bytes as
+  // they are.
+  int32_t rc = printHeaderLines(m, o, false);
   if (rc != 0) {
     reportFailure("p2pCapStopMsg::printMe", "qMsgHeader::printMe", rc, "Cannot print message header");
     return rplTrace_.ret(rc);
   }
   const uint8_t* name = nullptr;
   uint16_t len = 0;
-  rc = raw.r.bytes(8, kSubnameRoom, name, "p2pCapStopMsg.subname");
-  if (rc == 0) rc = raw.r.name(8, kSubnameRoom, name, len, "p2pCapStopMsg.subname");
+  rc = m.r.name(8, kSubnameRoom, name, len, "p2pCapStopMsg.subname");
   if (rc != 0) return rplTrace_.ret(rc);
-  std::fprintf(m.out, "  subname:    %.*s\n", static_cast<int>(len), reinterpret_cast<const char*>(name));
+  o.show("subname", std::string_view(reinterpret_cast<const char*>(name), len), "  subname:    %.*s\n",
+         static_cast<int>(len), reinterpret_cast<const char*>(name));
   return rplTrace_.ret(0);
 }
 
-int32_t printP2pSubStoppingMsg(QMsg& m) {
+template <class O>
+int32_t printP2pSubStoppingMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 338);
   const char* step = "p2pSubStoppingMsg::printMe";
-  int32_t rc = qMsgHeader::printFor(m, step);
-  if (rc != 0) return rplTrace_.ret(rc);
+  int32_t rc = 0;
   ConvText subname;
   rc = readNameInRoom(m, 8, kSubnameRoom, subname, "p2pSubStoppingMsg.subname", step, "subname");
   if (rc != 0) return rplTrace_.ret(rc);
-  put(m.out, "  subname:    %.*s\n", subname);
+  o.field("subname", subname, "  subname:    %.*s\n");
   return rplTrace_.ret(0);
 }
 
-int32_t printP2pReadyToStopMsg(QMsg& m) {
+template <class O>
+int32_t printP2pReadyToStopMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 339);
   const char* step = "p2pReadytostopMsg::printMe";
-  int32_t rc = qMsgHeader::printFor(m, step);
-  if (rc != 0) return rplTrace_.ret(rc);
+  int32_t rc = 0;
   int32_t subId = 0;
   ConvText subname;
   rc = fixI32(m, 8, subId, "p2pReadytostopMsg.sub_id");
   if (rc == 0) rc = readNameInRoom(m, 12, kSubnameRoom, subname, "p2pReadytostopMsg.subname", step, "subname");
   if (rc != 0) return rplTrace_.ret(rc);
-  put(m.out, "  subname:    %.*s\n", subname);
-  std::fprintf(m.out, "  sub_id:     %d\n", subId);
+  o.field("subname", subname, "  subname:    %.*s\n");
+  o.field("sub_id", subId, "  sub_id:     %d\n");
   return rplTrace_.ret(0);
 }
 
-int32_t printP2pSubDeactivatedMsg(QMsg& m) {
+template <class O>
+int32_t printP2pSubDeactivatedMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 340);
-  // The capture side sends it without conversion context: read as stored.
-  QMsg raw(m.r.data(), m.r.size(), m.out, nullptr, nullptr);
-  int32_t rc = qMsgHeader::printFor(raw, "p2pSubDeactivatedMsg::printMe");
-  if (rc != 0) return rplTrace_.ret(rc);
+  // The capture side sends it without conversion context: the dispatch hands it over as stored.
   int32_t subId = 0;
-  rc = raw.r.i32(8, subId, "p2pSubDeactivatedMsg.sub_id");
+  int32_t rc = m.r.i32(8, subId, "p2pSubDeactivatedMsg.sub_id");
   if (rc != 0) return rplTrace_.ret(rc);
-  std::fprintf(m.out, "  sub_id:     %d\n", subId);
+  o.field("sub_id", subId, "  sub_id:     %d\n");
   return rplTrace_.ret(0);
 }
+
+#define RPL_LIFECYCLE_PRINTERS(O)                        \
+  template int32_t printLoadDoneMsg(QMsg&, O&);          \
+  template int32_t printSubDeactivatedMsg(QMsg&, O&);    \
+  template int32_t printCreateSubMsg(QMsg&, O&);         \
+  template int32_t printDropSubMsg(QMsg&, O&);           \
+  template int32_t printP2pJoinUsMsg(QMsg&, O&);         \
+  template int32_t printP2pSpoolingMsg(QMsg&, O&);       \
+  template int32_t printP2pLoadDoneMsg(QMsg&, O&);       \
+  template int32_t printP2pCapStopMsg(QMsg&, O&);        \
+  template int32_t printP2pSubStoppingMsg(QMsg&, O&);    \
+  template int32_t printP2pReadyToStopMsg(QMsg&, O&);    \
+  template int32_t printP2pSubDeactivatedMsg(QMsg&, O&);
+RPL_LIFECYCLE_PRINTERS(TextSink)
+RPL_LIFECYCLE_PRINTERS(JsonSink)

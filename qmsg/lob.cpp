@@ -4,6 +4,7 @@
 #include "qmsg/forms.h"
 #include "qmsg/header.h"
 #include "qmsg/schema.h"
+#include "qmsg/sink.h"
 #include "runtime/trace.h"
 
 // Two layouts by msgVersion:
@@ -28,21 +29,24 @@ enum : uint32_t { kLobCpDatabase = 1, kLobCpApplication = 2 };
 
 constexpr const char* kLobStep = "qLobMsg::printMe";
 
-void printLobFlagLines(QMsg& m, uint8_t type, uint8_t flag) {
+template <class O>
+void printLobFlagLines(O& o, uint8_t type, uint8_t flag) {
+  o.hidden("msgFlag", flag);
   if (!(type & 0x81) || flag == 0) return;
-  std::fputs("  qMsgHeader.msgFlag:\n", m.out);
-  if ((type & 0x83) && (flag & kLobFlagLast)) std::fputs("    Last message in DB transaction.\n", m.out);
-  if ((type & 0x81) && (flag & kLobFlagNull)) std::fputs("    LOB value is NULL.\n", m.out);
-  if (flag & kLobFlagParallel) std::fputs("    Parallel send queues enabled.\n", m.out);
+  o.text("  qMsgHeader.msgFlag:\n");
+  if ((type & 0x83) && (flag & kLobFlagLast)) o.text("    Last message in DB transaction.\n");
+  if ((type & 0x81) && (flag & kLobFlagNull)) o.text("    LOB value is NULL.\n");
+  if (flag & kLobFlagParallel) o.text("    Parallel send queues enabled.\n");
 }
 
 }  // namespace
 
-int32_t printLobMsg(QMsg& m, const LobColumn& col) {
+template <class O>
+int32_t printLobMsg(QMsg& m, O& o, const LobColumn& col) {
   RPL_TRACE(kCompPrinters, 27);
   uint16_t version = 0;
   int32_t rc = m.version(version);
-  if (rc == 0) rc = qMsgHeader::printLines(m, true);
+  if (rc == 0) rc = printHeaderLines(m, o, true);
   if (rc != 0) {
     reportFailure(kLobStep, version < 7 ? "qMsgHeaderV6::printMe" : "qMsgHeader::printMe", rc,
                   "Cannot print LOB message header");
@@ -62,17 +66,20 @@ int32_t printLobMsg(QMsg& m, const LobColumn& col) {
   if (rc == 0) rc = m.r.fix32(v7 ? 28 : 24, partLen, "qLobMsg.lobDataPartLen");
   if (rc != 0) return rplTrace_.ret(rc);
 
-  printLobFlagLines(m, type, flag);
-  FILE* out = m.out;
-  std::fprintf(out, "  sub_id:          %d\n", static_cast<int32_t>(subId));
-  std::fprintf(out, "  lobId:           [ rowNum = %d, colNum = %d ]", static_cast<int32_t>(rowNum), colNum);
+  printLobFlagLines(o, type, flag);
+  o.field("sub_id", static_cast<int32_t>(subId), "  sub_id:          %d\n");
+  o.text("  lobId:           [ rowNum = %d, colNum = %d ]", static_cast<int32_t>(rowNum), colNum);
+  o.hidden("rowNum", static_cast<int32_t>(rowNum));
+  o.hidden("colNum", colNum);
   if (v7) {
-    if (cpKind == kLobCpDatabase) std::fputs("\n  lob codepage:    DATABASE codepage\n", out);
-    else if (cpKind == kLobCpApplication) std::fputs("\n  lob codepage:    APPLICATION codepage\n", out);
-    else std::fputs("\n  lob codepage:   NOT SET\n", out);
+    const char* kind = cpKind == kLobCpDatabase ? "DATABASE" : cpKind == kLobCpApplication ? "APPLICATION" : "NOT SET";
+    o.hidden("lob_codepage", kind);
+    if (cpKind == kLobCpDatabase) o.text("\n  lob codepage:    DATABASE codepage\n");
+    else if (cpKind == kLobCpApplication) o.text("\n  lob codepage:    APPLICATION codepage\n");
+    else o.text("\n  lob codepage:   NOT SET\n");
   }
-  std::fprintf(out, "  lobTotalDataLen: %d\n", static_cast<int32_t>(total));
-  std::fprintf(out, "  lobDataPartLen:  %d\n", static_cast<int32_t>(partLen));
+  o.field("lobTotalDataLen", static_cast<int32_t>(total), "  lobTotalDataLen: %d\n");
+  o.field("lobDataPartLen", static_cast<int32_t>(partLen), "  lobDataPartLen:  %d\n");
 
   const uint16_t colType = col.type & ~1u;
   const bool isNull = (flag & kLobFlagNull) != 0;
@@ -85,41 +92,53 @@ int32_t printLobMsg(QMsg& m, const LobColumn& col) {
 
   ConvText name, text;
   if (col.name != nullptr) name.borrow(col.name, col.nameLen);
-  if (!isNull && dataLen > 0) {
-    if (col.name != nullptr) {
-      rc = convertText(m, col.name, col.nameLen, name, kLobStep, "ConvMgr::cpcvl", "colname");
-      if (rc != 0) return rplTrace_.ret(rc);
-    }
-    if (colType == kColClob || colType == kColDbclob) {
-      rc = convertText(m, data, dataLen, text, kLobStep, "ConvMgr::cpcvc", "CLOB or DBCLOB data", col.codePage);
-      if (rc != 0) return rplTrace_.ret(rc);
-    }
+  // The text converts the name only when there is data to print; JSON always (it is UTF-8).
+  if ((O::kJson || (!isNull && dataLen > 0)) && col.name != nullptr) {
+    rc = convertText(m, col.name, col.nameLen, name, kLobStep, "ConvMgr::cpcvl", "colname");
+    if (rc != 0) return rplTrace_.ret(rc);
+  }
+  if (!isNull && dataLen > 0 && (colType == kColClob || colType == kColDbclob)) {
+    rc = convertText(m, data, dataLen, text, kLobStep, "ConvMgr::cpcvc", "CLOB or DBCLOB data", col.codePage);
+    if (rc != 0) return rplTrace_.ret(rc);
   }
   if (col.name != nullptr)
-    std::fprintf(out, "  colName:         %.*s\n", name.size(), name.data());
+    o.field("colname", name, "  colName:         %.*s\n");
   else
-    std::fputs("  colName:         Unknown because schema info is not available.\n", out);
-  if (isNull) return rplTrace_.ret(0);
-
-  switch (colType) {
-    case kColClob:
-      std::fputs("\n****  CLOB data ****\n\n", out);
-      std::fprintf(out, "%.*s\n\n", text.size(), text.data());
-      break;
-    case kColDbclob:
-      std::fputs("\n****  DBCLOB data ****\n\n", out);
-      dumpHex(static_cast<size_t>(text.size()), reinterpret_cast<const uint8_t*>(text.data()), out);
-      break;
-    case kColBlob:
-      std::fputs("\n****  BLOB data ****\n\n", out);
-      dumpHex(dataLen, data, out);
-      break;
-    default:
-      std::fputs("\n**** WARNING: Column type info is not available ****\n"
-                 "**** In case of DBCLOB only the first half of the data is printed out. ****\n", out);
-      std::fputs("****  LOB data ****\n\n", out);
-      dumpHex(dataLen, data, out);
-      break;
+    o.show("colname", SqlNull{}, "  colName:         Unknown because schema info is not available.\n");
+  if (isNull) {
+    o.hidden("data", SqlNull{});
+    return rplTrace_.ret(0);
   }
-  return rplTrace_.ret(0);
+
+  if constexpr (O::kJson) {
+    if (colType == kColClob || colType == kColDbclob) o.hidden("data", text);
+    else o.hidden("data", HexBytes{data, dataLen});
+    return rplTrace_.ret(0);
+  } else {
+    FILE* out = o.out();
+    switch (colType) {
+      case kColClob:
+        std::fputs("\n****  CLOB data ****\n\n", out);
+        std::fprintf(out, "%.*s\n\n", text.size(), text.data());
+        break;
+      case kColDbclob:
+        std::fputs("\n****  DBCLOB data ****\n\n", out);
+        dumpHex(static_cast<size_t>(text.size()), reinterpret_cast<const uint8_t*>(text.data()), out);
+        break;
+      case kColBlob:
+        std::fputs("\n****  BLOB data ****\n\n", out);
+        dumpHex(dataLen, data, out);
+        break;
+      default:
+        std::fputs("\n**** WARNING: Column type info is not available ****\n"
+                   "**** In case of DBCLOB only the first half of the data is printed out. ****\n", out);
+        std::fputs("****  LOB data ****\n\n", out);
+        dumpHex(dataLen, data, out);
+        break;
+    }
+    return rplTrace_.ret(0);
+  }
 }
+
+template int32_t printLobMsg(QMsg&, TextSink&, const LobColumn&);
+template int32_t printLobMsg(QMsg&, JsonSink&, const LobColumn&);

@@ -58,6 +58,13 @@ class TextSink {
   void show(const char* key, const V& v, const char* format, A... a) {
     std::fprintf(out_, format, a...);
   }
+  // A converted character field as "%c" prints it: the label, its bytes (a zero byte
+  // included), the line end.
+  void chars(const char* key, const ConvText& t, const char* label, const char* after = "\n") {
+    std::fputs(label, out_);
+    std::fwrite(t.data(), 1, static_cast<size_t>(t.size()), out_);
+    std::fputs(after, out_);
+  }
   // A field only the JSON carries (the text shows it in another form or not at all).
   template <typename V>
   void hidden(const char*, const V&) {}
@@ -94,6 +101,7 @@ class JsonSink {
   void hidden(const char* key, const V& v) {
     put(key, v);
   }
+  void chars(const char* key, const ConvText& t, const char*, const char* = "\n") { put(key, t); }
   void beginList(const char* key) { j_.beginArray(key); }
   void endList() { j_.endArray(); }
   void beginItem() { j_.beginObject(); }
