@@ -79,8 +79,8 @@ for s in "${senders[@]}"; do
   # --json: one object per message, each parsed by jq, the descriptor under "kxmd".
   rplq --json QMR "$q" >"$work/$q.jsonl" || fail "$q: --json"
   [ "$(wc -l <"$work/$q.jsonl")" = "$n" ] || fail "$q: $(wc -l <"$work/$q.jsonl") JSON lines for $n messages"
-  jq -e 'has("kxmd") and (.kxmd.position | type == "number")' "$work/$q.jsonl" >/dev/null ||
-    fail "$q: a JSON line is not an object with its descriptor"
+  jq -e 'has("kxmd") and (.kxmd.position | type == "number") and (has("error") | not)' "$work/$q.jsonl" >/dev/null ||
+    fail "$q: a JSON line is not an object with its descriptor, or holds an error"
   [ "$(jq -r .kxmd.position "$work/$q.jsonl" | tr '\n' ' ')" = "$(seq -s ' ' 1 "$n") " ] ||
     fail "$q: JSON positions are not 1..$n"
   [ "$(jq -r 'select(.text) | .text' "$work/$q.jsonl")" = "plain text before the traffic" ] ||
@@ -132,6 +132,27 @@ $(diff "$work/$q.byjq" "$work/$q.bysum")"
   [ "$(rplq --since "$t" --until "$t" --json QMR "$q" | jq -r .commit_LSN)" = "$second" ] ||
     fail "$q: --since/--until $t do not select the transaction committed then"
 done
+
+# A transaction cut short: the text goes as far as it can and names the message on standard
+# error, the JSON line stays valid with its "error", and the summary lists the failure.
+kxq create-queue QMR CUT >/dev/null
+kxq browse QMR LE --to "$work/le.raw" >/dev/null
+for f in "$work"/le.raw/*.msg; do
+  if [ "$(xxd -p -s 32 -l 8 "$f")$(xxd -p -s 368 -l 1 "$f")" = 434f4d504143542080 ]; then
+    head -c $((364 + 120)) "$f" >"$work/cut.msg"
+    break
+  fi
+done
+[ -s "$work/cut.msg" ] || fail "no transaction to cut"
+kxq put QMR CUT --raw "$work/cut.msg" || fail "put the cut transaction"
+rplq QMR CUT >"$work/cut.txt" 2>"$work/cut.err" || fail "a cut transaction ends the run with $?"
+grep -q '^\*\*\*\* Message number: 1$' "$work/cut.txt" || fail "the cut transaction is not shown"
+[ "$(wc -l <"$work/cut.err")" = 1 ] && grep -q '^rplq: message 1: ' "$work/cut.err" ||
+  fail "the cut transaction's report: $(cat "$work/cut.err")"
+rplq --json QMR CUT 2>/dev/null | jq -e '.error and .kxmd.position == 1' >/dev/null ||
+  fail "the cut transaction's JSON has no error member"
+rplq --summary --json QMR CUT | jq -e '.decoding_failures == 1 and .failures[0].position == 1 and (.failures[0].reason | length > 0)' >/dev/null ||
+  fail "the summary does not list the cut transaction"
 
 # Text in an EBCDIC code page comes out of --json as UTF-8.
 printf '\xc8\x85\x93\x93\x96\x40\xe6\x96\x99\x93\x84' | kxq put QMR EB --format KXSTR --ccsid 37 ||
