@@ -198,8 +198,8 @@ TEST(RplqTyped, SummaryBySubscription) {
   EXPECT_EQ(subs[2]["rows"]["other"], 2);
 }
 
-// The stream reading of the rendering counts as the document does.
-TEST(RplqTyped, SummaryFromTheStreamEqualsTheDocument) {
+// The one-pass reading of the rendering counts as the document does.
+TEST(RplqTyped, SummaryFromTheTextEqualsTheDocument) {
   auto written = [](const rplq::SubSummary& summary) {
     rplq::SubDirectory dir;
     char* text = nullptr;
@@ -217,6 +217,9 @@ TEST(RplqTyped, SummaryFromTheStreamEqualsTheDocument) {
       R"({"rows": [], "commit_LSN": "01"})",
       R"({"commit_time": "2025-01-01T00:00:00.000000Z", "rows": [{"operation": "DELETE", "sub_id": 4,
           "cols_before": {"rows": [{"operation": "INSERT", "sub_id": 5}], "sub_id": 6}}]})",
+      // Quotes, brackets and keys inside strings, and an array of objects after the rows.
+      R"({"rows": [{"sub_id": 7, "cols_after": {"A": "x\"}],{\"operation\":", "B": "]"},
+          "operation": "UPDATE"}], "columns": [{"sub_id": 8, "operation": "INSERT"}]})",
   };
   rplq::SubSummary byDocument, byStream;
   for (const char* m : messages) {
@@ -224,7 +227,8 @@ TEST(RplqTyped, SummaryFromTheStreamEqualsTheDocument) {
     EXPECT_TRUE(byStream.addRendered(m)) << m;
   }
   EXPECT_EQ(written(byStream), written(byDocument));
-  EXPECT_FALSE(byStream.addRendered(R"({"rows": [)"));
+  for (const char* bad : {R"({"rows": [)", R"({"a": "b)", "}{", ""})
+    EXPECT_FALSE(byStream.addRendered(bad)) << bad;
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <sstream>
+#include <string_view>
 
 #include "tools/rplq/summary.h"
 
@@ -186,72 +187,74 @@ void SubSummary::add(const json& msg) {
 
 namespace {
 
-// Reads "commit_time", "commit_LSN" and each row's "sub_id" and "operation" from the stream
-// of a message's JSON text.
-class RowScan : public nlohmann::json_sax<json> {
- public:
-  std::string commit, lsn;
-  std::vector<SubSummary::RowKey> rows;
+bool isBlank(char c) { return c == ' ' || c == '\n' || c == '\t' || c == '\r'; }
 
-  bool null() override { return value(); }
-  bool boolean(bool) override { return value(); }
-  bool number_integer(number_integer_t v) override { return integer(v); }
-  bool number_unsigned(number_unsigned_t v) override { return integer(static_cast<int64_t>(v)); }
-  bool number_float(number_float_t, const string_t&) override { return value(); }
-  bool binary(binary_t&) override { return value(); }
-  bool string(string_t& v) override {
-    if (depth_ == 1 && key_ == "commit_time") commit = v;
-    else if (depth_ == 1 && key_ == "commit_LSN") lsn = v;
-    else if (inRow() && key_ == "operation") rows.back().operation = v;
-    return value();
+// Reads "commit_time" and "commit_LSN" of the message and "sub_id" and "operation" of each
+// element of its "rows" array from the JSON text in one pass, without building a document:
+// strings are skipped by their quotes and escapes, containers counted by their brackets. False
+// when the text is not balanced JSON.
+bool scanRows(const std::string& text, std::string& commit, std::string& lsn,
+              std::vector<SubSummary::RowKey>& rows) {
+  const size_t n = text.size();
+  int depth = 0;
+  bool inRows = false;  // inside the top-level "rows" array (depth 2)
+  bool sawContainer = false;
+  std::string key;
+  size_t i = 0;
+  auto inRow = [&] { return inRows && depth == 3 && !rows.empty(); };
+  while (i < n) {
+    const char c = text[i];
+    if (isBlank(c) || c == ',') {
+      ++i;
+    } else if (c == '"') {
+      size_t j = i + 1;
+      while (j < n && text[j] != '"') j += text[j] == '\\' ? 2 : 1;
+      if (j >= n) return false;
+      std::string_view str(text.data() + i + 1, j - i - 1);
+      i = j + 1;
+      while (i < n && isBlank(text[i])) ++i;
+      if (i < n && text[i] == ':') {
+        key.assign(str);
+        ++i;
+        continue;
+      }
+      if (depth == 1 && key == "commit_time") commit.assign(str);
+      else if (depth == 1 && key == "commit_LSN") lsn.assign(str);
+      else if (inRow() && key == "operation") rows.back().operation.assign(str);
+      key.clear();
+    } else if (c == '{' || c == '[') {
+      if (c == '[' && depth == 1 && key == "rows") inRows = true;
+      if (c == '{' && inRows && depth == 2) rows.push_back({-1, {}});
+      ++depth;
+      sawContainer = true;
+      key.clear();
+      ++i;
+    } else if (c == '}' || c == ']') {
+      if (--depth < 0) return false;
+      if (depth == 1) inRows = false;
+      ++i;
+    } else {
+      size_t j = i;
+      while (j < n && !isBlank(text[j]) && text[j] != ',' && text[j] != '}' && text[j] != ']') ++j;
+      if (inRow() && key == "sub_id") {
+        char* end = nullptr;
+        long long v = std::strtoll(text.c_str() + i, &end, 10);
+        if (end == text.c_str() + j) rows.back().sub = v;
+      }
+      key.clear();
+      i = j;
+    }
   }
-  bool key(string_t& k) override {
-    key_ = k;
-    return true;
-  }
-  bool start_object(std::size_t) override {
-    if (rowsDepth_ != 0 && depth_ == rowsDepth_) rows.push_back({-1, {}});
-    ++depth_;
-    return value();
-  }
-  bool end_object() override {
-    --depth_;
-    return true;
-  }
-  bool start_array(std::size_t) override {
-    if (depth_ == 1 && key_ == "rows" && rowsDepth_ == 0) rowsDepth_ = depth_ + 1;
-    ++depth_;
-    return value();
-  }
-  bool end_array() override {
-    --depth_;
-    return true;
-  }
-  bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception&) override {
-    return false;
-  }
-
- private:
-  bool inRow() const { return rowsDepth_ != 0 && depth_ == rowsDepth_ + 1 && !rows.empty(); }
-  bool integer(int64_t v) {
-    if (inRow() && key_ == "sub_id") rows.back().sub = v;
-    return value();
-  }
-  bool value() {
-    key_.clear();
-    return true;
-  }
-  int depth_ = 0;
-  int rowsDepth_ = 0;  // depth inside the "rows" array, 0 before it
-  std::string key_;
-};
+  return depth == 0 && sawContainer;
+}
 
 }  // namespace
 
 bool SubSummary::addRendered(const std::string& text) {
-  RowScan scan;
-  if (!json::sax_parse(text, &scan)) return false;
-  if (!scan.rows.empty()) add(scan.commit, scan.lsn, scan.rows);
+  std::string commit, lsn;
+  std::vector<RowKey> rows;
+  if (!scanRows(text, commit, lsn, rows)) return false;
+  if (!rows.empty()) add(commit, lsn, rows);
   return true;
 }
 

@@ -69,8 +69,8 @@ class SubSummary {
  public:
   // Counts the rows of one message by subscription and operation.
   void add(const nlohmann::json& msg);
-  // The same from the message's JSON text, read as a stream (no document is built). False when
-  // the text is not valid JSON.
+  // The same from the message's JSON text, read in one pass (no document is built). False when
+  // the text is not balanced JSON.
   bool addRendered(const std::string& text);
   void writeTable(FILE* out, const SubDirectory& dir) const;
   // Members "subscriptions": [...] (with a leading comma) for the summary object.
