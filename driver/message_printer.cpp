@@ -44,10 +44,10 @@ int32_t outputCcsid(const char* encodingName, int32_t& ccsid) {
   return 0;
 }
 
-// The banner of a message that is not compact (the compact decoder writes its own).
+// The banner of a message that is not compact (the compact decoder writes its own): the
+// number line alone, its size line follows in the message's own form.
 void banner(FILE* out, int32_t& counter) {
-  ++counter;
-  std::fprintf(out, "\n\n**** Message number: %d\n", counter);
+  printBanner(out, ++counter, 0, false);
 }
 
 }  // namespace

@@ -306,19 +306,19 @@ int32_t decodeLob(Decode& d, O& o) {
   return rc;
 }
 
-int32_t decodeDdl(Decode& d, TextSink&) {
+template <class O>
+int32_t decodeDdl(Decode& d, O& o) {
   uint8_t sub = d.m.r.data()[5] & 127;
   switch (sub) {
-    case kDdlAlterColumn: return printAlterColumnMsg(d.m);
-    case kDdlDropColumn: return printDropColumnMsg(d.m);
-    case kDdlGeneric: return printGenericDdlMsg(d.m);
+    case kDdlAlterColumn: return printAlterColumnMsg(d.m, o);
+    case kDdlDropColumn: return printDropColumnMsg(d.m, o);
+    case kDdlGeneric: return printGenericDdlMsg(d.m, o);
     default:
-      std::fprintf(d.m.out, "Unknown DDL msg type: %d received in queue: %s\n", sub, d.queueName);
-      qMsgHeader::printMe(d.m);
+      o.text("Unknown DDL msg type: %d received in queue: %s\n", sub, d.queueName);
+      printHeaderLines(d.m, o, true);
       return kRcUnknownType;
   }
 }
-
 // The send-queue start message is its header alone.
 template <class O>
 int32_t decodeSendqStart(Decode& d, O& o) {
@@ -330,15 +330,17 @@ int32_t decodeSendqStart(Decode& d, O& o) {
   return rc;
 }
 
-int32_t decodeRestart(Decode& d, TextSink&) {
-  printRestartMsg(d.m);
+// The restart message prints no header lines; a failure ends its lines without failing the
+// run. The JSON object still names the message and keeps the failure.
+int32_t decodeRestart(Decode& d, TextSink& o) {
+  printRestartMsg(d.m, o);
   return 0;
 }
 
-// A printer that writes to the message's stream itself (no field sink yet).
-template <int32_t (*Print)(QMsg&)>
-int32_t streamOnly(Decode& d, TextSink&) {
-  return Print(d.m);
+int32_t decodeRestart(Decode& d, JsonSink& o) {
+  int32_t rc = printHeaderLines(d.m, o, false);
+  if (rc == 0) rc = printRestartMsg(d.m, o);
+  return rc;
 }
 
 // How the dispatcher treats a type before its body printer runs.
@@ -384,19 +386,19 @@ constexpr TypeRow kTypeRows[] = {
     {kTypeLoadDone, "RPLKX_LOADDONE_RCVD", "qLoaddoneRcvdMsg::printMe", Order::Sender, Prologue::Header, nullptr, nullptr, RPL_SINK_BODIES(printLoadDoneMsg)},
     {kTypeHeartbeat, "RPLKX_HEARTBEAT", "qHeartBeatMsg::printMe", Order::Sender, Prologue::Header, nullptr, nullptr, RPL_SINK_BODIES(printHeartbeatMsg)},
     {kTypeSubDeactivated, "RPLKX_SUBDEACTIVATED", "qSubDeactivatedMsg::printMe", Order::Sender, Prologue::Header, nullptr, nullptr, RPL_SINK_BODIES(printSubDeactivatedMsg)},
-    {kTypeAddColumn, "RPLKX_ADDCOLUMN_MSG", "qAddColumnMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, streamOnly<printAddColumnMsg>, nullptr},
-    {kTypeDdl, "RPLKX_DDL_MSG", "qDdlMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeDdl, nullptr},
+    {kTypeAddColumn, "RPLKX_ADDCOLUMN_MSG", "qAddColumnMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, RPL_SINK_BODIES(printAddColumnMsg)},
+    {kTypeDdl, "RPLKX_DDL_MSG", "qDdlMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeDdl<TextSink>, decodeDdl<JsonSink>},
     {kTypeSyncRequest, "RPLKX_SYNCREQUEST_MSG", "qRequestSyncOnQueueMsg::printMe", Order::Sender, Prologue::Header, "qRequestSyncOnQueueMsg::printMe", "cannot print qRequestSyncOnQueueMsg class", RPL_SINK_BODIES(printRequestSyncOnQueueMsg)},
     {kTypeSyncResponse, "RPLKX_SYNCRESPONSE_MSG", "qSyncResponseMsg::printMe", Order::Sender, Prologue::Header, "qSyncResponseMsg::printMe", "cannot print qSyncResponseMsg class", RPL_SINK_BODIES(printSyncResponseMsg)},
     {kTypeCreateSub, "RPLKX_CREATESUB_MSG", "qCreateSubMsg::printMe", Order::Sender, Prologue::Header, "qCreateSubMsg::printMe", "cannot print qCreateSubMsg class", RPL_SINK_BODIES(printCreateSubMsg)},
     {kTypeDropSub, "RPLKX_DROPSUB_MSG", "qDropSubMsg::printMe", Order::Sender, Prologue::Header, "qDropSubMsg::printMe", "cannot print qDropSubMsg class", RPL_SINK_BODIES(printDropSubMsg)},
     {kTypeSeqTimeReset, "RPLKX_SEQTIME_RESET_MSG", "qSequenceTimeResetMsg::printMe", Order::Sender, Prologue::Header, "qSequenceTimeResetMsg::printMe", "cannot print qSequenceTimeResetMsg", RPL_SINK_BODIES(printSequenceTimeResetMsg)},
-    {kTypeAddReplKeyCol, "RPLKX_ADD_REPL_KEY_COL_MSG", "qAddReplKeyColumnMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, streamOnly<printAddReplKeyColMsg>, nullptr},
+    {kTypeAddReplKeyCol, "RPLKX_ADD_REPL_KEY_COL_MSG", "qAddReplKeyColumnMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, RPL_SINK_BODIES(printAddReplKeyColMsg)},
     {kTypeFuncLevel, "RPLKX_FUNCLEVEL_MSG", "qFuncLevelMsg::printMe", Order::Sender, Prologue::Header, "qFuncLevelMsg::printMe", "cannot print qFuncLevelMsg class", RPL_SINK_BODIES(printFuncLevelMsg)},
     {kTypeSendqStart, "RPLKX_SENDQ_START", "qSendQStartMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeSendqStart<TextSink>, decodeSendqStart<JsonSink>},
-    {kTypeTruncate, "RPLKX_DDL_TRUNCATE_MSG", "qTruncateTableMsg::printMe", Order::Sender, Prologue::Body, "qTruncateTableMsg::printMe", "cannot print truncate ddl message class", streamOnly<printTruncateTableMsg>, nullptr},
-    {kTypeRedefineReplKey, "RPLKX_REDEFINE_REPL_KEY_MSG", "qRedefineReplKeyMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, streamOnly<printRedefineReplKeyMsg>, nullptr},
-    {kTypeRestart, "RPLKX_RESTART", "qRestartMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeRestart, nullptr},
+    {kTypeTruncate, "RPLKX_DDL_TRUNCATE_MSG", "qTruncateTableMsg::printMe", Order::Sender, Prologue::Body, "qTruncateTableMsg::printMe", "cannot print truncate ddl message class", RPL_SINK_BODIES(printTruncateTableMsg)},
+    {kTypeRedefineReplKey, "RPLKX_REDEFINE_REPL_KEY_MSG", "qRedefineReplKeyMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, RPL_SINK_BODIES(printRedefineReplKeyMsg)},
+    {kTypeRestart, "RPLKX_RESTART", "qRestartMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeRestart, decodeRestart},
     {kTypeSpillRow, "RPLKX_SPILLROW", "qSpilledRow::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeSpilledRow<TextSink>, decodeSpilledRow<JsonSink>},
     {kTypeAdminQ, "RPLKX_ADMINQ_MSG", "qAdminQMsg::printMe", Order::Sender, Prologue::Header, nullptr, nullptr, RPL_SINK_BODIES(printAdminQMsg)},
     {kTypeP2pJoinUs, "RPLKX_P2P_JOINUS_MSG", "p2pJoinUsMsg::printMe", Order::Sender, Prologue::Header, nullptr, nullptr, RPL_SINK_BODIES(printP2pJoinUsMsg)},
@@ -435,14 +437,7 @@ int32_t dispatch(const TypeRow& row, Decode& d, O& o) {
   Decode& use = row.order == Order::Stored ? asStored : d;
   int32_t rc = 0;
   if (row.prologue == Prologue::Header) rc = printHeader(use.m, o, row.step);
-  if (rc == 0) {
-    if (body != nullptr) {
-      rc = body(use, o);
-    } else if constexpr (O::kJson) {
-      if (row.prologue != Prologue::Header) rc = printHeaderLines(use.m, o, true);
-      if (rc == 0) o.hidden("body", "not rendered: no JSON form for this message type");
-    }
-  }
+  if (rc == 0) rc = body(use, o);
   if (rc != 0 && row.failText != nullptr) reportFailure("processCompactMsg", row.method, rc, row.failText);
   return rc;
 }

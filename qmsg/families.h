@@ -28,7 +28,7 @@ template <class O> int32_t printTransRow(QMsg& m, O& o, size_t at, uint16_t vers
 template <class O> int32_t printLobMsg(QMsg& m, O& o, const LobColumn& col);  // type 129
 
 // Restart.
-int32_t printRestartMsg(QMsg& m);          // 32
+template <class O> int32_t printRestartMsg(QMsg& m, O& o);  // 32 (no header lines)
 
 // Subscription lifecycle (bodies after the header lines, written through the sink `o`; 83
 // prints its own header form, 83 and 86 are handed over as stored).
@@ -44,14 +44,14 @@ template <class O> int32_t printP2pSubStoppingMsg(QMsg& m, O& o);    // 84
 template <class O> int32_t printP2pReadyToStopMsg(QMsg& m, O& o);    // 85
 template <class O> int32_t printP2pSubDeactivatedMsg(QMsg& m, O& o); // 86
 
-// Schema changes.
-int32_t printAddColumnMsg(QMsg& m);        // 5
-int32_t printAddReplKeyColMsg(QMsg& m);    // 12
-int32_t printAlterColumnMsg(QMsg& m);      // 6, DDL 1
-int32_t printDropColumnMsg(QMsg& m);       // 6, DDL 2
-int32_t printGenericDdlMsg(QMsg& m);       // 6, DDL 16
-int32_t printTruncateTableMsg(QMsg& m);    // 17
-int32_t printRedefineReplKeyMsg(QMsg& m);  // 18
+// Schema changes (each prints its header lines after its swap, through the sink `o`).
+template <class O> int32_t printAddColumnMsg(QMsg& m, O& o);        // 5
+template <class O> int32_t printAddReplKeyColMsg(QMsg& m, O& o);    // 12
+template <class O> int32_t printAlterColumnMsg(QMsg& m, O& o);      // 6, DDL 1
+template <class O> int32_t printDropColumnMsg(QMsg& m, O& o);       // 6, DDL 2
+template <class O> int32_t printGenericDdlMsg(QMsg& m, O& o);       // 6, DDL 16
+template <class O> int32_t printTruncateTableMsg(QMsg& m, O& o);    // 17
+template <class O> int32_t printRedefineReplKeyMsg(QMsg& m, O& o);  // 18
 
 // Queue control (bodies after the header lines, written through the sink `o`).
 template <class O> int32_t printHeartbeatMsg(QMsg& m, O& o);          // 3

@@ -118,10 +118,8 @@ int32_t printChunk(QMsg& m, O& o, size_t at, uint16_t version) {
 
   o.field("chunkSize", chunkSize, "    xfChunk.chunkSize:        %u\n");
   o.field("subId", subId, "    xfChunk.subId:            %u\n");
-  o.text("    xfChunk.controlMsgId:     ");
-  for (size_t i = 0; i < kMsgIdSize; ++i) o.text("%2.2x", msgId[i]);
-  o.text("\n");
-  o.hidden("controlMsgId", HexBytes{msgId, kMsgIdSize});
+  o.show("controlMsgId", HexBytes{msgId, kMsgIdSize}, "    xfChunk.controlMsgId:     %s\n",
+         hexRunText(msgId, kMsgIdSize, false).c_str());
   o.show("crtLRLsn", lsn, "    xfChunk.crtLRLsn:         %s\n",
          lsn.size() + 1 > kChunkLsnArea ? "...buffer full\n" : lsn.c_str());
   o.text("    xfChunk.uow_id_length:    %hu\n", uowLen);
@@ -264,9 +262,8 @@ int32_t printXfHeartBeatMsg(QMsg& m, O& o) {
   if (rc == 0) rc = m.r.machine(kMaxOrder, maxOrder, "xfHeartBeatMsg.maxXfSendRequestOrder");
   if (rc != 0) return rplTrace_.ret(rc);
 
-  char hex[2 * kMsgIdSize + 1];
-  for (size_t i = 0; i < kMsgIdSize; ++i) std::snprintf(hex + 2 * i, 3, "%02X", msgId[i]);
-  o.show("maxCoordMsgId", HexBytes{msgId, kMsgIdSize}, "xfHeartBeatMsg.maxCoordMsgId:          %s\n", hex);
+  o.show("maxCoordMsgId", HexBytes{msgId, kMsgIdSize}, "xfHeartBeatMsg.maxCoordMsgId:          %s\n",
+         hexRunText(msgId, kMsgIdSize, true).c_str());
   o.field("maxCrtLRLsn", lsn, "xfHeartBeatMsg.maxCrtLRLsn:            %s\n");
   o.field("xfSendRequestTmSeq", tmSeq, "xfHeartBeatMsg.xfSendRequestTmSeq:     %u\n");
   o.field("maxXfSendRequestOrder", maxOrder, "xfHeartBeatMsg.maxXfSendRequestOrder:  %u\n");

@@ -26,6 +26,21 @@ size_t hexPairChars(const uint8_t* p, size_t len, char* s) {
   return n;
 }
 
+size_t hexRun(const uint8_t* p, size_t n, bool upper, char* s) {
+  const char* digits = upper ? "0123456789ABCDEF" : "0123456789abcdef";
+  for (size_t i = 0; i < n; ++i) {
+    s[2 * i] = digits[p[i] >> 4];
+    s[2 * i + 1] = digits[p[i] & 15];
+  }
+  return 2 * n;
+}
+
+std::string hexRunText(const uint8_t* p, size_t n, bool upper) {
+  std::string s(2 * n, '\0');
+  hexRun(p, n, upper, s.data());
+  return s;
+}
+
 std::string formatHexPairs(const uint8_t* p, size_t len, size_t area) {
   std::string s(len / 2 * 5 + 2, '\0');
   s.resize(hexPairChars(p, len, s.data()));

@@ -20,6 +20,12 @@ std::string formatHexPairs(const uint8_t* p, size_t len, size_t area);
 // characters; returns its length.
 size_t hexPairChars(const uint8_t* p, size_t len, char* s);
 
+// A hex byte run: two digits per byte ("%02x" or "%02X" each), no separators, into `s`, which
+// has room for 2 * n characters; returns 2 * n.
+size_t hexRun(const uint8_t* p, size_t n, bool upper, char* s);
+// The same as a string.
+std::string hexRunText(const uint8_t* p, size_t n, bool upper);
+
 // Log position record (24 bytes: u8 flags, 3 reserved, u16 node at 4, u16 length at 6, up to
 // 16 position bytes from 8). `fixRecord` swaps node and length in place; `formatLsnRecord`
 // reads them in machine order and appends " (node %d)" when flag bit 0 is set and withNode.

@@ -1,6 +1,8 @@
 // JSON text of the rendering: strings made valid UTF-8 and escaped, hex runs, ISO-8601 times.
 #include "qmsg/json.h"
 
+#include "qmsg/forms.h"
+
 #include <cmath>
 #include <cstdio>
 #include <ctime>
@@ -85,13 +87,11 @@ void JsonOut::quote(std::string_view text) {
 }
 
 void JsonOut::hex(const char* key, const uint8_t* p, size_t n) {
-  static const char kHex[] = "0123456789abcdef";
   prefix(key);
   s_ += '"';
-  for (size_t i = 0; i < n; ++i) {
-    s_ += kHex[p[i] >> 4];
-    s_ += kHex[p[i] & 15];
-  }
+  const size_t at = s_.size();
+  s_.resize(at + 2 * n);
+  hexRun(p, n, false, s_.data() + at);
   s_ += '"';
 }
 

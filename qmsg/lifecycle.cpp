@@ -75,9 +75,7 @@ int32_t printLoadDoneMsg(QMsg& m, O& o) {
     if (rc == 0) rc = m.r.bytes(kTransInfoAt, kGenericTransInfoSize, block, "qLoaddoneRcvdMsg.transInfo");
     if (rc == 0) rc = fixGenericTransInfo(m, kTransInfoAt);
     if (rc == 0) rc = m.r.fix16(kTransInfoAt + 36, "qGenericTransInfo.flags");
-    if constexpr (!O::kJson) {
-      if (rc == 0) rc = printGenericTransInfo(m, kTransInfoAt);
-    }
+    if (rc == 0) rc = printGenericTransInfo(m, o, kTransInfoAt);
   }
   if (rc != 0) return rplTrace_.ret(rc);
   o.field("sub_id", subId, "  loaddone.sub_id: %d\n");

@@ -24,10 +24,13 @@
 //   | active | next msg seqno |len | sendq name | lastCommitLSN| sec | usec| nRestart | 24 x LSN
 //   +--------+----------------+----+------------+--------------+-----+-----+----------+-----..
 #include <cstdio>
+#include <cstring>
+#include <string_view>
 #include <string>
 
 #include "qmsg/families.h"
 #include "qmsg/forms.h"
+#include "qmsg/sink.h"
 #include "runtime/trace.h"
 
 namespace {
@@ -71,16 +74,23 @@ int32_t readRestartPoint(const MsgReader& r, size_t at, std::string& lsn, uint16
 
 // Commit time of the restart point: local stamp with the microseconds held to 999999.
 int32_t readCommitTime(const MsgReader& r, size_t secAt, size_t usecAt, std::string& out,
-                       const char* field) {
+                       UtcTime& utc, const char* field) {
   uint32_t seconds = 0, micros = 0;
   int32_t rc = r.machine(secAt, seconds, field);
   if (rc == 0) rc = r.machine(usecAt, micros, field);
   if (rc == 0) out = formatLocalStampMicros(seconds, micros);
+  utc = UtcTime{seconds, static_cast<int32_t>(micros > 999999 ? 999999 : micros)};
   return rc;
 }
 
+// A name read as stored (no conversion).
+std::string_view stored(const uint8_t* p, uint16_t n) {
+  return std::string_view(reinterpret_cast<const char*>(p), n);
+}
+
 // Prints the send-queue entry that starts at `at` and returns its length in `length`.
-int32_t printSendqEntry(const MsgReader& msg, size_t at, int32_t index, FILE* out, size_t& length) {
+template <class O>
+int32_t printSendqEntry(const MsgReader& msg, size_t at, int32_t index, O& o, size_t& length) {
   RPL_TRACE(kCompPrinters, 321);
   MsgReader r = msg.from(at);
   uint32_t activation = 0, restarts = 0;
@@ -88,6 +98,7 @@ int32_t printSendqEntry(const MsgReader& msg, size_t at, int32_t index, FILE* ou
   const uint8_t* seq = nullptr;
   uint16_t nameLen = 0;
   std::string lsn, time;
+  UtcTime utc{};
   // The fixed part of the entry, padding included, must all be there.
   int32_t rc = r.bytes(0, kSqRestartsAt, seq, "qRestartMsg.sendq entry");
   if (rc == 0) rc = r.machine(kSqActivationAt, activation, "qRestartMsg.sendq activation time");
@@ -95,36 +106,41 @@ int32_t printSendqEntry(const MsgReader& msg, size_t at, int32_t index, FILE* ou
   if (rc == 0) rc = r.name(kSqNameAt, kSqNameRoom, name, nameLen, "qRestartMsg.sendq name");
   if (rc == 0) rc = formatLsnRecord(r, kSqLastCommitLsnAt, true, lsn, "qRestartMsg.sendq lastCommitLSN");
   if (rc == 0)
-    rc = readCommitTime(r, kSqLastCommitSecAt, kSqLastCommitUsecAt, time, "qRestartMsg.sendq lastCommitTime");
+    rc = readCommitTime(r, kSqLastCommitSecAt, kSqLastCommitUsecAt, time, utc, "qRestartMsg.sendq lastCommitTime");
   if (rc == 0) rc = r.machine(kSqRestartCountAt, restarts, "qRestartMsg.sendq restart point count");
   if (rc != 0) return rplTrace_.ret(rc);
 
-  std::fprintf(out, "  [%4d] sendq name:             %.*s\n", index, static_cast<int>(nameLen),
-               reinterpret_cast<const char*>(name));
-  std::fprintf(out, "  %6s sendq activation time:  %-11d(%s)\n", "", static_cast<int32_t>(activation),
-               formatLocalStamp(activation).c_str());
-  std::fprintf(out, "  %6s sendq next msg seq no:  ", "");
-  for (size_t i = 0; i < kSqNextSeqSize; ++i) std::fprintf(out, "%2.2x", seq[i]);
-  std::fputc('\n', out);
-  std::fprintf(out, "  %6s sendq lastCommitLSN:    %s\n", "", lsn.c_str());
-  std::fprintf(out, "  %6s sendq lastCommitTime:   %s\n", "", time.c_str());
+  o.show("sendq_name", stored(name, nameLen), "  [%4d] sendq name:             %.*s\n", index,
+         static_cast<int>(nameLen), reinterpret_cast<const char*>(name));
+  o.show("sendq_activation_time", UtcTime{activation, -1}, "  %6s sendq activation time:  %-11d(%s)\n", "",
+         static_cast<int32_t>(activation), formatLocalStamp(activation).c_str());
+  o.show("sendq_next_msg_seq_no", HexBytes{seq, kSqNextSeqSize}, "  %6s sendq next msg seq no:  %s\n", "",
+         hexRunText(seq, kSqNextSeqSize, false).c_str());
+  o.show("sendq_lastCommitLSN", lsn, "  %6s sendq lastCommitLSN:    %s\n", "", lsn.c_str());
+  o.show("sendq_lastCommitTime", utc, "  %6s sendq lastCommitTime:   %s\n", "", time.c_str());
+  o.beginList("restart_points");
   for (uint32_t i = 0; i < restarts; ++i) {
     uint16_t node = 0;
     rc = readRestartPoint(r, kSqRestartsAt + kLsnSize * size_t{i}, lsn, node, "qRestartMsg.sendq restartLSN");
     if (rc != 0) return rplTrace_.ret(rc);
-    std::fprintf(out, "  %6s sendq restartLSN=%s nodeId=%d\n", "", lsn.c_str(), node);
+    o.text("  %6s sendq restartLSN=%s nodeId=%d\n", "", lsn.c_str(), node);
+    o.beginItem();
+    o.hidden("restartLSN", lsn);
+    o.hidden("nodeId", node);
+    o.endItem();
   }
+  o.endList();
   length = kSqRestartsAt + kLsnSize * size_t{restarts};
   return rplTrace_.ret(0);
 }
 
 }  // namespace
 
-int32_t printRestartMsg(QMsg& m) {
+template <class O>
+int32_t printRestartMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 320);
   // Read as stored, whatever the descriptor says about the sender.
   MsgReader r(m.r.data(), m.r.size(), false);
-  FILE* out = m.out;
 
   int16_t behindLen = 0;
   const uint8_t* behind = nullptr;
@@ -144,48 +160,63 @@ int32_t printRestartMsg(QMsg& m) {
   if (rc != 0) return rplTrace_.ret(rc);
 
   if (behindLen > 0)
-    std::fprintf(out, "  qRestartMsg for BEHIND queue: %.*s\n", static_cast<int>(behindCount),
-                 reinterpret_cast<const char*>(behind));
+    o.show("behind_queue", stored(behind, behindCount), "  qRestartMsg for BEHIND queue: %.*s\n",
+           static_cast<int>(behindCount), reinterpret_cast<const char*>(behind));
   else
-    std::fputs("  qRestartMsg for MAINLINE log reader.\n", out);
-  std::fprintf(out, "  qRestartMsg.capServer: %.*s\n", static_cast<int>(serverLen),
-               reinterpret_cast<const char*>(server));
-  std::fprintf(out, "  qRestartMsg.capSchema: %.*s\n", static_cast<int>(schemaLen),
-               reinterpret_cast<const char*>(schema));
-  std::fprintf(out, "  qRestartMsg.qRestartsgSize: %d\n", size);
-  std::fprintf(out, "  Number of partition at restart: %d\n", static_cast<int32_t>(parts));
+    o.show("behind_queue", SqlNull{}, "  qRestartMsg for MAINLINE log reader.\n");
+  o.show("capServer", stored(server, serverLen), "  qRestartMsg.capServer: %.*s\n", static_cast<int>(serverLen),
+         reinterpret_cast<const char*>(server));
+  o.show("capSchema", stored(schema, schemaLen), "  qRestartMsg.capSchema: %.*s\n", static_cast<int>(schemaLen),
+         reinterpret_cast<const char*>(schema));
+  o.field("qRestartMsgSize", size, "  qRestartMsg.qRestartsgSize: %d\n");
+  o.field("partitions", static_cast<int32_t>(parts), "  Number of partition at restart: %d\n");
 
   std::string lsn;
+  o.beginList("restart_points");
   for (uint32_t i = 0; i < parts; ++i) {
     uint16_t node = 0;
     rc = readRestartPoint(r, kPartsAt + kLsnSize * size_t{i}, lsn, node, "qRestartMsg.partition restartLSN");
     if (rc != 0) return rplTrace_.ret(rc);
-    std::fprintf(out, "  qRestartMsg.restartLSN=%s nodeId=%d\n", lsn.c_str(), node);
+    o.text("  qRestartMsg.restartLSN=%s nodeId=%d\n", lsn.c_str(), node);
+    o.beginItem();
+    o.hidden("restartLSN", lsn);
+    o.hidden("nodeId", node);
+    o.endItem();
   }
+  o.endList();
 
   std::string time, reuseLsn;
+  UtcTime utc{};
   const uint8_t* reuseTime = nullptr;
   rc = formatLsnRecord(r, kLastCommitLsnAt, true, lsn, "qRestartMsg.lastCommitLSN");
   if (rc == 0)
-    rc = readCommitTime(r, kLastCommitSecAt, kLastCommitUsecAt, time, "qRestartMsg.lastCommitTime");
+    rc = readCommitTime(r, kLastCommitSecAt, kLastCommitUsecAt, time, utc, "qRestartMsg.lastCommitTime");
   if (rc == 0) rc = formatLsnRecord(r, kReuseLsnAt, true, reuseLsn, "qRestartMsg.reuseLSN");
   if (rc == 0) rc = r.bytes(kReuseTimeAt, kReuseTimeShown, reuseTime, "qRestartMsg.reuseTime");
   if (rc == 0) rc = r.machine(kSendqCountAt, sendqs, "qRestartMsg.send queue count");
   if (rc != 0) return rplTrace_.ret(rc);
 
-  std::fprintf(out, "  qRestartMsg.lastCommitLSN:  %s\n", lsn.c_str());
-  std::fprintf(out, "  qRestartMsg.lastCommitTime: %s\n", time.c_str());
-  std::fprintf(out, "  qRestartMsg.reuseLSN:       %s\n", reuseLsn.c_str());
+  o.field("lastCommitLSN", lsn, "  qRestartMsg.lastCommitLSN:  %s\n");
+  o.show("lastCommitTime", utc, "  qRestartMsg.lastCommitTime: %s\n", time.c_str());
+  o.field("reuseLSN", reuseLsn, "  qRestartMsg.reuseLSN:       %s\n");
   // At most 19 characters, fewer when the text ends sooner.
-  std::fprintf(out, "  qRestartMsg.reuseTime:      %.19s\n", reinterpret_cast<const char*>(reuseTime));
-  std::fprintf(out, "  Number of send queues at restart: %d\n", static_cast<int32_t>(sendqs));
+  o.show("reuseTime", std::string_view(reinterpret_cast<const char*>(reuseTime), strnlen(reinterpret_cast<const char*>(reuseTime), kReuseTimeShown)),
+         "  qRestartMsg.reuseTime:      %.19s\n", reinterpret_cast<const char*>(reuseTime));
+  o.field("sendqs", static_cast<int32_t>(sendqs), "  Number of send queues at restart: %d\n");
 
   size_t at = kPartsAt + kLsnSize * size_t{parts};
+  o.beginList("sendq_entries");
   for (uint32_t i = 0; i < sendqs; ++i) {
     size_t length = 0;
-    rc = printSendqEntry(r, at, static_cast<int32_t>(i), out, length);
+    o.beginItem();
+    rc = printSendqEntry(r, at, static_cast<int32_t>(i), o, length);
     if (rc != 0) return rplTrace_.ret(rc);
+    o.endItem();
     at += length;
   }
+  o.endList();
   return rplTrace_.ret(0);
 }
+
+template int32_t printRestartMsg(QMsg&, TextSink&);
+template int32_t printRestartMsg(QMsg&, JsonSink&);

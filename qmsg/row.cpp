@@ -522,17 +522,15 @@ int32_t printTransRow(QMsg& m, O& o, size_t at, uint16_t version) {
       if (rc != 0) return rplTrace_.ret(rc);
       pos += roundUp4(setLen);
     }
-    if constexpr (!O::kJson) {
-      rc = printBatchedTransHeader(m, at + pos);
-      if (rc != 0) return rplTrace_.ret(rc);
-    }
+    rc = printBatchedTransHeader(m, o, at + pos);
+    if (rc != 0) return rplTrace_.ret(rc);
   }
 
   if constexpr (O::kJson) {
-    o.field("length", static_cast<int32_t>(length), "");
-    o.field("encodetype", nameOf(kEncodeTypes, encodeType, "Unsupported"), "");
-    o.field("encodever", nameOf(kEncodeVersions, encodeVer, "Unknown"), "");
-    o.field("operation", nameOf(kRowOperations, operation, "Unexpected"), "");
+    o.hidden("length", static_cast<int32_t>(length));
+    o.hidden("encodetype", nameOf(kEncodeTypes, encodeType, "Unsupported"));
+    o.hidden("encodever", nameOf(kEncodeVersions, encodeVer, "Unknown"));
+    o.hidden("operation", nameOf(kRowOperations, operation, "Unexpected"));
     o.hidden("operation_code", operation);
     if (version >= 2) o.hidden("intentseq", std::string(intent));
     o.hidden("bafter", joinFlags(kBafterBits, bafter));
@@ -564,11 +562,7 @@ int32_t printTransRow(QMsg& m, O& o, size_t at, uint16_t version) {
   }
 
   if (operation == kOpMassiveStmt) {
-    if constexpr (O::kJson) {
-      o.hidden("stmt_chunk", "not rendered");
-      return rplTrace_.ret(0);
-    }
-    rc = printStmtChunk(m, at + firstSet);
+    rc = printStmtChunk(m, o, at + firstSet);
     if (rc != 0) reportFailure(kRowStep, "qStmtChunk::printMe", rc, "Cannot print statement chunk data");
     return rplTrace_.ret(rc);
   }

@@ -21,4 +21,5 @@ void fixTransRow(MsgReader& r, size_t at, uint16_t version);
 void fixTransRows(MsgReader& r, size_t at, int64_t count, uint16_t version);
 
 // qStmtChunk::printMe: the statement chunk at `at` (a row of operation 160).
-int32_t printStmtChunk(QMsg& m, size_t at);
+template <class O>
+int32_t printStmtChunk(QMsg& m, O& o, size_t at);

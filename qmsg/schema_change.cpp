@@ -36,9 +36,12 @@
 // sender's code page, inside the room shown. The alter-column (DDL 1) and generic DDL (DDL 16)
 // bodies have no fixed layout of their own here: they are shown as a hex dump after the
 // header lines, so that nothing of such a message is hidden.
+#include <string>
+
 #include "qmsg/families.h"
 #include "qmsg/forms.h"
 #include "qmsg/header.h"
+#include "qmsg/sink.h"
 #include "qmsg/schema.h"
 #include "qmsg/trans.h"
 #include "runtime/trace.h"
@@ -114,14 +117,15 @@ int32_t fixAddColumn(QMsg& m, uint16_t version) {
 
 }  // namespace
 
-int32_t printAddColumnMsg(QMsg& m) {
+template <class O>
+int32_t printAddColumnMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 150);
   static const char* const kStep = "qAddColumnMsg::printMe";
   uint16_t version = 0;
   int32_t rc = m.version(version);
   if (rc == 0) rc = needFixed(m, addColumnSize(version), "qAddColumnMsg");
   if (rc == 0) rc = fixAddColumn(m, version);
-  if (rc == 0) rc = qMsgHeader::printFor(m, kStep);
+  if (rc == 0) rc = printHeader(m, o, kStep);
   if (rc != 0) return rplTrace_.ret(rc);
 
   int32_t subId = 0, typeLen = 0, codepage = 0;
@@ -156,31 +160,34 @@ int32_t printAddColumnMsg(QMsg& m) {
   if (rc == 0)
     rc = readOptionalName(m, kAddTarget, kAddTargetRoom, target, hasTarget,
                           "qAddColumnMsg.targetColName", kStep, "targetColName");
-  if (rc == 0 && version >= 8) rc = printGenericTransInfo(m, kAddTransInfo);
+  if (rc == 0 && version >= 8) rc = printGenericTransInfo(m, o, kAddTransInfo);
   if (rc != 0) return rplTrace_.ret(rc);
 
   if (version >= 9 && subtype.size() > 0) charSubtype = static_cast<uint8_t>(subtype.data()[0]);
-  std::fprintf(m.out, "  sub_id:      %d\n", subId);
-  std::fprintf(m.out, "  colName:     %.*s\n", colName.size(), colName.data());
-  std::fprintf(m.out, "  colType:     %d = %s\n", static_cast<int16_t>(colType), columnTypeName(colType));
+  o.field("sub_id", subId, "  sub_id:      %d\n");
+  o.field("colName", colName, "  colName:     %.*s\n");
+  o.show("colType", static_cast<int16_t>(colType), "  colType:     %d = %s\n", static_cast<int16_t>(colType),
+         columnTypeName(colType));
+  o.hidden("colTypeName", columnTypeName(colType));
   if (colType == kDecimal || colType == kDecimal + 1) {
-    std::fprintf(m.out, "  typeprecision:  %d\n", precision);
-    std::fprintf(m.out, "  typescale:    %d\n", scale);
+    o.field("typeprecision", precision, "  typeprecision:  %d\n");
+    o.field("typescale", scale, "  typescale:    %d\n");
   } else {
-    std::fprintf(m.out, "  col.typelen: %d\n", typeLen);
+    o.field("typelen", typeLen, "  col.typelen: %d\n");
   }
-  std::fprintf(m.out, "  codepage:    %d\n", codepage);
-  std::fprintf(m.out, "  hasDefault:  %d\n", hasDefault);
+  o.field("codepage", codepage, "  codepage:    %d\n");
+  o.field("hasDefault", hasDefault, "  hasDefault:  %d\n");
   // VARCHAR and CHAR, nullable or not.
-  if ((colType & ~5u) == 448) std::fprintf(m.out, "  charSubtype:  %c\n", charSubtype);
-  if (hasDefault == 1) std::fprintf(m.out, "  default:  %.*s\n", defaultVal.size(), defaultVal.data());
-  if (hasBefore) std::fprintf(m.out, "  beforeColName:     %.*s\n", before.size(), before.data());
-  if (hasTarget) std::fprintf(m.out, "  targetColName:     %.*s\n", target.size(), target.data());
+  if ((colType & ~5u) == 448)
+    o.show("charSubtype", std::string(1, static_cast<char>(charSubtype)), "  charSubtype:  %c\n", charSubtype);
+  if (hasDefault == 1) o.field("default", defaultVal, "  default:  %.*s\n");
+  if (hasBefore) o.field("beforeColName", before, "  beforeColName:     %.*s\n");
+  if (hasTarget) o.field("targetColName", target, "  targetColName:     %.*s\n");
   if (version >= 14) {
     uint16_t attrib = 0;
     rc = m.r.machine(kAddAttribFlags, attrib, "qAddColumnMsg.colAttribFlags");
     if (rc != 0) return rplTrace_.ret(rc);
-    std::fprintf(m.out, "  colAttribFlags: %d\n", attrib);
+    o.field("colAttribFlags", attrib, "  colAttribFlags: %d\n");
   }
   return rplTrace_.ret(0);
 }
@@ -193,11 +200,12 @@ constexpr size_t kKeyColSubId = 8;
 constexpr size_t kKeyColName = 12, kKeyColNameRoom = 130;
 }  // namespace
 
-int32_t printAddReplKeyColMsg(QMsg& m) {
+template <class O>
+int32_t printAddReplKeyColMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 151);
   int32_t rc = needFixed(m, kKeyColName + kKeyColNameRoom, "qAddReplKeyColumnMsg");
   if (rc == 0) rc = m.r.fix32(kKeyColSubId, "qAddReplKeyColumnMsg.sub_id");
-  if (rc == 0) rc = qMsgHeader::printFor(m, "qAddReplKeyColumnMsg::printMe");
+  if (rc == 0) rc = printHeader(m, o, "qAddReplKeyColumnMsg::printMe");
   if (rc != 0) return rplTrace_.ret(rc);
 
   int32_t subId = 0;
@@ -207,8 +215,8 @@ int32_t printAddReplKeyColMsg(QMsg& m) {
     rc = readName(m, kKeyColName, kKeyColNameRoom, colName, "qAddReplKeyColumnMsg.colName",
                   "qAddReplKeyColumnMsg::printMe", "ConvMgr::cpcvl", "sourceColName");
   if (rc != 0) return rplTrace_.ret(rc);
-  std::fprintf(m.out, "  sub_id:      %d\n", subId);
-  std::fprintf(m.out, "  colName:     %.*s\n", colName.size(), colName.data());
+  o.field("sub_id", subId, "  sub_id:      %d\n");
+  o.field("colName", colName, "  colName:     %.*s\n");
   return rplTrace_.ret(0);
 }
 
@@ -217,13 +225,19 @@ int32_t printAddReplKeyColMsg(QMsg& m) {
 
 namespace {
 
-int32_t printDdlBodyDump(QMsg& m, const char* step) {
-  int32_t rc = qMsgHeader::printFor(m, step);
+template <class O>
+int32_t printDdlBodyDump(QMsg& m, O& o, const char* step) {
+  int32_t rc = printHeader(m, o, step);
   if (rc != 0) return rc;
-  // Offsets in the dump are those of the message, so that they can be told apart from the header.
-  dumpHex(m.r.size() - kHeaderSize, m.r.data() + kHeaderSize, m.out, true, kHeaderSize);
+  if constexpr (O::kJson) {
+    o.hidden("body", HexBytes{m.r.data() + kHeaderSize, m.r.size() - kHeaderSize});
+  } else {
+    // Offsets in the dump are those of the message, so that they can be told apart from the header.
+    dumpHex(m.r.size() - kHeaderSize, m.r.data() + kHeaderSize, o.out(), true, kHeaderSize);
+  }
   return 0;
 }
+
 
 constexpr size_t kDropSubId = 8;
 constexpr size_t kDropColName = 12, kDropColNameRoom = 130;
@@ -238,17 +252,20 @@ size_t dropColumnSize(uint16_t version) {
 
 }  // namespace
 
-int32_t printAlterColumnMsg(QMsg& m) {
+template <class O>
+int32_t printAlterColumnMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 152);
-  return rplTrace_.ret(printDdlBodyDump(m, "qAlterColDDLMsg::printMe"));
+  return rplTrace_.ret(printDdlBodyDump(m, o, "qAlterColDDLMsg::printMe"));
 }
 
-int32_t printGenericDdlMsg(QMsg& m) {
+template <class O>
+int32_t printGenericDdlMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 153);
-  return rplTrace_.ret(printDdlBodyDump(m, "qGenericDDLMsg::printMe"));
+  return rplTrace_.ret(printDdlBodyDump(m, o, "qGenericDDLMsg::printMe"));
 }
 
-int32_t printDropColumnMsg(QMsg& m) {
+template <class O>
+int32_t printDropColumnMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 154);
   static const char* const kStep = "qDropColumnMsg::printMe";
   uint16_t version = 0;
@@ -259,7 +276,7 @@ int32_t printDropColumnMsg(QMsg& m) {
   if (rc == 0) rc = m.r.fix16(kDropSqlLen, "qDropColumnMsg.sqlTextLen");
   if (rc == 0) rc = m.r.fix16(kDropReserved, "qDropColumnMsg.reserved");
   if (rc == 0 && version >= 8) rc = fixGenericTransInfo(m, kDropTransInfo);
-  if (rc == 0) rc = qMsgHeader::printFor(m, kStep);
+  if (rc == 0) rc = printHeader(m, o, kStep);
   if (rc != 0) return rplTrace_.ret(rc);
 
   int32_t subId = 0;
@@ -275,24 +292,25 @@ int32_t printDropColumnMsg(QMsg& m) {
     rc = m.r.bytes(fixedSize, static_cast<size_t>(sqlLen), sql, "qDropColumnMsg.sqlText");
     if (rc == 0) rc = convertText(m, sql, static_cast<size_t>(sqlLen), sqlText, kStep, "ConvMgr::cpcvl", "sql text");
   }
-  if (rc == 0 && version >= 8) rc = printGenericTransInfo(m, kDropTransInfo);
+  if (rc == 0 && version >= 8) rc = printGenericTransInfo(m, o, kDropTransInfo);
   if (rc != 0) return rplTrace_.ret(rc);
-  std::fprintf(m.out, "  sub_id:      %d\n", subId);
-  std::fprintf(m.out, "  dropped column name:     %.*s\n", colName.size(), colName.data());
+  o.field("sub_id", subId, "  sub_id:      %d\n");
+  o.field("dropped_column_name", colName, "  dropped column name:     %.*s\n");
   return rplTrace_.ret(0);
 }
 
 // ---------------------------------------------------------------------------------------------
 // Truncate table.
 
-int32_t printTruncateTableMsg(QMsg& m) {
+template <class O>
+int32_t printTruncateTableMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 155);
   constexpr size_t kSubId = 8;
   uint32_t subId = 0;
   int32_t rc = m.r.fix32(kSubId, subId, "qTruncateTableMsg.subId");
-  if (rc == 0) rc = qMsgHeader::printFor(m, "qTruncateTableMsg::printMe");
+  if (rc == 0) rc = printHeader(m, o, "qTruncateTableMsg::printMe");
   if (rc != 0) return rplTrace_.ret(rc);
-  std::fprintf(m.out, "  truncateTable.subId: %d\n", static_cast<int32_t>(subId));
+  o.field("subId", static_cast<int32_t>(subId), "  truncateTable.subId: %d\n");
   return rplTrace_.ret(0);
 }
 
@@ -306,7 +324,8 @@ constexpr size_t kRedefNCols = 14;
 constexpr size_t kRedefOffsets = 16;
 }  // namespace
 
-int32_t printRedefineReplKeyMsg(QMsg& m) {
+template <class O>
+int32_t printRedefineReplKeyMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 156);
   uint32_t subId = 0;
   uint16_t isP2p = 0, nCols = 0;
@@ -315,12 +334,13 @@ int32_t printRedefineReplKeyMsg(QMsg& m) {
   if (rc == 0) rc = m.r.fix16(kRedefNCols, nCols, "qRedefineReplKeyMsg.nCols");
   for (size_t i = 0; rc == 0 && i < nCols; ++i)
     rc = m.r.fix16(kRedefOffsets + 2 * i, "qRedefineReplKeyMsg.colOffset");
-  if (rc == 0) rc = qMsgHeader::printFor(m, "qRedefineReplKeyMsg::printMe");
+  if (rc == 0) rc = printHeader(m, o, "qRedefineReplKeyMsg::printMe");
   if (rc != 0) return rplTrace_.ret(rc);
 
-  std::fprintf(m.out, "  sub_id:      %d\n", static_cast<int32_t>(subId));
-  std::fprintf(m.out, "  is_P2P:      %d\n", isP2p);
-  std::fprintf(m.out, "  nCols:       %d\n", nCols);
+  o.field("sub_id", static_cast<int32_t>(subId), "  sub_id:      %d\n");
+  o.field("is_P2P", isP2p, "  is_P2P:      %d\n");
+  o.field("nCols", nCols, "  nCols:       %d\n");
+  o.beginList("colNames");
   for (size_t i = 0; i < nCols; ++i) {
     uint16_t at = 0;
     rc = m.r.machine(kRedefOffsets + 2 * i, at, "qRedefineReplKeyMsg.colOffset");
@@ -331,7 +351,19 @@ int32_t printRedefineReplKeyMsg(QMsg& m) {
     rc = readName(m, at, room, colName, "qRedefineReplKeyMsg.colName", "qRedefineReplKeyMsg::printMe",
                   "ConvMgr::cpcvl", "colName");
     if (rc != 0) return rplTrace_.ret(rc);
-    std::fprintf(m.out, "  colName:     %.*s\n", colName.size(), colName.data());
+    o.field("colName", colName, "  colName:     %.*s\n");
   }
+  o.endList();
   return rplTrace_.ret(0);
 }
+
+#define RPL_SCHEMA_CHANGE_PRINTERS(O)                   \
+  template int32_t printAddColumnMsg(QMsg&, O&);        \
+  template int32_t printAddReplKeyColMsg(QMsg&, O&);    \
+  template int32_t printAlterColumnMsg(QMsg&, O&);      \
+  template int32_t printDropColumnMsg(QMsg&, O&);       \
+  template int32_t printGenericDdlMsg(QMsg&, O&);       \
+  template int32_t printTruncateTableMsg(QMsg&, O&);    \
+  template int32_t printRedefineReplKeyMsg(QMsg&, O&);
+RPL_SCHEMA_CHANGE_PRINTERS(TextSink)
+RPL_SCHEMA_CHANGE_PRINTERS(JsonSink)

@@ -4,6 +4,7 @@
 
 #include "qmsg/names.h"
 #include "qmsg/row.h"
+#include "qmsg/sink.h"
 #include "qmsg/schema.h"
 #include "runtime/trace.h"
 
@@ -32,7 +33,8 @@ inline constexpr ValueName kDataColMasks[] = {
 inline constexpr size_t kDataColSize = 12;
 
 // qStmtChunkDataCol::printMe: swaps the entry (colPosition stays as stored) and prints it.
-int32_t printDataCol(QMsg& m, size_t at) {
+template <class O>
+int32_t printDataCol(QMsg& m, O& o, size_t at) {
   uint16_t mask = 0, position = 0, type = 0;
   uint32_t typeLen = 0;
   int32_t rc = m.r.fix16(at, mask, "qStmtChunkDataCol.colMask");
@@ -40,16 +42,17 @@ int32_t printDataCol(QMsg& m, size_t at) {
   if (rc == 0) rc = m.r.fix16(at + 4, type, "qStmtChunkDataCol.colType");
   if (rc == 0) rc = m.r.fix32(at + 8, typeLen, "qStmtChunkDataCol.typeLen");
   if (rc != 0) return rc;
-  std::fprintf(m.out, "      qStmtChunkDataCol.colMask:         %s\n", nameOf(kDataColMasks, mask, "Unknown"));
-  std::fprintf(m.out, "      qStmtChunkDataCol.colPosition:     %hu\n", position);
-  std::fprintf(m.out, "      qStmtChunkDataCol.colType:         %s\n", columnTypeName(type));
-  std::fprintf(m.out, "      qStmtChunkDataCol.typeLen:         %u\n", typeLen);
+  o.field("colMask", nameOf(kDataColMasks, mask, "Unknown"), "      qStmtChunkDataCol.colMask:         %s\n");
+  o.field("colPosition", position, "      qStmtChunkDataCol.colPosition:     %hu\n");
+  o.field("colType", columnTypeName(type), "      qStmtChunkDataCol.colType:         %s\n");
+  o.field("typeLen", typeLen, "      qStmtChunkDataCol.typeLen:         %u\n");
   return 0;
 }
 
 }  // namespace
 
-int32_t printStmtChunk(QMsg& m, size_t at) {
+template <class O>
+int32_t printStmtChunk(QMsg& m, O& o, size_t at) {
   RPL_TRACE(kCompPrinters, 26);
   uint8_t operation = 0, format = 0;
   uint16_t nCols = 0, colsAt = 0, nameAt = 0;
@@ -71,18 +74,26 @@ int32_t printStmtChunk(QMsg& m, size_t at) {
                 "file name");
   if (rc != 0) return rplTrace_.ret(rc);
 
-  FILE* out = m.out;
-  std::fprintf(out, "    qStmtChunk.operation:         %s\n", nameOf(kChunkOperations, operation, "Unknown"));
-  std::fprintf(out, "    qStmtChunk.format:            %s\n", nameOf(kChunkFormats, format, "Unknown"));
-  std::fprintf(out, "    qStmtChunk.fileSize:          %" PRIu64 "\n", fileSize);
-  std::fprintf(out, "    qStmtChunk.nRows:             %" PRIu64 "\n", nRows);
-  std::fprintf(out, "    qStmtChunk.nCols:             %hu\n", nCols);
-  std::fprintf(out, "    qStmtChunk.fileName:          %.*s\n", name.size(), name.data());
-  std::fputs("    ****  qStmtChunkDataCol ****  \n", out);
+  o.beginGroup("stmt_chunk");
+  o.field("operation", nameOf(kChunkOperations, operation, "Unknown"), "    qStmtChunk.operation:         %s\n");
+  o.field("format", nameOf(kChunkFormats, format, "Unknown"), "    qStmtChunk.format:            %s\n");
+  o.field("fileSize", fileSize, "    qStmtChunk.fileSize:          %" PRIu64 "\n");
+  o.field("nRows", nRows, "    qStmtChunk.nRows:             %" PRIu64 "\n");
+  o.field("nCols", nCols, "    qStmtChunk.nCols:             %hu\n");
+  o.field("fileName", name, "    qStmtChunk.fileName:          %.*s\n");
+  o.text("    ****  qStmtChunkDataCol ****  \n");
+  o.beginList("dataCols");
   for (size_t i = 0; i < nCols; ++i) {
-    std::fprintf(out, "    * %d *\n", static_cast<int>(i));
-    rc = printDataCol(m, at + colsAt + kDataColSize * i);
+    o.text("    * %d *\n", static_cast<int>(i));
+    o.beginItem();
+    rc = printDataCol(m, o, at + colsAt + kDataColSize * i);
     if (rc != 0) return rplTrace_.ret(rc);
+    o.endItem();
   }
+  o.endList();
+  o.endGroup();
   return rplTrace_.ret(0);
 }
+
+template int32_t printStmtChunk(QMsg&, TextSink&, size_t);
+template int32_t printStmtChunk(QMsg&, JsonSink&, size_t);

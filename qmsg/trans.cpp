@@ -16,12 +16,13 @@
 namespace {
 
 // Prints "<label>%.*s\n" for a counted text once converted, when it holds anything.
-int32_t printIdentity(QMsg& m, size_t at, size_t room, const char* field, const char* step,
+template <class O>
+int32_t printIdentity(QMsg& m, O& o, size_t at, size_t room, const char* field, const char* step,
                       const char* label, const char* format) {
   ConvText text;
   int32_t rc = readName(m, at, room, text, field, step, "ConvMgr::cpcvl", label);
   if (rc != 0) return rc;
-  if (text.size() > 0) std::fprintf(m.out, format, text.size(), text.data());
+  if (text.size() > 0) o.field(label, text, format);
   return 0;
 }
 
@@ -54,13 +55,14 @@ int32_t fixGenericTransInfo(QMsg& m, size_t at) {
   return rc;
 }
 
-int32_t printGenericTransInfo(QMsg& m, size_t at) {
+template <class O>
+int32_t printGenericTransInfo(QMsg& m, O& o, size_t at) {
   RPL_TRACE(kCompPrinters, 40);
   uint8_t flags = 0;
   int32_t rc = m.r.u8(at + 36, flags, "qGenericTransInfo.flags");
   if (rc != 0) return rplTrace_.ret(rc);
   if (flags & 1) {
-    std::fputs("    qGenericTransInfo:  NO Transaction context.\n", m.out);
+    o.show("transInfo", SqlNull{}, "    qGenericTransInfo:  NO Transaction context.\n");
     return 0;
   }
   std::string lsn, uow;
@@ -73,22 +75,33 @@ int32_t printGenericTransInfo(QMsg& m, size_t at) {
   if (rc == 0) rc = formatUow(m.r, at + 40, uowLen, 12, kUowArea, uow, "qGenericTransInfo.uow_id");
   if (rc != 0) return rplTrace_.ret(rc);
 
-  std::fprintf(m.out, "    qGenericTransInfo.commit_LSN:    %s\n", lsn.c_str());
-  std::fprintf(m.out, "    qGenericTransInfo.commit_time:   %s UTC\n",
-               formatUtc(seconds, static_cast<int32_t>(micros)).c_str());
-  std::fprintf(m.out, "    qGenericTransInfo.commit_time:   %s LOCALTIME\n",
-               formatLocal(seconds, static_cast<int32_t>(micros)).c_str());
-  std::fprintf(m.out, "    qGenericTransInfo.uow_id:        %s\n", uow.c_str());
+  const int32_t us = static_cast<int32_t>(micros);
+  o.beginGroup("transInfo");
+  o.field("commit_LSN", lsn, "    qGenericTransInfo.commit_LSN:    %s\n");
+  o.show("commit_time", UtcTime{seconds, us}, "    qGenericTransInfo.commit_time:   %s UTC\n", formatUtc(seconds, us).c_str());
+  o.text("    qGenericTransInfo.commit_time:   %s LOCALTIME\n", formatLocal(seconds, us).c_str());
+  const uint8_t* uowBytes = nullptr;
+  m.r.bytes(at + 40, uowLen, uowBytes, "qGenericTransInfo.uow_id");
+  o.show("uow_id", HexBytes{uowBytes, uowLen}, "    qGenericTransInfo.uow_id:        %s\n", uow.c_str());
   const char* step = "qGenericTransInfo::printMe";
-  rc = printIdentity(m, at + 52, 32, "qGenericTransInfo.auth_id", step, "auth_id",
+  rc = printIdentity(m, o, at + 52, 32, "qGenericTransInfo.auth_id", step, "auth_id",
                      "    qGenericTransInfo.auth_id:       %.*s\n");
   if (rc == 0)
-    rc = printIdentity(m, at + 84, 32, "qGenericTransInfo.auth_tkn", step, "auth_tkn",
+    rc = printIdentity(m, o, at + 84, 32, "qGenericTransInfo.auth_tkn", step, "auth_tkn",
                        "    qGenericTransInfo.auth_tkn:      %.*s\n");
   if (rc == 0)
-    rc = printIdentity(m, at + 116, 12, "qGenericTransInfo.plan_id", step, "plan_id",
+    rc = printIdentity(m, o, at + 116, 12, "qGenericTransInfo.plan_id", step, "plan_id",
                        "    qGenericTransInfo.plan_id:       %.*s\n");
+  if (rc == 0) o.endGroup();
   return rplTrace_.ret(rc);
+}
+
+template int32_t printGenericTransInfo(QMsg&, TextSink&, size_t);
+template int32_t printGenericTransInfo(QMsg&, JsonSink&, size_t);
+
+int32_t printGenericTransInfo(QMsg& m, size_t at) {
+  TextSink o(m.out);
+  return printGenericTransInfo(m, o, at);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -347,7 +360,8 @@ int32_t printStreamedTransMsgHeader(QMsg& m, O& o, bool noPosTime) {
 //
 // The identity texts are present when the header's length reaches them.
 
-int32_t printBatchedTransHeader(QMsg& m, size_t at) {
+template <class O>
+int32_t printBatchedTransHeader(QMsg& m, O& o, size_t at) {
   RPL_TRACE(kCompPrinters, 22);
   uint16_t length = 0, posLen = 0, uowLen = 0;
   uint32_t seconds = 0, micros = 0, local = 0;
@@ -365,12 +379,15 @@ int32_t printBatchedTransHeader(QMsg& m, size_t at) {
 
   size_t n = posLen > 16 ? 16 : posLen < 2 ? 2 : posLen;
   int32_t us = static_cast<int32_t>(micros);
-  FILE* out = m.out;
-  std::fprintf(out, "--> qBatchedTransHeader.length:        %d\n", length);
-  std::fprintf(out, "    qBatchedTransHeader.commit_LSN:    %s\n", formatLsnBytes(pos, n).c_str());
-  std::fprintf(out, "    qBatchedTransHeader.commit_time:   %s UTC\n", formatUtc(seconds, us).c_str());
-  std::fprintf(out, "    qBatchedTransHeader.commit_time:   %s LOCALTIME\n", formatUtc(local, us).c_str());
-  std::fprintf(out, "    qBatchedTransHeader.uow_id:        %s\n", uow.c_str());
+  const uint8_t* uowBytes = nullptr;
+  m.r.bytes(at + 34, uowLen, uowBytes, "qBatchedTransHeader.uow_id");
+  o.beginGroup("batchedTransHeader");
+  o.field("length", length, "--> qBatchedTransHeader.length:        %d\n");
+  o.show("commit_LSN", formatLsnBytes(pos, n), "    qBatchedTransHeader.commit_LSN:    %s\n", formatLsnBytes(pos, n).c_str());
+  o.show("commit_time", UtcTime{seconds, us}, "    qBatchedTransHeader.commit_time:   %s UTC\n", formatUtc(seconds, us).c_str());
+  o.show("source_local_commit_time", UtcTime{local, us}, "    qBatchedTransHeader.commit_time:   %s LOCALTIME\n",
+         formatUtc(local, us).c_str());
+  o.show("uow_id", HexBytes{uowBytes, uowLen}, "    qBatchedTransHeader.uow_id:        %s\n", uow.c_str());
 
   const char* step = "qBatchedTransHeader::printMe";
   struct Identity { size_t at, room; const char* field; const char* label; const char* format; };
@@ -381,11 +398,15 @@ int32_t printBatchedTransHeader(QMsg& m, size_t at) {
   };
   for (const Identity& id : kIdentities) {
     if (length < id.at + 2) break;
-    rc = printIdentity(m, at + id.at, id.room, id.field, step, id.label, id.format);
+    rc = printIdentity(m, o, at + id.at, id.room, id.field, step, id.label, id.format);
     if (rc != 0) break;
   }
+  if (rc == 0) o.endGroup();
   return rplTrace_.ret(rc);
 }
+
+template int32_t printBatchedTransHeader(QMsg&, TextSink&, size_t);
+template int32_t printBatchedTransHeader(QMsg&, JsonSink&, size_t);
 
 template int32_t printTransMsgHeader(QMsg&, TextSink&, bool);
 template int32_t printTransMsgHeader(QMsg&, JsonSink&, bool);

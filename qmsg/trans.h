@@ -18,6 +18,9 @@ inline constexpr size_t kGenericTransInfoSize = 128;
 int32_t fixGenericTransInfo(QMsg& m, size_t at);
 // Prints the block's lines ("    qGenericTransInfo...."); the block must be in machine order.
 int32_t printGenericTransInfo(QMsg& m, size_t at);
+// The same through a field sink: a "transInfo" group in JSON (null without transaction context).
+template <class O>
+int32_t printGenericTransInfo(QMsg& m, O& o, size_t at);
 
 // qBatchedTransHeader, offsets from its start:
 //   0 u16 length   2 u16 position length, bytes from 4 (16)   20 u32 commit seconds
@@ -25,4 +28,5 @@ int32_t printGenericTransInfo(QMsg& m, size_t at);
 //   bytes from 34 (16)   50 auth_id (32)   82 auth_tkn (32)   114 plan_id (12)
 // It is read in the sender's order where it is printed and never swapped in place.
 inline constexpr size_t kBatchedTransHeaderSize = 126;
-int32_t printBatchedTransHeader(QMsg& m, size_t at);
+template <class O>
+int32_t printBatchedTransHeader(QMsg& m, O& o, size_t at);

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "qmsg/emit.h"
+#include "qmsg/forms.h"
 #include "qmsg/json.h"
 #include "qmsg/schema.h"
 #include "runtime/catalog.h"
@@ -256,10 +257,13 @@ int32_t prefixed(const QMsg& m, const uint8_t* p, size_t len, size_t unit, size_
   return 0;
 }
 
-// "%02X" per byte.
+// "%02X" per byte, in runs of a stack buffer.
 void printHexDigits(Emit& e, const uint8_t* p, size_t n) {
-  static const char kHex[] = "0123456789ABCDEF";
-  for (size_t i = 0; i < n; ++i) e.ch(kHex[p[i] >> 4]).ch(kHex[p[i] & 15]);
+  char run[512];
+  for (size_t at = 0; at < n; at += sizeof run / 2) {
+    const size_t k = n - at < sizeof run / 2 ? n - at : sizeof run / 2;
+    e.raw(run, hexRun(p + at, k, true, run));
+  }
 }
 
 // The text form of a value, gathered in the line builder.

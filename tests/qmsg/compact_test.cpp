@@ -14,11 +14,6 @@ std::vector<uint8_t> headerOnly(uint8_t type, uint8_t flag, uint16_t version, By
   return w.bytes();
 }
 
-std::string headerLines(const char* type, int version) {
-  return "  qMsgHeader.msgFamily:  KXRP\n  qMsgHeader.msgtype:    " + std::string(type) +
-         "\n  qMsgHeader.msgVersion: " + std::to_string(version) + "\n";
-}
-
 TEST(Dispatch, UnknownTypeNamesItselfAndReturnsAllOnes) {
   for (uint8_t type : {0, 14, 15, 19, 63, 87, 127, 134, 255}) {
     auto msg = headerOnly(type, 0, 3, ByteOrder::Little);

@@ -17,11 +17,6 @@ struct Sender {
 inline constexpr Sender kLittleUtf8{ByteOrder::Little, 1208};
 inline constexpr Sender kBigEbcdic{ByteOrder::Big, 37};
 
-inline std::string header(const char* type, int version) {
-  return "  qMsgHeader.msgFamily:  KXRP\n  qMsgHeader.msgtype:    " + std::string(type) +
-         "\n  qMsgHeader.msgVersion: " + std::to_string(version) + "\n";
-}
-
 // The text without the lines that begin with any of `prefixes`.
 inline std::string withoutLines(const std::string& text, std::initializer_list<const char*> prefixes) {
   std::string out;

@@ -7,11 +7,6 @@
 
 namespace {
 
-std::string headerLines(const char* type, int version) {
-  return "  qMsgHeader.msgFamily:  KXRP\n  qMsgHeader.msgtype:    " + std::string(type) +
-         "\n  qMsgHeader.msgVersion: " + std::to_string(version) + "\n";
-}
-
 void expectEveryCutReported(const MsgWriter& w) {
   const std::vector<uint8_t>& whole = w.bytes();
   for (size_t n = 0; n < whole.size(); ++n) {

@@ -5,6 +5,8 @@
 #include "tools/gen/encode_data.h"
 #include "tools/gen/encode_file_transfer.h"
 #include "tools/gen/encode_lifecycle.h"
+#include "tools/gen/encode_restart.h"
+#include "tools/gen/encode_schema_change.h"
 #include "tools/gen/encode_queue_control.h"
 
 namespace {
@@ -192,6 +194,62 @@ TEST(Json, FileTransferResponsesHoldTheirChunk) {
   }
 }
 
+// The restart message is read as stored: a little-endian sender's message reads right here.
+TEST(Json, RestartHoldsItsPartitionsAndSendQueues) {
+  RestartMsgFields f;
+  f.partitions = {sampleLogPosition(0x30, 3)};
+  f.lastCommitMicros = 250;
+  RestartSendqEntry q;
+  q.nextMsgSeq[15] = 0x2a;
+  f.sendqs = {q, q};
+  JsonCase c{"restart", [&](ByteOrder o, int32_t cp) { return encodeRestartMsg(f, o, cp); },
+             with(head("RPLKX_RESTART", 32, 1),
+                  {{"behind_queue", nullptr},
+                   {"capServer", "SRCDB"},
+                   {"capSchema", "KXCAP"},
+                   {"partitions", 1},
+                   {"lastCommitTime", "2025-11-21T10:20:00.000250Z"},
+                   {"sendqs", 2}}),
+             true};
+  expectJson(c);
+  Rendered r = renderAs(encodeRestartMsg(f, ByteOrder::Little, 1208).bytes(), ByteOrder::Little, 1208);
+  ASSERT_EQ(r.doc["restart_points"].size(), 1u) << r.text;
+  EXPECT_EQ(r.doc["restart_points"][0]["nodeId"], 3);
+  ASSERT_EQ(r.doc["sendq_entries"].size(), 2u) << r.text;
+  EXPECT_EQ(r.doc["sendq_entries"][1]["sendq_name"], "KXRP.TO.APPLY.SENDQ");
+  EXPECT_EQ(r.doc["sendq_entries"][1]["sendq_next_msg_seq_no"], std::string(30, '0') + "2a");
+}
+
+const JsonCase kSchemaChanges[] = {
+    {"add column", [](ByteOrder o, int32_t c) { return encodeAddColumnMsg(AddColumnFields{}, o, c); },
+     with(head("RPLKX_ADDCOLUMN_MSG", 5, 14),
+          {{"sub_id", 7}, {"colName", "NOTE"}, {"colType", 449}, {"colTypeName", "VARCHAR"}, {"typelen", 64},
+           {"codepage", 1208}, {"hasDefault", 0}, {"charSubtype", "S"}, {"colAttribFlags", 0}})},
+    {"add replication key column", [](ByteOrder o, int32_t c) { return encodeAddReplKeyColMsg(AddReplKeyColFields{}, o, c); },
+     with(head("RPLKX_ADD_REPL_KEY_COL_MSG", 12, 1), {{"sub_id", 7}, {"colName", "ORDER_ID"}})},
+    {"drop column", [](ByteOrder o, int32_t c) { return encodeDropColumnMsg(DropColumnFields{}, o, c); },
+     with(head("RPLKX_DDL_MSG", 6, 8),
+          {{"msgDDLType", "RPLKX_DDL_DROP_COLUMN"}, {"sub_id", 7}, {"dropped_column_name", "OBSOLETE_FLAG"}})},
+    {"alter column", [](ByteOrder o, int32_t c) { return encodeDdlMsg(1, 1, {0xde, 0xad}, o, c); },
+     with(head("RPLKX_DDL_MSG", 6, 1), {{"msgDDLType", "RPLKX_DDL_ALTER_COLUMN"}, {"body", "dead"}})},
+    {"generic DDL", [](ByteOrder o, int32_t c) { return encodeDdlMsg(16, 1, {0x01}, o, c); },
+     with(head("RPLKX_DDL_MSG", 6, 1), {{"msgDDLType", "RPLKX_DDL_GENERIC"}, {"body", "01"}})},
+    {"truncate table", [](ByteOrder o, int32_t c) { return encodeTruncateTableMsg(7, 1, o, c); },
+     with(head("RPLKX_DDL_TRUNCATE_MSG", 17, 1), {{"subId", 7}})},
+    {"redefine replication key",
+     [](ByteOrder o, int32_t c) {
+       RedefineReplKeyFields f;
+       f.colNames = {"ORDER_ID", "LINE_NO"};
+       return encodeRedefineReplKeyMsg(f, o, c);
+     },
+     with(head("RPLKX_REDEFINE_REPL_KEY_MSG", 18, 1),
+          {{"sub_id", 7}, {"is_P2P", 0}, {"nCols", 2}, {"colNames", Json::array({"ORDER_ID", "LINE_NO"})}})},
+};
+
+TEST(Json, SchemaChanges) {
+  for (const JsonCase& c : kSchemaChanges) expectJson(c);
+}
+
 TEST(Json, UnknownTypeIsAValidObjectWithItsError) {
   std::vector<uint8_t> msg = {'K', 'X', 'R', 'P', 200, 0, 1, 0};
   Rendered r = renderAs(msg, ByteOrder::Little, 1208);
@@ -347,4 +405,55 @@ TEST(Json, LobPartIsNamedByTheSchemaAndConvertedToUtf8) {
   Rendered r = renderAs(encodeLobMsg(lob, ByteOrder::Little, 1208), ByteOrder::Little, 1208);
   EXPECT_TRUE(r.doc["colname"].is_null()) << r.text;
   EXPECT_EQ(r.doc["data"], "0102");
+}
+
+TEST(Json, TransactionInformationBlockIsAGroup) {
+  for (const JsonSender& s : kJsonSenders) {
+    Rendered r = renderAs(encodeLoadDoneMsg(LoadDoneFields{}, s.order, s.ccsid).bytes(), s.order, s.ccsid);
+    ASSERT_FALSE(r.doc.is_discarded()) << r.text;
+    ASSERT_TRUE(r.doc.contains("transInfo")) << r.text;
+    EXPECT_EQ(r.doc["transInfo"]["commit_time"], "2025-11-21T10:20:00.000000Z") << s.tag;
+    EXPECT_EQ(r.doc["transInfo"]["auth_id"], "KXADM") << s.tag;
+    EXPECT_EQ(r.doc["transInfo"]["plan_id"], "KXPLAN");
+    EXPECT_TRUE(r.doc["transInfo"]["uow_id"].is_string());
+    Rendered a = renderAs(encodeAddColumnMsg(AddColumnFields{}, s.order, s.ccsid).bytes(), s.order, s.ccsid);
+    EXPECT_EQ(a.doc["transInfo"]["commit_time"], "2025-11-21T10:20:00.250000Z") << a.text;
+    EXPECT_EQ(a.doc["transInfo"]["auth_tkn"], "ALTERTBL");
+  }
+  LoadDoneFields none;
+  none.trans.flags = 1;  // no transaction context
+  Rendered r = renderAs(encodeLoadDoneMsg(none, ByteOrder::Little, 1208).bytes(), ByteOrder::Little, 1208);
+  EXPECT_TRUE(r.doc["transInfo"].is_null()) << r.text;
+}
+
+TEST(Json, StatementChunkAndBatchedHeaderAreGroupsOfTheirRow) {
+  for (const JsonSender& s : kJsonSenders) {
+    releaseSchemaCache();
+    StreamedTransMsgDef t;
+    RowDef chunk;
+    chunk.subId = 700;
+    chunk.operation = 160;
+    StmtChunkDef c;
+    c.cols = {DataColDef{}, DataColDef{2, 1, 449, 20}};
+    chunk.chunk = c;
+    RowDef batched;
+    batched.subId = 700;
+    batched.keyAfter = std::vector<ColValue>{valInteger(7, s.order)};
+    batched.batched = BatchedTransHeaderDef{};
+    t.rows = {batched, chunk};
+    Rendered r = renderAs(encodeStreamedTransMsg(t, s.order, s.ccsid), s.order, s.ccsid);
+    ASSERT_FALSE(r.doc.is_discarded()) << r.text;
+    EXPECT_EQ(r.rc, 0) << s.tag << r.reports;
+    ASSERT_EQ(r.doc["rows"].size(), 2u) << r.text;
+    const Json& b = r.doc["rows"][0]["batchedTransHeader"];
+    EXPECT_EQ(b["commit_time"], "2023-11-14T22:13:20.000005Z") << s.tag << " " << r.text;
+    EXPECT_EQ(b["auth_id"], "BATCHUSER") << s.tag;
+    EXPECT_EQ(b["uow_id"], "000000000a0c");
+    const Json& st = r.doc["rows"][1]["stmt_chunk"];
+    EXPECT_EQ(st["fileName"], "/tmp/chunk0001.dat") << s.tag << " " << r.text;
+    EXPECT_EQ(st["nRows"], 1000);
+    ASSERT_EQ(st["dataCols"].size(), 2u);
+    EXPECT_EQ(st["dataCols"][1]["colType"], "VARCHAR");
+    EXPECT_EQ(st["dataCols"][1]["typeLen"], 20);
+  }
 }

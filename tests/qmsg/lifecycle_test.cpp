@@ -10,25 +10,6 @@
 
 namespace {
 
-std::string header(const char* type, int version) {
-  return "  qMsgHeader.msgFamily:  KXRP\n  qMsgHeader.msgtype:    " + std::string(type) +
-         "\n  qMsgHeader.msgVersion: " + std::to_string(version) + "\n";
-}
-
-using Encoder = std::function<MsgWriter(ByteOrder, int32_t)>;
-
-// The same message from a little-endian UTF-8 sender and a big-endian EBCDIC sender prints
-// `body` after its header lines.
-void expectBothSenders(const Encoder& encode, const std::string& head, const std::string& body) {
-  for (auto [order, ccsid] : {std::pair{ByteOrder::Little, 1208}, std::pair{ByteOrder::Big, 37}}) {
-    MsgWriter w = encode(order, ccsid);
-    Decoded d = decode(w);
-    EXPECT_EQ(d.rc, 0) << ccsid << d.reports;
-    EXPECT_EQ(d.out, banner(w.size()) + head + body) << "sender CCSID " << ccsid;
-    EXPECT_EQ(d.reports, "");
-  }
-}
-
 TEST(LoadDone, Version7PrintsOnlyItsSubId) {
   LoadDoneFields f;
   f.version = 7;

@@ -10,26 +10,6 @@
 
 namespace {
 
-std::string header(const char* type, int version) {
-  return "  qMsgHeader.msgFamily:  KXRP\n  qMsgHeader.msgtype:    " + std::string(type) +
-         "\n  qMsgHeader.msgVersion: " + std::to_string(version) + "\n";
-}
-
-using Encoder = std::function<MsgWriter(ByteOrder, int32_t)>;
-constexpr std::pair<ByteOrder, int32_t> kSenders[] = {{ByteOrder::Little, 1208}, {ByteOrder::Big, 37}};
-
-// The same message from a little-endian UTF-8 sender and a big-endian EBCDIC sender prints
-// `body` after its header lines.
-void expectBothSenders(const Encoder& encode, const std::string& head, const std::string& body) {
-  for (auto [order, ccsid] : kSenders) {
-    MsgWriter w = encode(order, ccsid);
-    Decoded d = decode(w);
-    EXPECT_EQ(d.rc, 0) << ccsid << d.reports;
-    EXPECT_EQ(d.out, banner(w.size()) + head + body) << "sender CCSID " << ccsid;
-    EXPECT_EQ(d.reports, "");
-  }
-}
-
 TEST(Heartbeat, Version7TwoLinesVersion8Five) {
   HeartbeatFields f;
   f.version = 7;
@@ -223,7 +203,7 @@ TEST(QueueControl, EveryCutIsReportedNeverReadPast) {
       [&](ByteOrder o, int32_t c) { return encodeAdminQMsg(a2, o, c); },
   };
   for (const Encoder& encode : encoders) {
-    for (auto [order, ccsid] : kSenders) {
+    for (auto [order, ccsid] : {std::pair{ByteOrder::Little, 1208}, std::pair{ByteOrder::Big, 37}}) {
       MsgWriter w = encode(order, ccsid);
       ASSERT_EQ(decode(w).rc, 0) << int(w.bytes()[4]);
       for (size_t n = 8; n < w.size(); ++n) {

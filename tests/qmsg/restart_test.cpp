@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "qmsg/families.h"
+#include "qmsg/sink.h"
 #include "tests/qmsg/golden.h"
 #include "tools/gen/encode_restart.h"
 
@@ -20,7 +21,8 @@ int32_t printAlone(std::vector<uint8_t> msg, std::string& reports) {
   FILE* saved = logger->output();
   logger->setOutput(rep.file());
   QMsg m(msg.data(), msg.size(), out.file(), nullptr, nullptr);
-  int32_t rc = printRestartMsg(m);
+  TextSink o(out.file());
+  int32_t rc = printRestartMsg(m, o);
   logger->setOutput(saved);
   reports = rep.text();
   return rc;

@@ -8,11 +8,6 @@
 
 namespace {
 
-std::string headerLines(const char* type, int version) {
-  return "  qMsgHeader.msgFamily:  KXRP\n  qMsgHeader.msgtype:    " + std::string(type) +
-         "\n  qMsgHeader.msgVersion: " + std::to_string(version) + "\n";
-}
-
 // The lines of the default transaction context of the encoder.
 const std::string kTransLines =
     "    qGenericTransInfo.commit_LSN:    1011:1213:1415:1617:1819:1a1b:1c1d:1e1f\n"
