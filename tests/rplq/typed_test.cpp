@@ -1,0 +1,234 @@
+// Typed selection over the JSON rendering: values that read a text, rows that match, LSN
+// ranges, subscriptions learnt from a schema's text, per-subscription counts.
+#include <gtest/gtest.h>
+
+#include <set>
+#include <string>
+#include <vector>
+
+#include "tools/rplq/typed.h"
+
+namespace {
+
+using nlohmann::json;
+
+TEST(RplqTyped, ValueReads) {
+  struct Row {
+    const char* value;  // JSON text
+    const char* want;
+    bool reads;
+  };
+  const Row rows[] = {
+      {R"("N")", "N", true},
+      {R"("N   ")", "N", true},          // CHAR padding
+      {R"("N")", "N  ", true},          // blanks typed after the value
+      {R"("  N")", "N", false},         // leading blanks count
+      {R"("n")", "N", false},           // values keep their case
+      {"1000", "1000", true},
+      {"1000", "1000.0", false},
+      {"-5", "-5", true},
+      {"0.1", "0.1", true},
+      {R"("1234.50")", "1234.50", true},  // DECIMAL as rendered
+      {R"("1234.50")", "1234.5", false},
+      {"null", "NULL", true},
+      {"null", "null", true},
+      {"null", "", false},
+      {"true", "true", true},
+      {"false", "true", false},
+      {R"({"lobDataLen":3,"data":"abc"})", "abc", true},
+      {R"({"lobDataLen":3,"data":null})", "NULL", true},
+      {"[1,2]", "1", false},
+  };
+  for (const Row& r : rows)
+    EXPECT_EQ(rplq::valueReads(json::parse(r.value), r.want), r.reads) << r.value << " / " << r.want;
+}
+
+const char* const kTransaction = R"({
+  "msgtype_code": 128, "commit_LSN": "0000:0000:0000:1234:0000:0000:0000:5600",
+  "commit_time": "2025-11-21T04:40:00.125000Z",
+  "rows": [
+    {"operation": "INSERT", "sub_id": 1, "key_after": {"ORDER_ID": 1000}, "cols_after": {"STATUS": "N"}},
+    {"operation": "UPDATE", "sub_id": 1, "key_before": {"ORDER_ID": 1000}, "cols_before": {"STATUS": "N"},
+     "key_after": {"ORDER_ID": 1000}, "cols_after": {"STATUS": "S"}},
+    {"operation": "DELETE", "sub_id": 2, "key_before": {"ORDER_ID": 7}, "cols_before": {"STATUS": "S  "}},
+    {"operation": "KEY UPDATE", "sub_id": 2, "key_before": {"ORDER_ID": 8}, "key_after": {"ORDER_ID": 9}},
+    {"operation": "RPLKX_ROWOP_MASSIVE_STMT", "sub_id": 3}
+  ]})";
+
+TEST(RplqTyped, MatchingRows) {
+  struct Row {
+    const char* column;
+    const char* value;
+    std::set<int64_t> subs;  // empty: any subscription
+    std::vector<int> rows;
+  };
+  const Row rows[] = {
+      {"ORDER_ID", "1000", {}, {1, 2}},
+      {"order_id", "1000", {}, {1, 2}},   // column names in any case
+      {"STATUS", "S", {}, {2, 3}},        // after value of row 2, padded before value of row 3
+      {"STATUS", "N", {}, {1, 2}},        // before value of row 2
+      {"ORDER_ID", "8", {}, {4}},
+      {"ORDER_ID", "9", {}, {4}},
+      {"ORDER_ID", "9", {1}, {}},
+      {"STATUS", "S", {2}, {3}},
+      {"", "", {2, 3}, {3, 4, 5}},        // every row of those subscriptions
+      {"NO_SUCH", "1", {}, {}},
+      {"operation", "INSERT", {}, {}},    // row header fields are not column values
+  };
+  const json msg = json::parse(kTransaction);
+  for (const Row& r : rows) {
+    std::vector<int> got =
+        rplq::matchingRows(msg, r.column, r.value, r.subs.empty() ? nullptr : &r.subs);
+    EXPECT_EQ(got, r.rows) << r.column << "=" << r.value;
+  }
+  EXPECT_TRUE(rplq::matchingRows(json::parse(R"({"msgtype_code": 3})"), "A", "1", nullptr).empty());
+  EXPECT_TRUE(rplq::ofSubscriptions(msg, {3}));
+  EXPECT_FALSE(rplq::ofSubscriptions(msg, {4}));
+  EXPECT_TRUE(rplq::ofSubscriptions(json::parse(R"({"sub_id": 4})"), {4}));
+}
+
+TEST(RplqTyped, LsnRanges) {
+  struct Row {
+    const char* text;
+    bool ok;
+    const char* from;
+    const char* to;
+  };
+  const Row rows[] = {
+      {"0000:00AB", true, "0000:00ab", "0000:00ab"},
+      {"0000:0001..0000:0009", true, "0000:0001", "0000:0009"},
+      {"0000:0001..", true, "0000:0001", ""},
+      {"..0000:0009", true, "", "0000:0009"},
+      {"..", false, "", ""},
+      {"", false, "", ""},
+      {"0000:0001..01", false, "", ""},   // ends of different forms cannot be ordered
+      {"00g0", false, "", ""},
+      {":0001", false, "", ""},
+  };
+  for (const Row& r : rows) {
+    std::string from, to;
+    bool ok = rplq::parseLsnRange(r.text, from, to);
+    EXPECT_EQ(ok, r.ok) << r.text;
+    if (ok && r.ok) {
+      EXPECT_EQ(from, r.from) << r.text;
+      EXPECT_EQ(to, r.to) << r.text;
+    }
+  }
+}
+
+TEST(RplqTyped, WhereForms) {
+  struct Row {
+    const char* text;
+    bool ok;
+    const char* column;
+    const char* value;
+  };
+  const Row rows[] = {
+      {"ORDER_ID=1234567", true, "ORDER_ID", "1234567"},
+      {"NOTE=a=b", true, "NOTE", "a=b"},
+      {"NOTE=", true, "NOTE", ""},
+      {" NOTE =x ", true, "NOTE", "x "},
+      {"=1", false, "", ""},
+      {"ORDER_ID", false, "", ""},
+  };
+  for (const Row& r : rows) {
+    std::string column, value;
+    bool ok = rplq::parseWhere(r.text, column, value);
+    EXPECT_EQ(ok, r.ok) << r.text;
+    if (ok && r.ok) {
+      EXPECT_EQ(column, r.column) << r.text;
+      EXPECT_EQ(value, r.value) << r.text;
+    }
+  }
+}
+
+TEST(RplqTyped, SubscriptionsFromSchemaText) {
+  rplq::SubDirectory dir;
+  dir.learnFromSchemaText("schema.subname:   ORDERS0001\nschema.sub_id:    1\n"
+                          "schema.src_owner schema.src_name:  SHOP.ORDERS\n");
+  dir.learnFromSchemaText("schema.subname:   ITEMS\nschema.sub_id:    2\n"
+                          "schema.src_owner schema.src_name:  SHOP.ITEMS\n");
+  dir.learnFromSchemaText("schema.subname:   ORDERS_EU\nschema.sub_id:    3\n"
+                          "schema.src_owner schema.src_name:  SHOP.ORDERS\n");
+  dir.learnFromSchemaText("no schema lines at all\n");
+  ASSERT_EQ(dir.size(), 3u);
+  EXPECT_EQ(dir.idsNamed("orders0001"), (std::set<int64_t>{1}));
+  EXPECT_EQ(dir.idsOfTable("shop.orders"), (std::set<int64_t>{1, 3}));
+  EXPECT_TRUE(dir.idsOfTable("SHOP").empty());
+  // A later schema of the same subscription replaces its names.
+  dir.learnFromSchemaText("schema.subname:   ITEMS2\nschema.sub_id:    2\n"
+                          "schema.src_owner schema.src_name:  SHOP.ITEMS2\n");
+  ASSERT_NE(dir.find(2), nullptr);
+  EXPECT_EQ(dir.find(2)->table, "SHOP.ITEMS2");
+}
+
+TEST(RplqTyped, SummaryBySubscription) {
+  rplq::SubSummary summary;
+  summary.add(json::parse(kTransaction));
+  json later = json::parse(kTransaction);
+  later["commit_LSN"] = "0000:0000:0000:1234:0000:0000:0000:5601";
+  later["commit_time"] = "2025-11-21T04:41:00.000000Z";
+  summary.add(later);
+  summary.add(json::parse(R"({"msgtype_code": 3})"));  // no rows: not counted
+
+  rplq::SubDirectory dir;
+  dir.learnFromSchemaText("schema.subname:   S1\nschema.sub_id:    1\n"
+                          "schema.src_owner schema.src_name:  A.B\n");
+  char* text = nullptr;
+  size_t size = 0;
+  FILE* out = open_memstream(&text, &size);
+  summary.writeJson(out, dir);
+  std::fclose(out);
+  // The member after a comma: `,"subscriptions":[...]`.
+  json subs = json::parse("{" + std::string(text + 1, size - 1) + "}").at("subscriptions");
+  std::free(text);
+
+  ASSERT_EQ(subs.size(), 3u);
+  EXPECT_EQ(subs[0]["sub_id"], 1);
+  EXPECT_EQ(subs[0]["table"], "A.B");
+  EXPECT_EQ(subs[0]["transactions"], 2);
+  EXPECT_EQ(subs[0]["rows"]["insert"], 2);
+  EXPECT_EQ(subs[0]["rows"]["update"], 2);
+  EXPECT_EQ(subs[0]["first_commit_LSN"], "0000:0000:0000:1234:0000:0000:0000:5600");
+  EXPECT_EQ(subs[0]["last_commit_time"], "2025-11-21T04:41:00.000000Z");
+  EXPECT_EQ(subs[1]["sub_id"], 2);
+  EXPECT_TRUE(subs[1]["table"].is_null());  // no schema met
+  EXPECT_EQ(subs[1]["rows"]["delete"], 2);
+  EXPECT_EQ(subs[1]["rows"]["update"], 2);  // KEY UPDATE counts as an update
+  EXPECT_EQ(subs[2]["rows"]["other"], 2);
+}
+
+// The one-pass reading of the rendering counts as the document does.
+TEST(RplqTyped, SummaryFromTheTextEqualsTheDocument) {
+  auto written = [](const rplq::SubSummary& summary) {
+    rplq::SubDirectory dir;
+    char* text = nullptr;
+    size_t size = 0;
+    FILE* out = open_memstream(&text, &size);
+    summary.writeJson(out, dir);
+    std::fclose(out);
+    std::string s(text, size);
+    std::free(text);
+    return s;
+  };
+  const char* const messages[] = {
+      kTransaction,
+      R"({"msgtype_code": 3, "sub_id": 9})",
+      R"({"rows": [], "commit_LSN": "01"})",
+      R"({"commit_time": "2025-01-01T00:00:00.000000Z", "rows": [{"operation": "DELETE", "sub_id": 4,
+          "cols_before": {"rows": [{"operation": "INSERT", "sub_id": 5}], "sub_id": 6}}]})",
+      // Quotes, brackets and keys inside strings, and an array of objects after the rows.
+      R"({"rows": [{"sub_id": 7, "cols_after": {"A": "x\"}],{\"operation\":", "B": "]"},
+          "operation": "UPDATE"}], "columns": [{"sub_id": 8, "operation": "INSERT"}]})",
+  };
+  rplq::SubSummary byDocument, byStream;
+  for (const char* m : messages) {
+    byDocument.add(json::parse(m));
+    EXPECT_TRUE(byStream.addRendered(m)) << m;
+  }
+  EXPECT_EQ(written(byStream), written(byDocument));
+  for (const char* bad : {R"({"rows": [)", R"({"a": "b)", "}{", ""})
+    EXPECT_FALSE(byStream.addRendered(bad)) << bad;
+}
+
+}  // namespace

@@ -1,0 +1,327 @@
+// Typed selection and counting over the JSON rendering of compact messages (see typed.h).
+#include "tools/rplq/typed.h"
+
+#include <strings.h>
+
+#include <cctype>
+#include <cinttypes>
+#include <cstdlib>
+#include <cstring>
+#include <sstream>
+#include <string_view>
+
+#include "tools/rplq/summary.h"
+
+namespace rplq {
+
+namespace {
+
+using nlohmann::json;
+
+std::string trimBlanks(std::string s) {
+  while (!s.empty() && (s.back() == ' ' || s.back() == '\t')) s.pop_back();
+  size_t start = 0;
+  while (start < s.size() && (s[start] == ' ' || s[start] == '\t')) ++start;
+  return s.substr(start);
+}
+
+bool sameText(const std::string& a, const std::string& b) {
+  return a.size() == b.size() && strcasecmp(a.c_str(), b.c_str()) == 0;
+}
+
+// The before and after value sets of a row: objects under keys ending in "before" or "after".
+template <typename F>
+void forEachValueSet(const json& row, F&& f) {
+  for (auto it = row.begin(); it != row.end(); ++it) {
+    if (!it->is_object()) continue;
+    const std::string& key = it.key();
+    auto endsWith = [&](const char* tail) {
+      size_t n = std::strlen(tail);
+      return key.size() >= n && key.compare(key.size() - n, n, tail) == 0;
+    };
+    if (endsWith("before") || endsWith("after")) f(*it);
+  }
+}
+
+int64_t subOf(const json& j) {
+  auto it = j.find("sub_id");
+  return it != j.end() && it->is_number_integer() ? it->get<int64_t>() : -1;
+}
+
+std::string stringMember(const json& j, const char* key) {
+  auto it = j.find(key);
+  return it != j.end() && it->is_string() ? it->get<std::string>() : std::string();
+}
+
+}  // namespace
+
+void SubDirectory::learnFromSchemaText(const std::string& text) {
+  std::istringstream lines(text);
+  std::string line;
+  int64_t id = -1;
+  SubInfo info;
+  auto valueAfter = [&](const std::string& l, const char* label) -> std::string {
+    return trimBlanks(l.substr(std::strlen(label)));
+  };
+  while (std::getline(lines, line)) {
+    if (line.rfind("schema.subname:", 0) == 0) {
+      info.name = valueAfter(line, "schema.subname:");
+    } else if (line.rfind("schema.sub_id:", 0) == 0) {
+      id = std::strtoll(valueAfter(line, "schema.sub_id:").c_str(), nullptr, 10);
+    } else if (line.rfind("schema.src_owner schema.src_name:", 0) == 0) {
+      info.table = valueAfter(line, "schema.src_owner schema.src_name:");
+    }
+  }
+  if (id >= 0) subs_[id] = info;
+}
+
+const SubInfo* SubDirectory::find(int64_t subId) const {
+  auto it = subs_.find(subId);
+  return it != subs_.end() ? &it->second : nullptr;
+}
+
+std::set<int64_t> SubDirectory::idsNamed(const std::string& subName) const {
+  std::set<int64_t> ids;
+  for (const auto& [id, info] : subs_)
+    if (sameText(info.name, subName)) ids.insert(id);
+  return ids;
+}
+
+std::set<int64_t> SubDirectory::idsOfTable(const std::string& table) const {
+  std::set<int64_t> ids;
+  for (const auto& [id, info] : subs_)
+    if (sameText(info.table, table)) ids.insert(id);
+  return ids;
+}
+
+bool parseWhere(const std::string& text, std::string& column, std::string& value) {
+  size_t eq = text.find('=');
+  if (eq == std::string::npos) return false;
+  column = trimBlanks(text.substr(0, eq));
+  value = text.substr(eq + 1);
+  return !column.empty();
+}
+
+std::string lsnKey(const std::string& printed) {
+  std::string k;
+  for (char c : printed) k += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return k;
+}
+
+bool parseLsnRange(const std::string& text, std::string& from, std::string& to) {
+  auto valid = [](const std::string& s) {
+    if (s.empty()) return true;
+    for (char c : s)
+      if (!std::isxdigit(static_cast<unsigned char>(c)) && c != ':') return false;
+    return s.front() != ':' && s.back() != ':';
+  };
+  size_t dots = text.find("..");
+  if (dots == std::string::npos) {
+    from = to = lsnKey(text);
+    return !text.empty() && valid(text);
+  }
+  from = lsnKey(text.substr(0, dots));
+  to = lsnKey(text.substr(dots + 2));
+  if (from.empty() && to.empty()) return false;
+  return valid(from) && valid(to) && (from.empty() || to.empty() || from.size() == to.size());
+}
+
+bool valueReads(const json& value, const std::string& want) {
+  switch (value.type()) {
+    case json::value_t::string: {
+      std::string s = value.get<std::string>();
+      std::string w = want;
+      while (!s.empty() && s.back() == ' ') s.pop_back();
+      while (!w.empty() && w.back() == ' ') w.pop_back();
+      return s == w;
+    }
+    case json::value_t::null:
+      return want == "NULL" || want == "null";
+    case json::value_t::object: {
+      auto data = value.find("data");
+      return data != value.end() && !data->is_object() && valueReads(*data, want);
+    }
+    case json::value_t::array:
+    case json::value_t::discarded:
+      return false;
+    default:
+      return value.dump() == want;
+  }
+}
+
+std::vector<int> matchingRows(const json& msg, const std::string& column, const std::string& value,
+                              const std::set<int64_t>* subs) {
+  std::vector<int> hits;
+  auto rows = msg.find("rows");
+  if (rows == msg.end() || !rows->is_array()) return hits;
+  int index = 0;
+  for (const json& row : *rows) {
+    ++index;
+    if (!row.is_object()) continue;
+    if (subs != nullptr && subs->count(subOf(row)) == 0) continue;
+    bool hit = column.empty();
+    if (!hit) {
+      forEachValueSet(row, [&](const json& set) {
+        for (auto it = set.begin(); it != set.end() && !hit; ++it)
+          if (sameText(it.key(), column) && valueReads(*it, value)) hit = true;
+      });
+    }
+    if (hit) hits.push_back(index);
+  }
+  return hits;
+}
+
+bool ofSubscriptions(const json& msg, const std::set<int64_t>& subs) {
+  if (subs.count(subOf(msg)) != 0) return true;
+  return !matchingRows(msg, "", "", &subs).empty();
+}
+
+void SubSummary::add(const json& msg) {
+  auto rows = msg.find("rows");
+  if (rows == msg.end() || !rows->is_array()) return;
+  std::vector<RowKey> keys;
+  for (const json& row : *rows)
+    if (row.is_object()) keys.push_back({subOf(row), stringMember(row, "operation")});
+  add(stringMember(msg, "commit_time"), stringMember(msg, "commit_LSN"), keys);
+}
+
+namespace {
+
+bool isBlank(char c) { return c == ' ' || c == '\n' || c == '\t' || c == '\r'; }
+
+// Reads "commit_time" and "commit_LSN" of the message and "sub_id" and "operation" of each
+// element of its "rows" array from the JSON text in one pass, without building a document:
+// strings are skipped by their quotes and escapes, containers counted by their brackets. False
+// when the text is not balanced JSON.
+bool scanRows(const std::string& text, std::string& commit, std::string& lsn,
+              std::vector<SubSummary::RowKey>& rows) {
+  const size_t n = text.size();
+  int depth = 0;
+  bool inRows = false;  // inside the top-level "rows" array (depth 2)
+  bool sawContainer = false;
+  std::string key;
+  size_t i = 0;
+  auto inRow = [&] { return inRows && depth == 3 && !rows.empty(); };
+  while (i < n) {
+    const char c = text[i];
+    if (isBlank(c) || c == ',') {
+      ++i;
+    } else if (c == '"') {
+      size_t j = i + 1;
+      while (j < n && text[j] != '"') j += text[j] == '\\' ? 2 : 1;
+      if (j >= n) return false;
+      std::string_view str(text.data() + i + 1, j - i - 1);
+      i = j + 1;
+      while (i < n && isBlank(text[i])) ++i;
+      if (i < n && text[i] == ':') {
+        key.assign(str);
+        ++i;
+        continue;
+      }
+      if (depth == 1 && key == "commit_time") commit.assign(str);
+      else if (depth == 1 && key == "commit_LSN") lsn.assign(str);
+      else if (inRow() && key == "operation") rows.back().operation.assign(str);
+      key.clear();
+    } else if (c == '{' || c == '[') {
+      if (c == '[' && depth == 1 && key == "rows") inRows = true;
+      if (c == '{' && inRows && depth == 2) rows.push_back({-1, {}});
+      ++depth;
+      sawContainer = true;
+      key.clear();
+      ++i;
+    } else if (c == '}' || c == ']') {
+      if (--depth < 0) return false;
+      if (depth == 1) inRows = false;
+      ++i;
+    } else {
+      size_t j = i;
+      while (j < n && !isBlank(text[j]) && text[j] != ',' && text[j] != '}' && text[j] != ']') ++j;
+      if (inRow() && key == "sub_id") {
+        char* end = nullptr;
+        long long v = std::strtoll(text.c_str() + i, &end, 10);
+        if (end == text.c_str() + j) rows.back().sub = v;
+      }
+      key.clear();
+      i = j;
+    }
+  }
+  return depth == 0 && sawContainer;
+}
+
+}  // namespace
+
+bool SubSummary::addRendered(const std::string& text) {
+  std::string commit, lsn;
+  std::vector<RowKey> rows;
+  if (!scanRows(text, commit, lsn, rows)) return false;
+  if (!rows.empty()) add(commit, lsn, rows);
+  return true;
+}
+
+void SubSummary::add(const std::string& commit, const std::string& lsn,
+                     const std::vector<RowKey>& rows) {
+  std::set<int64_t> seen;
+  for (const RowKey& row : rows) {
+    SubTally& t = subs_[row.sub];
+    const std::string& op = row.operation;
+    if (op == "INSERT")
+      ++t.inserts;
+    else if (op == "UPDATE" || op == "KEY UPDATE")
+      ++t.updates;
+    else if (op == "DELETE")
+      ++t.deletes;
+    else
+      ++t.others;
+    if (!seen.insert(row.sub).second) continue;
+    ++t.transactions;
+    if (!commit.empty()) {
+      if (t.firstCommit.empty() || commit < t.firstCommit) t.firstCommit = commit;
+      if (t.lastCommit.empty() || commit > t.lastCommit) t.lastCommit = commit;
+    }
+    if (!lsn.empty()) {
+      if (t.firstLsn.empty() || lsnKey(lsn) < lsnKey(t.firstLsn)) t.firstLsn = lsn;
+      if (t.lastLsn.empty() || lsnKey(lsn) > lsnKey(t.lastLsn)) t.lastLsn = lsn;
+    }
+  }
+}
+
+void SubSummary::writeTable(FILE* out, const SubDirectory& dir) const {
+  if (subs_.empty()) return;
+  std::fprintf(out, "\n%-8s %-18s %-24s %12s %10s %10s %10s %8s\n", "SUB_ID", "SUBSCRIPTION",
+               "TABLE", "TRANSACTIONS", "INSERTS", "UPDATES", "DELETES", "OTHER");
+  for (const auto& [id, t] : subs_) {
+    const SubInfo* info = dir.find(id);
+    std::fprintf(out, "%-8" PRId64 " %-18s %-24s %12" PRIu64 " %10" PRIu64 " %10" PRIu64
+                      " %10" PRIu64 " %8" PRIu64 "\n",
+                 id, info != nullptr ? info->name.c_str() : "?",
+                 info != nullptr ? info->table.c_str() : "?", t.transactions, t.inserts,
+                 t.updates, t.deletes, t.others);
+  }
+  for (const auto& [id, t] : subs_) {
+    if (t.firstCommit.empty() && t.firstLsn.empty()) continue;
+    std::fprintf(out, "sub %" PRId64 ": commits %s .. %s, LSN %s .. %s\n", id,
+                 t.firstCommit.c_str(), t.lastCommit.c_str(), t.firstLsn.c_str(),
+                 t.lastLsn.c_str());
+  }
+}
+
+void SubSummary::writeJson(FILE* out, const SubDirectory& dir) const {
+  json subs = json::array();
+  for (const auto& [id, t] : subs_) {
+    const SubInfo* info = dir.find(id);
+    json s = {{"sub_id", id},
+              {"subname", info != nullptr ? json(info->name) : json(nullptr)},
+              {"table", info != nullptr ? json(info->table) : json(nullptr)},
+              {"transactions", t.transactions},
+              {"rows", {{"insert", t.inserts}, {"update", t.updates}, {"delete", t.deletes},
+                        {"other", t.others}}},
+              {"first_commit_time", t.firstCommit.empty() ? json(nullptr) : json(t.firstCommit)},
+              {"last_commit_time", t.lastCommit.empty() ? json(nullptr) : json(t.lastCommit)},
+              {"first_commit_LSN", t.firstLsn.empty() ? json(nullptr) : json(t.firstLsn)},
+              {"last_commit_LSN", t.lastLsn.empty() ? json(nullptr) : json(t.lastLsn)}};
+    subs.push_back(std::move(s));
+  }
+  std::fprintf(out, ",\"subscriptions\":%s", subs.dump().c_str());
+}
+
+}  // namespace rplq

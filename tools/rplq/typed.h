@@ -1,0 +1,89 @@
+// Selection and counting on the typed fields of compact messages, read from their JSON
+// rendering: subscriptions and their tables (learnt from the schema messages met), rows whose
+// column reads a value, LSN ranges, commit times, and per-subscription counts.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "tools/rplq/options.h"
+
+namespace rplq {
+
+// A subscription as its schema message names it.
+struct SubInfo {
+  std::string name;   // "ORDERS0001"
+  std::string table;  // "SHOP.ORDERS"
+};
+
+// The subscriptions whose schemas were met so far, by subscription id.
+class SubDirectory {
+ public:
+  // Learns a subscription from the text rendering of its schema message (the lines
+  // "schema.subname:", "schema.sub_id:" and "schema.src_owner schema.src_name:").
+  void learnFromSchemaText(const std::string& text);
+  const SubInfo* find(int64_t subId) const;
+  // The ids of the subscriptions named `subName` (case ignored), or of table `table`.
+  std::set<int64_t> idsNamed(const std::string& subName) const;
+  std::set<int64_t> idsOfTable(const std::string& table) const;
+  size_t size() const { return subs_.size(); }
+
+ private:
+  std::map<int64_t, SubInfo> subs_;
+};
+
+// --where COL=VALUE: false when there is no '=' or no column name.
+bool parseWhere(const std::string& text, std::string& column, std::string& value);
+// --lsn FROM[..TO], FROM.., ..TO: LSNs in their printed form (hex groups joined by ':').
+bool parseLsnRange(const std::string& text, std::string& from, std::string& to);
+// The LSN in a form that orders as the number does (lower-case, groups as printed).
+std::string lsnKey(const std::string& printed);
+
+// True when a column value, as the JSON rendering gives it, reads `want`: strings compared
+// with their trailing blanks ignored, numbers and booleans by their JSON text, null as "NULL"
+// or "null". A LOB value reads as its data.
+bool valueReads(const nlohmann::json& value, const std::string& want);
+
+// The 1-based indexes of the rows of `msg` ("rows" array) that have column `column` (case
+// ignored) reading `value` in a before or an after value set; when `subs` is given, only rows
+// of those subscriptions. An empty `column` matches every row of those subscriptions.
+std::vector<int> matchingRows(const nlohmann::json& msg, const std::string& column,
+                              const std::string& value, const std::set<int64_t>* subs);
+// True when the message is of one of `subs`: its own "sub_id", or a row's.
+bool ofSubscriptions(const nlohmann::json& msg, const std::set<int64_t>& subs);
+
+// Per-subscription counts for --summary.
+struct SubTally {
+  uint64_t transactions = 0;
+  uint64_t inserts = 0, updates = 0, deletes = 0, others = 0;
+  std::string firstCommit, lastCommit;  // ISO-8601 as rendered
+  std::string firstLsn, lastLsn;        // printed form
+};
+
+class SubSummary {
+ public:
+  // Counts the rows of one message by subscription and operation.
+  void add(const nlohmann::json& msg);
+  // The same from the message's JSON text, read in one pass (no document is built). False when
+  // the text is not balanced JSON.
+  bool addRendered(const std::string& text);
+  void writeTable(FILE* out, const SubDirectory& dir) const;
+  // Members "subscriptions": [...] (with a leading comma) for the summary object.
+  void writeJson(FILE* out, const SubDirectory& dir) const;
+
+  struct RowKey {
+    int64_t sub;
+    std::string operation;
+  };
+  void add(const std::string& commit, const std::string& lsn, const std::vector<RowKey>& rows);
+
+ private:
+  std::map<int64_t, SubTally> subs_;
+};
+
+}  // namespace rplq
