@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The compact figure of the benchmark, old and new rplqmfmt side by side in one run: the bench
 # traffic (TRANSACTIONS transactions of 10 rows, default 25000) is browsed REPS times (default
-# 5) in turn by the bare browse, the old and the new formatter and the JSON rendering, all to
+# 5) in turn by the bare browse, the old and the new formatter and rplq's JSON rendering, all to
 # /dev/null; the medians and each one's ratio to the bare browse are printed.
 #
 #   tests/qmsg/compare-speed.sh OLD_DIR NEW_BUILD_DIR [TRANSACTIONS] [REPS]
@@ -24,7 +24,7 @@ for ((i = 0; i < reps; i++)); do
   seconds "$new/bin/bench_browse" SPDQM DATA >>"$work/browse"
   seconds env LD_LIBRARY_PATH="$old/lib" "$old/bin/rplqmfmt" DATA SPDQM >>"$work/old"
   seconds "$new/bin/rplqmfmt" DATA SPDQM >>"$work/new"
-  seconds "$new/bin/bench_json" SPDQM DATA >>"$work/json"
+  seconds "$new/bin/rplq" --json SPDQM DATA >>"$work/json"
 done
 b=$(median <"$work/browse")
 for k in old new json; do

@@ -300,6 +300,9 @@ class Run {
   bool parseTyped();
   // Decodes a subscription schema message into the schema cache and learns its names.
   void learnSchema(const KXMD& md, const uint8_t* data, size_t length);
+  // A copy of the message for the decoder (which swaps integers in place, while the message
+  // may still be printed from the original), and its sender's context with UTF-8 as output.
+  uint8_t* workCopy(const KXMD& md, const uint8_t* data, size_t length, encodingInfo& enc);
   // Prints one selected message; returns false when the run must end (exit code set).
   bool show(KXHCONN hconn, const KXMD& md, uint8_t* data, size_t length);
   // Takes the message just browsed off the queue under syncpoint. 1 taken, 0 gone meanwhile
@@ -465,17 +468,20 @@ std::set<int64_t> Run::selectedSubs() const {
   return subs;
 }
 
-void Run::renderTyped(const KXMD& md, const uint8_t* data, size_t length) {
-  // Rendered from a copy: the decoder swaps integers in place, and the message may still be
-  // printed from the original.
+uint8_t* Run::workCopy(const KXMD& md, const uint8_t* data, size_t length, encodingInfo& enc) {
   if (work_.size() < length + 1) work_.resize(length + 1);
   std::memcpy(work_.data(), data, length);
-  encodingInfo enc;
   enc.setup(md.CodedCharSetId);
   enc.outCcsid = 1208;
   enc.flags = littleEndianEncoding(md.Encoding) ? kEncMachineOrder : 0;
+  return work_.data();
+}
+
+void Run::renderTyped(const KXMD& md, const uint8_t* data, size_t length) {
+  encodingInfo enc;
+  uint8_t* copy = workCopy(md, data, length, enc);
   typedText_.clear();
-  typedRc_ = renderCompactJson(work_.data(), length, enc, printer_.converters(), typedText_);
+  typedRc_ = renderCompactJson(copy, length, enc, printer_.converters(), typedText_);
   typedWhy_ = reports_.take();
   parsed_ = false;
 }
@@ -509,17 +515,13 @@ std::string wherePrefilter(const Options& o) {
 }
 
 void Run::learnSchema(const KXMD& md, const uint8_t* data, size_t length) {
-  if (work_.size() < length + 1) work_.resize(length + 1);
-  std::memcpy(work_.data(), data, length);
   encodingInfo enc;
-  enc.setup(md.CodedCharSetId);
-  enc.outCcsid = 1208;
-  enc.flags = littleEndianEncoding(md.Encoding) ? kEncMachineOrder : 0;
+  uint8_t* copy = workCopy(md, data, length, enc);
   char* text = nullptr;
   size_t size = 0;
   FILE* mem = open_memstream(&text, &size);
   if (mem == nullptr) return;
-  int32_t rc = processSchemaMsg(work_.data(), length, mem, &enc, &printer_.converters());
+  int32_t rc = processSchemaMsg(copy, length, mem, &enc, &printer_.converters());
   std::fclose(mem);
   if (rc == 0) directory_.learnFromSchemaText(std::string(text, size));
   std::free(text);
