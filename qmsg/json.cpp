@@ -53,6 +53,14 @@ void JsonOut::quote(std::string_view text) {
   const unsigned char* p = reinterpret_cast<const unsigned char*>(text.data());
   size_t n = text.size();
   for (size_t i = 0; i < n;) {
+    // Plain ASCII goes over in runs: most names and values are nothing else.
+    size_t run = i;
+    while (run < n && p[run] >= 0x20 && p[run] < 0x80 && p[run] != '"' && p[run] != '\\') ++run;
+    if (run > i) {
+      s_.append(text.data() + i, run - i);
+      i = run;
+      continue;
+    }
     unsigned char c = p[i];
     if (c == '"' || c == '\\') {
       s_ += '\\';
@@ -68,9 +76,6 @@ void JsonOut::quote(std::string_view text) {
           s_ += kHex[c >> 4];
           s_ += kHex[c & 15];
       }
-      ++i;
-    } else if (c < 0x80) {
-      s_ += static_cast<char>(c);
       ++i;
     } else {
       size_t len = utf8Sequence(p + i, n - i);

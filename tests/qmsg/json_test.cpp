@@ -457,3 +457,38 @@ TEST(Json, StatementChunkAndBatchedHeaderAreGroupsOfTheirRow) {
     EXPECT_EQ(st["dataCols"][1]["typeLen"], 20);
   }
 }
+
+// Strings go out as JSON strings whatever bytes they hold: quotes, backslashes and control
+// characters escaped, UTF-8 kept, a byte that is not UTF-8 replaced; the text around each kept
+// in order. Each row is parsed back by the JSON parser and compared with what it must read.
+TEST(JsonOutText, StringsAreEscapedAndParseBackToTheirText) {
+  struct Row {
+    std::string in;
+    std::string reads;  // the parsed value
+    const char* written;  // the exact text, where it matters
+  };
+  const Row rows[] = {
+      {"ORDER_ID", "ORDER_ID", "\"ORDER_ID\""},
+      {"", "", "\"\""},
+      {"say \"hi\"", "say \"hi\"", "\"say \\\"hi\\\"\""},
+      {"C:\\dir\\", "C:\\dir\\", "\"C:\\\\dir\\\\\""},
+      {"a\nb\rc\td", "a\nb\rc\td", "\"a\\nb\\rc\\td\""},
+      {std::string("x\0y\x1f", 4), std::string("x\0y\x1f", 4), "\"x\\u0000y\\u001f\""},
+      {"caf\xC3\xA9 \xE2\x82\xAC", "caf\xC3\xA9 \xE2\x82\xAC", nullptr},
+      {"ab\xFF" "cd", "ab\xEF\xBF\xBD" "cd", nullptr},
+      {"\xC3", "\xEF\xBF\xBD", nullptr},
+      {std::string(300, 'z') + "\"", std::string(300, 'z') + "\"", nullptr},
+  };
+  for (const Row& row : rows) {
+    JsonOut out;
+    out.beginObject();
+    out.str("v", row.in);
+    out.endObject();
+    Json doc = Json::parse(out.str(), nullptr, false);
+    ASSERT_FALSE(doc.is_discarded()) << out.str();
+    EXPECT_EQ(doc["v"].get<std::string>(), row.reads) << out.str();
+    if (row.written != nullptr) {
+      EXPECT_EQ(out.str(), std::string("{\"v\":") + row.written + "}");
+    }
+  }
+}
