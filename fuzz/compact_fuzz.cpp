@@ -26,12 +26,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   int32_t counter = 0;
   size_t start = 0;
   while (start <= size) {
-    size_t end = start;
-    // Byte by byte, not memcmp: the fuzzer's memcmp hook would cost more than the decoding.
-    while (end + 4 <= size && !(data[end] == kFuzzSplit[0] && data[end + 1] == kFuzzSplit[1] &&
-                                data[end + 2] == kFuzzSplit[2] && data[end + 3] == kFuzzSplit[3]))
-      ++end;
-    if (end + 4 > size) end = size;
+    size_t end = fuzzMessageEnd(data, start, size);
     std::vector<uint8_t> msg(data + start, data + end);
     msg.shrink_to_fit();
     processCompactMsg(msg.data(), msg.size(), "FUZZQ", sink, &counter, encp, cmp,

@@ -2,6 +2,7 @@
 // services, and the conversion context chosen by one input byte.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -63,3 +64,13 @@ inline uint8_t seedMode(bool bigEndian, int32_t ccsid) {
 
 // Separates the messages of one compact input (a schema message before the rows that need it).
 inline constexpr uint8_t kFuzzSplit[4] = {0xFE, 0xFE, 0xFE, 0xFE};
+
+// Where the message that starts at `start` ends: at the next separator, or at `size`. Byte by
+// byte, not memcmp: the fuzzer's memcmp hook would cost more than the decoding.
+inline size_t fuzzMessageEnd(const uint8_t* data, size_t start, size_t size) {
+  size_t end = start;
+  while (end + 4 <= size && !(data[end] == kFuzzSplit[0] && data[end + 1] == kFuzzSplit[1] &&
+                              data[end + 2] == kFuzzSplit[2] && data[end + 3] == kFuzzSplit[3]))
+    ++end;
+  return end + 4 > size ? size : end;
+}

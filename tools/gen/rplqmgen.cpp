@@ -320,6 +320,28 @@ std::vector<ColValue> demoCols(const DemoValues& v, const Options& o, bool lobIn
           valText(std::string(1, '\1'), 0)};
 }
 
+// The REMARKS value of the demo subscription's first row (8 KiB of `sentence` repeated), sent in
+// two LOB messages of 4 KiB; the second ends the transaction.
+std::vector<Bytes> demoRemarksLob(const std::string& sentence, ByteOrder order, int32_t ccsid) {
+  constexpr size_t kPart = 4096;
+  std::string text;
+  while (text.size() < 2 * kPart) text += sentence;
+  text.resize(2 * kPart);
+  Bytes all = valText(text, ccsid).data;
+  std::vector<Bytes> parts;
+  for (size_t part = 0; part < 2; ++part) {
+    LobMsgDef l;
+    l.subId = kDemoSub;
+    l.rowNum = 2;
+    l.colNum = 15;
+    l.flag = part == 1 ? 1 : 0;
+    l.totalLen = static_cast<uint32_t>(all.size());
+    l.data.assign(all.begin() + part * kPart, all.begin() + (part + 1) * kPart);
+    parts.push_back(encodeLobMsg(l, order, ccsid));
+  }
+  return parts;
+}
+
 RowDef demoRow(uint8_t op, const DemoValues* before, const DemoValues* after, const Options& o, bool lobInline) {
   RowDef r;
   r.subId = kDemoSub;
@@ -388,20 +410,8 @@ std::vector<Bytes> demoMessages(const Options& o) {
     msgs.push_back(encodeTransMsg(tx, b, cp));
 
     // The REMARKS value of the first row, in two parts; the last one ends the transaction.
-    std::string text;
-    while (text.size() < 2 * 4096) text += "The quick brown fox jumps over the lazy dog. ";
-    text.resize(2 * 4096);
-    Bytes all = valText(text, cp).data;
-    for (int part = 0; part < 2; ++part) {
-      LobMsgDef l;
-      l.subId = kDemoSub;
-      l.rowNum = 2;
-      l.colNum = 15;
-      l.flag = part == 1 ? 1 : 0;
-      l.totalLen = static_cast<uint32_t>(all.size());
-      l.data.assign(all.begin() + part * 4096, all.begin() + (part + 1) * 4096);
-      msgs.push_back(encodeLobMsg(l, b, cp));
-    }
+    for (Bytes& part : demoRemarksLob("The quick brown fox jumps over the lazy dog. ", b, cp))
+      msgs.push_back(std::move(part));
   }
 
   // A large transaction streamed in three messages, the middle one with a statement chunk.
@@ -756,20 +766,8 @@ class Mixed {
     tx.rows.push_back(orderRow(16, false));
     tx.flag = 0;
     if (int rc = put(encodeTransMsg(tx, o_.order, o_.ccsid))) return rc;
-    std::string text;
-    while (text.size() < 2 * 4096) text += "Deliver to the loading bay at the back, ring twice. ";
-    text.resize(2 * 4096);
-    Bytes all = valText(text, o_.ccsid).data;
-    for (int part = 0; part < 2; ++part) {
-      LobMsgDef l;
-      l.subId = kDemoSub;
-      l.rowNum = 2;
-      l.colNum = 15;
-      l.flag = part == 1 ? 1 : 0;
-      l.totalLen = static_cast<uint32_t>(all.size());
-      l.data.assign(all.begin() + part * 4096, all.begin() + (part + 1) * 4096);
-      if (int rc = put(encodeLobMsg(l, o_.order, o_.ccsid))) return rc;
-    }
+    for (Bytes& part : demoRemarksLob("Deliver to the loading bay at the back, ring twice. ", o_.order, o_.ccsid))
+      if (int rc = put(std::move(part))) return rc;
     return 0;
   }
 

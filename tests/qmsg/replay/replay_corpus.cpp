@@ -86,11 +86,7 @@ int main(int argc, char** argv) {
         const uint8_t* data = seed.data() + 1;
         size_t size = seed.size() - 1, start = 0;
         while (start <= size) {
-          size_t end = start;
-          while (end + 4 <= size && !(data[end] == kFuzzSplit[0] && data[end + 1] == kFuzzSplit[1] &&
-                                      data[end + 2] == kFuzzSplit[2] && data[end + 3] == kFuzzSplit[3]))
-            ++end;
-          if (end + 4 > size) end = size;
+          size_t end = fuzzMessageEnd(data, start, size);
           std::vector<uint8_t> msg(data + start, data + end);
           int32_t rc = processCompactMsg(msg.data(), msg.size(), "REPLAYQ", stdout, &counter,
                                          mode.withContext ? &enc : nullptr, mode.withContext ? &cm : nullptr,
