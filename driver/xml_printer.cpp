@@ -362,7 +362,7 @@ class DocWriter {
   // --- events of one document, in the parser's order -------------------------------------------
   void startDocument() {
     out_.clear();
-    frames_.clear();
+    depth_ = 0;
     spaces_.clear();
     text_.clear();
     inText_ = false;
@@ -379,7 +379,7 @@ class DocWriter {
     standalone_ = same(standalone, XMLUni::fgYesString);
   }
   void characters(const XMLCh* chars, XMLSize_t length, bool cdata) {
-    if (frames_.empty()) return;  // outside the root element
+    if (depth_ == 0) return;  // outside the root element
     if (cdata) {
       endText();
       child(Node{Kind::CData, Text(chars, length), Text()});
@@ -390,12 +390,12 @@ class DocWriter {
   }
   void comment(const XMLCh* value) {
     endText();
-    if (frames_.empty()) {
+    if (depth_ == 0) {
       declaration();
       writeComment(value, 0, true);
       return;
     }
-    Frame& f = frames_.back();
+    Frame& f = frames_[depth_ - 1];
     if (f.deferring) {
       f.deferred.push_back(Node{Kind::Comment, value, Text()});
     } else if (f.seenElement) {
@@ -408,7 +408,7 @@ class DocWriter {
   }
   void pi(const XMLCh* target, const XMLCh* data) {
     endText();
-    if (frames_.empty()) {
+    if (depth_ == 0) {
       declaration();
       writePi(target, data, 0);
       return;
@@ -420,10 +420,10 @@ class DocWriter {
                     const XMLCh* elemPrefix, const RefVectorOf<XMLAttr>& attrs, XMLSize_t attrCount) {
     endText();
     int level = 0;
-    if (frames_.empty()) {
+    if (depth_ == 0) {
       declaration();
     } else {
-      Frame& parent = frames_.back();
+      Frame& parent = frames_[depth_ - 1];
       if (parent.deferring) replay(parent, true);
       parent.seenElement = true;
       open(parent);
@@ -435,9 +435,15 @@ class DocWriter {
     const bool prefixed = elemPrefix != nullptr && *elemPrefix != 0;
     if (prefixed && (same(elemPrefix, XMLUni::fgXMLNSString) || same(elemPrefix, XMLUni::fgXMLString)))
       throw kNeedTree;
-    Frame f;
+    // Frames are kept from one document to the next, with the room of their names.
+    if (depth_ == frames_.size()) frames_.emplace_back();
+    Frame& f = frames_[depth_];
     f.level = level;
+    f.open = false;
+    f.seenElement = false;
+    f.deferring = false;
     f.nsMark = spaces_.size();
+    f.name.clear();
     const XMLCh* uri = nullptr;
     if (uriId != none) {
       uri = scanner.getURIText(uriId);
@@ -447,7 +453,7 @@ class DocWriter {
       }
     }
     f.name += decl.getBaseName();
-    const Text prefix = uri != nullptr && prefixed ? Text(elemPrefix) : Text();
+    const XMLCh* const prefix = uri != nullptr && prefixed ? elemPrefix : u"";
 
     if (!lineFeedInText_)
       newLine();
@@ -458,13 +464,13 @@ class DocWriter {
     put(u"<", 1, Esc::None, true);
     put(f.name, Esc::None, true);
 
-    if ((uri != nullptr && *uri != 0) || (prefix.empty() && defaultSpaceDeclared())) {
+    if ((uri != nullptr && *uri != 0) || (*prefix == 0 && defaultSpaceDeclared())) {
       if (!bindingActive(prefix, uri)) {
         bind(prefix, uri, f.nsMark);
         put(u" xmlns", 6, Esc::None, false);
-        if (!prefix.empty()) {
+        if (*prefix != 0) {
           put(u":", 1, Esc::None, false);
-          put(prefix, Esc::None, false);
+          putZ(prefix, Esc::None);
         }
         put(u"=\"", 2, Esc::None, false);
         putZ(uri, Esc::Attr);
@@ -494,7 +500,7 @@ class DocWriter {
       if (attrUri != none) {
         const XMLCh* ns = scanner.getURIText(attrUri);
         if (same(ns, XMLUni::fgXMLNSURIName)) {
-          const Text nsPrefix = xmlnsAlone ? Text() : Text(local);
+          const XMLCh* nsPrefix = xmlnsAlone ? u"" : local;
           if (declaredHere(nsPrefix, f.nsMark)) continue;
           bind(local, a->getValue(), f.nsMark);
         } else if (!same(ns, XMLUni::fgXMLURIName)) {
@@ -515,12 +521,12 @@ class DocWriter {
       putZ(a->getValue(), Esc::Attr);
       put(u"\"", 1, Esc::None, false);
     }
-    frames_.push_back(std::move(f));
+    ++depth_;
   }
 
   void endElement() {
     endText();
-    Frame& f = frames_.back();
+    Frame& f = frames_[depth_ - 1];
     if (f.deferring) replay(f, false);
     if (f.open) {
       if (f.startLine != line_) {
@@ -537,7 +543,7 @@ class DocWriter {
       put(u"/>", 2, Esc::None, true);
     }
     spaces_.resize(f.nsMark);
-    frames_.pop_back();
+    --depth_;
   }
 
   void endDocument() {
@@ -593,12 +599,16 @@ class DocWriter {
   void endText() {
     if (!inText_) return;
     inText_ = false;
-    child(Node{Kind::Text, std::move(text_), Text()});
+    Frame& f = frames_[depth_ - 1];
+    if (f.deferring)
+      f.deferred.push_back(Node{Kind::Text, text_, Text()});
+    else
+      writeText(f, text_);
     text_.clear();
   }
 
   void child(Node&& n) {
-    Frame& f = frames_.back();
+    Frame& f = frames_[depth_ - 1];
     if (f.deferring)
       f.deferred.push_back(std::move(n));
     else
@@ -613,35 +623,41 @@ class DocWriter {
   }
 
   void write(Frame& f, const Node& n, bool pretty) {
-    open(f);
     switch (n.kind) {
-      case Kind::Text: {
-        lineFeedInText_ = false;
-        lastWhiteSpace_ = 0;
-        if (allSpaces(n.a)) {
-          size_t pos = n.a.rfind(u'\n');
-          if (pos == Text::npos) pos = n.a.rfind(u'\r');
-          if (pos != Text::npos) {
-            lineFeedInText_ = true;
-            lastWhiteSpace_ = static_cast<unsigned>(n.a.size() - pos);
-          }
-        }
-        put(n.a, Esc::Char, false);
+      case Kind::Text:
+        writeText(f, n.a);
         break;
-      }
       case Kind::CData:
+        open(f);
         // A parsed section never holds "]]>", so it stays one section.
         put(u"<![CDATA[", 9, Esc::None, true);
         put(n.a, Esc::None, true);
         put(u"]]>", 3, Esc::None, true);
         break;
       case Kind::Comment:
+        open(f);
         writeComment(n.a.c_str(), f.level + 1, pretty);
         break;
       case Kind::Pi:
+        open(f);
         writePi(n.a.c_str(), n.b.c_str(), f.level + 1);
         break;
     }
+  }
+
+  void writeText(Frame& f, const Text& t) {
+    open(f);
+    lineFeedInText_ = false;
+    lastWhiteSpace_ = 0;
+    if (allSpaces(t)) {
+      size_t pos = t.rfind(u'\n');
+      if (pos == Text::npos) pos = t.rfind(u'\r');
+      if (pos != Text::npos) {
+        lineFeedInText_ = true;
+        lastWhiteSpace_ = static_cast<unsigned>(t.size() - pos);
+      }
+    }
+    put(t, Esc::Char, false);
   }
 
   void open(Frame& f) {
@@ -694,25 +710,25 @@ class DocWriter {
   }
 
   // --- namespace bindings, looked up like the serializer's stack of per-element maps ----------
-  bool declaredHere(const Text& prefix, size_t mark) const {
+  bool declaredHere(const XMLCh* prefix, size_t mark) const {
     for (size_t i = mark; i < spaces_.size(); ++i)
-      if (spaces_[i].prefix == prefix) return true;
+      if (same(spaces_[i].prefix.c_str(), prefix)) return true;
     return false;
   }
-  void bind(const Text& prefix, const XMLCh* uri, size_t mark) {
+  void bind(const XMLCh* prefix, const XMLCh* uri, size_t mark) {
     for (size_t i = mark; i < spaces_.size(); ++i)
-      if (spaces_[i].prefix == prefix) {
+      if (same(spaces_[i].prefix.c_str(), prefix)) {
         spaces_[i].uri = uri != nullptr ? uri : u"";
         spaces_[i].hasUri = uri != nullptr;
         return;
       }
-    spaces_.push_back(Binding{prefix, uri != nullptr ? Text(uri) : Text(), uri != nullptr});
+    spaces_.push_back(Binding{prefix != nullptr ? Text(prefix) : Text(), uri != nullptr ? Text(uri) : Text(), uri != nullptr});
   }
   // Whether `prefix` is bound to `uri` by the innermost binding of it that has a namespace.
-  bool bindingActive(const Text& prefix, const XMLCh* uri) const {
+  bool bindingActive(const XMLCh* prefix, const XMLCh* uri) const {
     for (size_t i = spaces_.size(); i > 0; --i) {
       const Binding& b = spaces_[i - 1];
-      if (b.hasUri && b.prefix == prefix) return same(b.uri.c_str(), uri);
+      if (b.hasUri && same(b.prefix.c_str(), prefix)) return same(b.uri.c_str(), uri);
     }
     return false;
   }
@@ -821,7 +837,8 @@ class DocWriter {
   BufTarget target_{&out_};
   std::unique_ptr<XMLFormatter> formatter_;
 
-  std::vector<Frame> frames_;
+  std::vector<Frame> frames_;  // the open elements: the first depth_
+  size_t depth_ = 0;
   std::vector<Binding> spaces_;
   std::vector<const XMLAttr*> order_;
   Text text_;
