@@ -109,8 +109,11 @@ std::vector<std::string> corpus() {
     const std::string seed = readFile(e.path());
     if (!seed.empty()) docs.push_back(seed.substr(1));
   }
-  // The documents of the read loop's and the folder printer's tests.
+  // The documents of the read loop's and the folder printer's tests and of the manual's examples.
   for (const char* d : {"<a/>", "<doc><v>\xC3\xA9</v></doc>", "<body/>", "<b>t</b>", "<abc>",
+                        "<order id=\"42\"><item qty=\"2\">tea</item></order>",
+                        "<status code=\"ok\"><since>2026-11-21</since></status>", "<mcd><Msd>xml</Msd></mcd>",
+                        "<usr><Region>EU</Region></usr>",
                         "<?xml version=\"1.0\"?>\n<orders>\n  <order id=\"1\">\n    <item>W</item>\n  </order>\n</orders>\n",
                         "<r>text <b>bold</b> more\n  <e/>\n tail</r>"})
     docs.emplace_back(d);
@@ -158,6 +161,92 @@ INSTANTIATE_TEST_SUITE_P(Encodings, XmlWriter,
                              if (!std::isalnum(static_cast<unsigned char>(c))) c = '_';
                            return n;
                          });
+
+// Documents built at random from the pieces the pretty printer treats differently (elements
+// empty or not, text with and without the document's own line breaks and indentation, comments
+// and instructions among text or elements, sections, namespaces declared and redeclared,
+// attributes needing escapes), from a fixed seed.
+class RandomDoc {
+ public:
+  explicit RandomDoc(uint32_t seed) : state_(seed) {}
+  std::string make() {
+    std::string d = pick(3) == 0 ? "<?xml version=\"1.0\"?>" : "";
+    if (pick(3) == 0) d += misc();
+    d += element(0);
+    if (pick(3) == 0) d += misc();
+    return d;
+  }
+
+ private:
+  uint32_t pick(uint32_t n) {
+    state_ = state_ * 1103515245u + 12345u;
+    return (state_ >> 8) % n;
+  }
+  std::string misc() { return pick(2) == 0 ? "<!--c" + std::to_string(pick(9)) + "-->" : "<?pi d?>"; }
+  std::string space() {
+    static const char* kSpaces[] = {"", " ", "\n", "\n  ", "\n    ", "\n\t", "  \n  ", "&#13;", "\n      "};
+    return kSpaces[pick(9)];
+  }
+  std::string text() {
+    static const char* kTexts[] = {"x", "a &amp; b", "&lt;t&gt;", "\"q\" 'a'", "caf\xC3\xA9", "\xE6\x97\xA5",
+                                   "l1\nl2", " pad ", "]]&gt;"};
+    return kTexts[pick(9)];
+  }
+  std::string attrs(int depth) {
+    std::string a;
+    static const char* kNames[] = {"b", "a", "id", "x:k", "zz", "y:v"};
+    static const char* kValues[] = {"1", "a&amp;b", "&quot;q&quot;", "it's", "t\tn&#10;", "&lt;", "\xC3\xA9"};
+    bool used[6] = {};
+    for (uint32_t i = pick(4); i > 0; --i) {
+      const uint32_t n = pick(6);
+      if (used[n]) continue;
+      used[n] = true;
+      a += std::string(" ") + kNames[n] + "=\"" + kValues[pick(7)] + "\"";
+    }
+    if (depth == 0 || pick(4) == 0) a += " xmlns:x=\"urn:x" + std::to_string(pick(2)) + "\"";
+    if (depth == 0 || pick(4) == 0) a += " xmlns:y=\"urn:y\"";
+    if (pick(5) == 0) a += pick(2) == 0 ? " xmlns=\"urn:d\"" : " xmlns=\"\"";
+    return a;
+  }
+  std::string element(int depth) {
+    static const char* kNames[] = {"e", "x:e", "f", "y:g"};
+    const std::string name = kNames[pick(depth == 0 ? 1 : 4)];
+    std::string e = "<" + name + attrs(depth);
+    const uint32_t kids = depth > 5 ? 0 : pick(5);
+    if (kids == 0 && pick(2) == 0) return e + "/>";
+    e += ">";
+    for (uint32_t i = 0; i < kids; ++i) {
+      switch (pick(7)) {
+        case 0: e += text(); break;
+        case 1: e += space(); break;
+        case 2: e += misc(); break;
+        case 3: e += "<![CDATA[" + std::string(pick(2) == 0 ? "" : "d <&> ]") + "]]>"; break;
+        default: e += space() + element(depth + 1) + space(); break;
+      }
+    }
+    return e + "</" + name + ">";
+  }
+  uint32_t state_;
+};
+
+TEST(XmlWriter, RandomDocumentsPrintWhatTheLibrarysSerializerPrints) {
+  std::vector<std::string> docs;
+  RandomDoc gen(20261123);
+  for (int i = 0; i < 400; ++i) docs.push_back(gen.make());
+  for (const char* encoding : {"UTF-8", "US-ASCII"}) {
+    SCOPED_TRACE(encoding);
+    const std::vector<Printed> ours = printAll(docs, encoding, false);
+    const std::vector<Printed> reference = printAll(docs, encoding, true);
+    size_t printed = 0;
+    for (size_t i = 0; i < docs.size(); ++i) {
+      SCOPED_TRACE(docs[i]);
+      EXPECT_EQ(ours[i].out, reference[i].out);
+      EXPECT_EQ(ours[i].err, reference[i].err);
+      if (!reference[i].out.empty()) ++printed;
+    }
+    EXPECT_GT(printed, docs.size() * 9 / 10);
+  }
+}
 
 // The writer, not the tree, prints the ordinary documents: only a document type, a version other
 // than 1.0 or markup the output encoding cannot hold takes the tree.
