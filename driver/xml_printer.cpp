@@ -360,8 +360,10 @@ class DocWriter {
   }
 
   // --- events of one document, in the parser's order -------------------------------------------
-  void startDocument() {
+  // `length`: the document's size; the pretty-printed text is about a third larger.
+  void startDocument(size_t length) {
     out_.clear();
+    out_.room(length + length / 2 + 4096);
     depth_ = 0;
     spaces_.clear();
     text_.clear();
@@ -461,20 +463,20 @@ class DocWriter {
       lineFeedInText_ = false;
     indent(level);
     f.startLine = line_;
-    put(u"<", 1, Esc::None, true);
+    ascii("<", 1);
     put(f.name, Esc::None, true);
 
     if ((uri != nullptr && *uri != 0) || (*prefix == 0 && defaultSpaceDeclared())) {
       if (!bindingActive(prefix, uri)) {
         bind(prefix, uri, f.nsMark);
-        put(u" xmlns", 6, Esc::None, false);
+        ascii(" xmlns", 6);
         if (*prefix != 0) {
-          put(u":", 1, Esc::None, false);
+          ascii(":", 1);
           putZ(prefix, Esc::None);
         }
-        put(u"=\"", 2, Esc::None, false);
+        ascii("=\"", 2);
         putZ(uri, Esc::Attr);
-        put(u"\"", 1, Esc::None, false);
+        ascii("\"", 1);
       }
     }
 
@@ -485,9 +487,10 @@ class DocWriter {
       const XMLAttr* a = attrs.elementAt(i);
       if (a->getSpecified()) order_.push_back(a);
     }
-    std::sort(order_.begin(), order_.end(), [](const XMLAttr* x, const XMLAttr* y) {
-      return XMLString::compareString(x->getQName(), y->getQName()) < 0;
-    });
+    if (order_.size() > 1)
+      std::sort(order_.begin(), order_.end(), [](const XMLAttr* x, const XMLAttr* y) {
+        return XMLString::compareString(x->getQName(), y->getQName()) < 0;
+      });
     for (const XMLAttr* a : order_) {
       const XMLCh* qname = a->getQName();
       const XMLCh* local = a->getName();
@@ -507,19 +510,19 @@ class DocWriter {
           const XMLCh* p = a->getPrefix();
           if (p != nullptr && *p != 0 && !bindingActive(p, ns)) {
             bind(p, ns, f.nsMark);
-            put(u" xmlns:", 7, Esc::None, false);
+            ascii(" xmlns:", 7);
             putZ(p, Esc::None);
-            put(u"=\"", 2, Esc::None, false);
+            ascii("=\"", 2);
             putZ(ns, Esc::Attr);
-            put(u"\"", 1, Esc::None, false);
+            ascii("\"", 1);
           }
         }
       }
-      put(u" ", 1, Esc::None, false);
+      ascii(" ", 1);
       putZ(qname, Esc::None);
-      put(u"=\"", 2, Esc::None, false);
+      ascii("=\"", 2);
       putZ(a->getValue(), Esc::Attr);
-      put(u"\"", 1, Esc::None, false);
+      ascii("\"", 1);
     }
     ++depth_;
   }
@@ -536,11 +539,11 @@ class DocWriter {
           lineFeedInText_ = false;
         indent(f.level);
       }
-      put(u"</", 2, Esc::None, true);
+      ascii("</", 2);
       put(f.name, Esc::None, true);
-      put(u">", 1, Esc::None, true);
+      ascii(">", 1);
     } else {
-      put(u"/>", 2, Esc::None, true);
+      ascii("/>", 2);
     }
     spaces_.resize(f.nsMark);
     --depth_;
@@ -583,16 +586,16 @@ class DocWriter {
   void declaration() {
     if (declWritten_) return;
     declWritten_ = true;
-    put(u"<?xml version=\"", 15, Esc::None, false);
+    ascii("<?xml version=\"", 15);
     put(version_, Esc::None, false);
-    put(u"\" encoding=\"", 12, Esc::None, false);
+    ascii("\" encoding=\"", 12);
     put(encoding_, Esc::None, false);
-    put(u"\" standalone=\"", 14, Esc::None, false);
+    ascii("\" standalone=\"", 14);
     if (standalone_)
-      put(u"yes", 3, Esc::None, false);
+      ascii("yes", 3);
     else
-      put(u"no", 2, Esc::None, false);
-    put(u"\" ?>", 4, Esc::None, false);
+      ascii("no", 2);
+    ascii("\" ?>", 4);
   }
 
   // Character data ends at the next event that is not character data.
@@ -630,9 +633,9 @@ class DocWriter {
       case Kind::CData:
         open(f);
         // A parsed section never holds "]]>", so it stays one section.
-        put(u"<![CDATA[", 9, Esc::None, true);
+        ascii("<![CDATA[", 9);
         put(n.a, Esc::None, true);
-        put(u"]]>", 3, Esc::None, true);
+        ascii("]]>", 3);
         break;
       case Kind::Comment:
         open(f);
@@ -663,7 +666,7 @@ class DocWriter {
   void open(Frame& f) {
     if (f.open) return;
     f.open = true;
-    put(u">", 1, Esc::None, false);
+    ascii(">", 1);
   }
 
   void writeComment(const XMLCh* value, int level, bool pretty) {
@@ -671,21 +674,21 @@ class DocWriter {
       newLine();
       indent(level);
     }
-    put(u"<!--", 4, Esc::None, true);
+    ascii("<!--", 4);
     putZ(value, Esc::None, true);
-    put(u"-->", 3, Esc::None, true);
+    ascii("-->", 3);
   }
 
   void writePi(const XMLCh* target, const XMLCh* data, int level) {
     newLine();
     indent(level);
-    put(u"<?", 2, Esc::None, true);
+    ascii("<?", 2);
     putZ(target, Esc::None, true);
     if (data != nullptr && *data != 0) {
-      put(u" ", 1, Esc::None, true);
+      ascii(" ", 1);
       putZ(data, Esc::None, true);
     }
-    put(u"?>", 2, Esc::None, true);
+    ascii("?>", 2);
   }
 
   void newLine() {
@@ -865,6 +868,7 @@ class GuardedParser : public XercesDOMParser {
     refused_ = false;
     needTree_ = false;
     writer_ = writer;
+    length_ = length;
     text_ = 0;
     textLimit_ = kTextPerDocumentByte * length + kTextAllowance;
   }
@@ -879,7 +883,7 @@ class GuardedParser : public XercesDOMParser {
   }
   void startDocument() override {
     if (writer_ == nullptr) return XercesDOMParser::startDocument();
-    writer_->startDocument();
+    writer_->startDocument(length_);
   }
   void endDocument() override {
     if (writer_ == nullptr) return XercesDOMParser::endDocument();
@@ -967,6 +971,7 @@ class GuardedParser : public XercesDOMParser {
   }
 
   DocWriter* writer_ = nullptr;
+  uint32_t length_ = 0;
   uint64_t text_ = 0;
   uint64_t textLimit_ = 0;
   bool refused_ = false;
