@@ -126,8 +126,14 @@ sqlite3_vfs* gRealVfs = nullptr;
 AheadFile* ahead(sqlite3_file* f) { return reinterpret_cast<AheadFile*>(f); }
 sqlite3_file* real(sqlite3_file* f) { return ahead(f)->real; }
 
-// Lets the copied pages of the mapping go (the file's pages stay in the page cache).
+// Lets the copied pages of the mapping go (the file's pages stay in the page cache). Only while
+// the mapping is still the one made for this read: SQLite may have moved or dropped it.
 void letGo(AheadFile* a) {
+  sqlite3_file* r = a->real;
+  void* now = nullptr;
+  if (a->map && r->pMethods->xFetch(r, 0, 1, &now) == SQLITE_OK && now)
+    r->pMethods->xUnfetch(r, 0, now);
+  if (now != a->map) a->map = nullptr;
   sqlite3_int64 page = sysconf(_SC_PAGESIZE);
   sqlite3_int64 from = a->low / page * page, to = std::min(a->high, a->mapped);
   if (a->map && to > from)
