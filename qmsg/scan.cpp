@@ -78,15 +78,10 @@ struct NamedColumns {
 thread_local NamedColumns g_named;
 thread_local bool g_namedReady = false;
 
-int32_t namedColumns(const CachedSchema& cached, const QMsg& m, const char* column, NamedColumns*& out) {
+// Reads the columns of `cached` named `column` into `n`, their names converted as the row
+// printer converts them (with the row message's context).
+int32_t readNamedColumns(const CachedSchema& cached, const QMsg& m, const char* column, NamedColumns& n) {
   const int32_t msgCcsid = m.enc->msgCcsid, outCcsid = m.enc->outCcsid, flags = m.enc->flags;
-  NamedColumns& n = g_named;
-  if (g_namedReady && n.serial == cached.serial && n.msgCcsid == msgCcsid && n.outCcsid == outCcsid &&
-      n.flags == flags && n.name == column) {
-    out = &n;
-    return 0;
-  }
-  g_namedReady = false;
   n = NamedColumns{};
   n.serial = cached.serial;
   n.name = column;
@@ -123,6 +118,19 @@ int32_t namedColumns(const CachedSchema& cached, const QMsg& m, const char* colu
       n.infos.push_back(col);
     }
   }
+  return 0;
+}
+
+int32_t namedColumns(const CachedSchema& cached, const QMsg& m, const char* column, NamedColumns*& out) {
+  NamedColumns& n = g_named;
+  if (g_namedReady && n.serial == cached.serial && n.msgCcsid == m.enc->msgCcsid &&
+      n.outCcsid == m.enc->outCcsid && n.flags == m.enc->flags && n.name == column) {
+    out = &n;
+    return 0;
+  }
+  g_namedReady = false;
+  int32_t rc = readNamedColumns(cached, m, column, n);
+  if (rc != 0) return rc;
   g_namedReady = true;
   out = &n;
   return 0;
@@ -353,6 +361,30 @@ int32_t scanCompactMsg(uint8_t* msg, size_t length, const encodingInfo& enc, Con
     if (rc == 0) rc = scanRow(m, at, version, column, out);
     if (rc != 0) return rc;
     at += (static_cast<size_t>(len) + 3) & ~size_t{3};
+  }
+  return 0;
+}
+
+int32_t namedColumnForms(const encodingInfo& enc, ConvMgr& cm, const char* column, unsigned& forms) {
+  forms = 0;
+  encodingInfo utf8 = enc;
+  utf8.outCcsid = 1208;
+  uint8_t none = 0;
+  QMsg m(&none, 0, nullptr, &utf8, &cm);
+  for (size_t i = 0; i < schemaCacheSize(); ++i) {
+    const CachedSchema* cached = findSchema(schemaCacheKeyAt(i));
+    if (cached == nullptr) continue;
+    NamedColumns n;
+    int32_t rc = readNamedColumns(*cached, m, column, n);
+    if (rc != 0) return rc;
+    for (const ColumnInfo& col : n.infos) {
+      switch (col.type & ~1u) {
+        case kColSmallint: forms |= kFormInt16; break;
+        case kColInteger: forms |= kFormInt32; break;
+        case kColBigint: forms |= kFormInt64; break;
+        default: forms |= kFormOther;
+      }
+    }
   }
   return 0;
 }

@@ -106,3 +106,9 @@ struct ScanResult {
 // kRcUnknownType for any other message type.
 int32_t scanCompactMsg(uint8_t* msg, size_t length, const encodingInfo& enc, ConvMgr& cm,
                        const char* column, ScanResult& out);
+
+// The value forms of the columns named `column` (case ignored) in every cached schema, their
+// names converted with the context of a message from `enc`: kForm* bits. Returns 0 or the
+// result code of a schema that cannot be read.
+inline constexpr unsigned kFormInt16 = 1, kFormInt32 = 2, kFormInt64 = 4, kFormOther = 8;
+int32_t namedColumnForms(const encodingInfo& enc, ConvMgr& cm, const char* column, unsigned& forms);

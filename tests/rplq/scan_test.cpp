@@ -184,6 +184,37 @@ TEST(RplqScan, ReadsWhatTheRenderingSays) {
   releaseSchemaCache();
 }
 
+// The forms of a column name over the schemas met, which decide whether --where may look for
+// an integer's bytes in a message instead of reading it.
+TEST(RplqScan, FormsOfANamedColumn) {
+  for (const Sender& s : kSenders) {
+    releaseSchemaCache();
+    rendered(encodeSchemaMsg(orderSchema(s.ccsid), s.order, s.ccsid), s);
+    SchemaMsgDef other;
+    other.subId = 2;
+    other.columns = {{"ORDER_ID", 492, 8, 0}, {"QTY", 452, 4, s.ccsid}};
+    rendered(encodeSchemaMsg(other, s.order, s.ccsid), s);
+    struct Row {
+      const char* column;
+      unsigned forms;
+    };
+    const Row rows[] = {
+        {"ORDER_ID", kFormInt32 | kFormInt64},  // INTEGER in one schema, BIGINT in the other
+        {"order_id", kFormInt32 | kFormInt64},
+        {"TOTAL", kFormInt64},
+        {"QTY", kFormInt16 | kFormOther},        // CHAR in the other schema
+        {"NAME", kFormOther},
+        {"NOSUCH", 0},
+    };
+    for (const Row& r : rows) {
+      unsigned forms = 99;
+      ASSERT_EQ(namedColumnForms(contextOf(s), converters(), r.column, forms), 0);
+      EXPECT_EQ(forms, r.forms) << r.column << " (" << s.tag << ")";
+    }
+  }
+  releaseSchemaCache();
+}
+
 // A message the pass cannot walk says so; other message types are not its business.
 TEST(RplqScan, RefusesWhatItCannotWalk) {
   const Sender s = kSenders[1];

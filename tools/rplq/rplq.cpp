@@ -303,6 +303,10 @@ class Run {
   // The light pass over a transaction or streamed transaction message (scanned_); false when
   // it could not walk the message, which is then rendered as a whole instead.
   bool scan(const KXMD& md, const uint8_t* data, size_t length);
+  // False when the message cannot hold a row that --where selects: the value is an integer,
+  // every column of that name in the schemas met is an integer column, and the message holds
+  // none of the value's byte forms (integers travel as they are, in the sender's byte order).
+  bool mayMatch(const KXMD& md, const uint8_t* data, size_t length);
   // The rows of the scanned message that --where and the subscriptions select, 1-based.
   std::vector<int> scannedMatches(const std::set<int64_t>* subs, bool byValue) const;
   bool parseTyped();
@@ -332,6 +336,14 @@ class Run {
   bool haveTyped_ = false;
   ScanResult scan_;            // the light pass's reading of the message in hand
   bool scanned_ = false;
+  // The --where pre-check: the schemas it was worked out for (their count of changes) and the
+  // sender's code page and byte order, whether it applies, and the value's byte forms.
+  uint64_t schemaChanges_ = 0;
+  uint64_t precheckChanges_ = ~uint64_t{0};
+  int32_t precheckCcsid_ = 0;
+  bool precheckLittle_ = false;
+  bool precheckActive_ = false;
+  std::vector<std::string> wireForms_;
   std::string prefilter_ = wherePrefilter(o_);
   int32_t typedRc_ = 0;
   std::string typedWhy_;
@@ -423,6 +435,7 @@ bool Run::selected(const KXMD& md, const uint8_t* data, size_t length) {
   if (compact && (rowOptions || byTime || o_.summary)) {
     const uint8_t type = data[4];
     if (type == kTypeTrans || type == kTypeStreamedTrans) {
+      if (o_.hasWhere && !mayMatch(md, data, length)) return false;
       // Transactions are read by the light pass; one it cannot walk is rendered whole.
       if (!scan(md, data, length)) {
         renderTyped(md, data, length);
@@ -501,6 +514,59 @@ std::vector<int> Run::scannedMatches(const std::set<int64_t>* subs, bool byValue
     if (hit) hits.push_back(index);
   }
   return hits;
+}
+
+// The value as an integer when its text is the one the JSON rendering gives that integer.
+bool canonicalInteger(const std::string& text, int64_t& value) {
+  if (text.empty() || text.size() > 20) return false;
+  errno = 0;
+  char* end = nullptr;
+  long long v = std::strtoll(text.c_str(), &end, 10);
+  if (errno != 0 || *end != '\0' || std::to_string(v) != text) return false;
+  value = v;
+  return true;
+}
+
+bool Run::mayMatch(const KXMD& md, const uint8_t* data, size_t length) {
+  const bool little = littleEndianEncoding(md.Encoding);
+  if (precheckChanges_ != schemaChanges_ || precheckCcsid_ != md.CodedCharSetId || precheckLittle_ != little) {
+    precheckChanges_ = schemaChanges_;
+    precheckCcsid_ = md.CodedCharSetId;
+    precheckLittle_ = little;
+    precheckActive_ = false;
+    wireForms_.clear();
+    int64_t value = 0;
+    const std::string& column = o_.whereColumn;
+    // A name of digits also names the values of rows without a schema, by position.
+    const bool positional = column.find_first_not_of("0123456789") == std::string::npos;
+    if (positional || !canonicalInteger(o_.whereValue, value)) return true;
+    encodingInfo enc;
+    enc.setup(md.CodedCharSetId);
+    enc.flags = little ? kEncMachineOrder : 0;
+    unsigned forms = 0;
+    if (namedColumnForms(enc, printer_.converters(), column.c_str(), forms) != 0) {
+      reports_.take();  // the rows' own reading reports the schema
+      return true;
+    }
+    if (forms & kFormOther) return true;
+    auto add = [&](size_t width, int64_t low, int64_t high) {
+      if (value < low || value > high) return;
+      std::string bytes(width, '\0');
+      for (size_t i = 0; i < width; ++i) {
+        const size_t shift = 8 * (little ? i : width - 1 - i);
+        bytes[i] = static_cast<char>(static_cast<uint64_t>(value) >> shift);
+      }
+      wireForms_.push_back(bytes);
+    };
+    if (forms & kFormInt16) add(2, INT16_MIN, INT16_MAX);
+    if (forms & kFormInt32) add(4, INT32_MIN, INT32_MAX);
+    if (forms & kFormInt64) add(8, INT64_MIN, INT64_MAX);
+    precheckActive_ = true;
+  }
+  if (!precheckActive_) return true;
+  for (const std::string& form : wireForms_)
+    if (memmem(data, length, form.data(), form.size()) != nullptr) return true;
+  return false;
 }
 
 bool Run::scan(const KXMD& md, const uint8_t* data, size_t length) {
@@ -593,6 +659,7 @@ std::string wherePrefilter(const Options& o) {
 }
 
 void Run::learnSchema(const KXMD& md, const uint8_t* data, size_t length) {
+  ++schemaChanges_;
   encodingInfo enc;
   uint8_t* copy = workCopy(md, data, length, enc);
   char* text = nullptr;
