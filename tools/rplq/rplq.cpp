@@ -46,7 +46,10 @@ namespace {
 using namespace rplq;
 
 constexpr int kProgramId = 13;
+// Output written in large blocks. The buffer is given to setvbuf: without one of its own the
+// C library keeps the device's block size (4 KiB) whatever size is asked for.
 constexpr size_t kOutputBufferSize = 1 << 20;
+static char g_outputBuffer[kOutputBufferSize];
 constexpr size_t kFirstBufferSize = 64 * 1024;
 // A following get waits this long at a time, so that SIGINT and SIGTERM end the run promptly.
 constexpr KXLONG kFollowWaitMs = 250;
@@ -924,7 +927,7 @@ int runTool(int argc, char** argv) {
       return kExitOutput;
     }
   }
-  std::setvbuf(out, nullptr, _IOFBF, kOutputBufferSize);
+  std::setvbuf(out, g_outputBuffer, _IOFBF, sizeof g_outputBuffer);
 
   KXCHAR qmgr[KX_Q_MGR_NAME_LENGTH];
   kxSetName(qmgr, sizeof qmgr, o.qmgr.c_str());
