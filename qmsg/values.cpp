@@ -240,6 +240,14 @@ int32_t readInt(const QMsg& m, const uint8_t* p, size_t len, T& v, const char* r
 template <class V>
 int32_t printText(QMsg& m, V& v, const uint8_t* p, size_t n, int32_t codePage, const char* step,
                   const char* function, const char* label) {
+  // Bytes that need no conversion (the output's own code page, or no conversion context) are
+  // written from the message as convertText would lend them.
+  if (!m.converting() ||
+      ConvMgr::ckcpcv(codePage == -1 ? m.enc->msgCcsid : codePage, m.enc->outCcsid, m.enc->flags) !=
+          kRcConvNeeded) {
+    v.text(reinterpret_cast<const char*>(p), static_cast<int>(n));
+    return 0;
+  }
   ConvText text;
   int32_t rc = convertText(m, p, n, text, step, function, label, codePage);
   if (rc == 0) v.text(text.data(), text.size());
