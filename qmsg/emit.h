@@ -38,6 +38,9 @@ class Emit {
   Emit& str(const char* s) { return raw(s, std::strlen(s)); }
   // "%.*s": at most n characters, up to the first zero byte; a negative n is no limit.
   Emit& text(const char* p, int n) {
+    // A short text without a zero byte, the usual value, is seen to be one in a few word
+    // reads instead of a call to strnlen.
+    if (n >= 8 && n <= 32 && !hasZeroByte(p, static_cast<size_t>(n))) return raw(p, static_cast<size_t>(n));
     return raw(p, n < 0 ? std::strlen(p) : strnlen(p, static_cast<size_t>(n)));
   }
   // "%c".
@@ -61,6 +64,21 @@ class Emit {
       v /= 10;
     } while (v != 0);
     return raw(digits + sizeof digits - n, n);
+  }
+  // Whether n bytes (8 to 32) at p hold a zero byte: eight bytes at a time, the last eight
+  // overlapping the ones before.
+  static bool hasZeroByte(const char* p, size_t n) {
+    constexpr uint64_t kLow = 0x0101010101010101ull, kHigh = 0x8080808080808080ull;
+    uint64_t any = 0;
+    for (size_t at = 0; at + 8 < n; at += 8) {
+      uint64_t w;
+      std::memcpy(&w, p + at, 8);
+      any |= (w - kLow) & ~w & kHigh;
+    }
+    uint64_t w;
+    std::memcpy(&w, p + n - 8, 8);
+    any |= (w - kLow) & ~w & kHigh;
+    return any != 0;
   }
   // n bytes from `from` to `to`, which do not overlap.
   static void copyShort(char* to, const char* from, size_t n) {

@@ -1,0 +1,129 @@
+// The line builder writes exactly the bytes it is given, in order, whatever room the stream's
+// buffer has left: pieces of every short length copied inline or through the library, across
+// the end of small and large buffers, mixed with the stream's own writes.
+#include <gtest/gtest.h>
+
+#include <cinttypes>
+#include <cstdio>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "qmsg/emit.h"
+
+namespace {
+
+// A file stream with a buffer of `room` bytes; what was written is read back after a flush.
+class BufferedFile {
+ public:
+  explicit BufferedFile(size_t room) : buffer_(room), f_(std::tmpfile()) {
+    std::setvbuf(f_, buffer_.data(), _IOFBF, buffer_.size());
+  }
+  ~BufferedFile() { std::fclose(f_); }
+  FILE* file() { return f_; }
+  std::string text() {
+    std::fflush(f_);
+    std::string s;
+    std::rewind(f_);
+    char piece[4096];
+    size_t n;
+    while ((n = std::fread(piece, 1, sizeof piece, f_)) > 0) s.append(piece, n);
+    return s;
+  }
+
+ private:
+  std::vector<char> buffer_;
+  FILE* f_;
+};
+
+struct BufferCase {
+  size_t room;
+};
+
+class LineBuilderBuffers : public testing::TestWithParam<BufferCase> {};
+
+TEST_P(LineBuilderBuffers, PiecesOfEveryShortLengthArriveInOrder) {
+  BufferedFile out(GetParam().room);
+  std::mt19937 rng(15);
+  std::string expect;
+  std::string source(64, '\0');
+  {
+    Emit e(out.file());
+    // Every length from 0 to 40 at every start in the source, zero bytes included, so that
+    // each piece ends at a different place in the buffer.
+    for (size_t len = 0; len <= 40; ++len) {
+      for (char& c : source) c = static_cast<char>(rng());
+      for (size_t at = 0; at + len <= source.size(); at += 7) {
+        e.raw(source.data() + at, len);
+        expect.append(source, at, len);
+        if (at % 3 == 0) {
+          std::fputs("|", out.file());  // the stream's own write between pieces
+          expect += '|';
+        }
+      }
+    }
+    e.lit("end").ch('\n');
+    expect += "end\n";
+  }
+  EXPECT_EQ(out.text(), expect);
+}
+
+TEST_P(LineBuilderBuffers, NumbersAndCountedTextMatchPrintf) {
+  const int64_t numbers[] = {0,         1,         -1,        7,         -7,         9,
+                             10,        -10,       99,        100,       12345678,   -12345678,
+                             123456789, 32767,     -32768,    65535,     INT32_MAX,  INT32_MIN,
+                             UINT32_MAX, INT64_MAX, INT64_MIN, 999999999999999999, -1000000000000000000};
+  BufferedFile out(GetParam().room);
+  std::string expect;
+  char s[64];
+  {
+    Emit e(out.file());
+    for (int64_t v : numbers) {
+      e.lit("v=").num(v).ch(';');
+      std::snprintf(s, sizeof s, "v=%" PRId64 ";", v);
+      expect += s;
+      e.unum(static_cast<uint64_t>(v)).ch(' ');
+      std::snprintf(s, sizeof s, "%" PRIu64 " ", static_cast<uint64_t>(v));
+      expect += s;
+    }
+    const std::string withZero("abcdefghi\0k", 11);
+    const int counts[] = {-1, 0, 1, 4, 8, 9, 10, 11};
+    for (int n : counts) {
+      e.text(withZero.data(), n).ch('/');
+      std::snprintf(s, sizeof s, "%.*s/", n, withZero.data());
+      expect += s;
+    }
+  }
+  EXPECT_EQ(out.text(), expect);
+}
+
+// "%.*s" stops at the first zero byte: a zero at every place of texts of 1 to 40 bytes, bytes
+// with the high bit set beside it, and none at all.
+TEST_P(LineBuilderBuffers, CountedTextStopsAtAZeroByteWhereverItIs) {
+  BufferedFile out(GetParam().room);
+  std::string expect;
+  std::vector<char> s(48);
+  char piece[64];
+  {
+    Emit e(out.file());
+    for (int n = 1; n <= 40; ++n) {
+      for (int zero = -1; zero < n; ++zero) {
+        for (int i = 0; i < 48; ++i) s[i] = static_cast<char>(i % 3 == 0 ? 0x80 + i : 'a' + i % 26);
+        if (zero >= 0) s[zero] = '\0';
+        e.text(s.data(), n).ch('/');
+        std::snprintf(piece, sizeof piece, "%.*s/", n, s.data());
+        expect += piece;
+      }
+    }
+  }
+  EXPECT_EQ(out.text(), expect);
+}
+
+INSTANTIATE_TEST_SUITE_P(Rooms, LineBuilderBuffers,
+                         testing::Values(BufferCase{1}, BufferCase{5}, BufferCase{16}, BufferCase{17},
+                                         BufferCase{100}, BufferCase{1 << 16}),
+                         [](const testing::TestParamInfo<BufferCase>& i) {
+                           return "room" + std::to_string(i.param.room);
+                         });
+
+}  // namespace
