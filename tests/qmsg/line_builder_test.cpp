@@ -4,12 +4,15 @@
 #include <gtest/gtest.h>
 
 #include <cinttypes>
+#include <cmath>
+#include <limits>
 #include <cstdio>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "qmsg/emit.h"
+#include "qmsg/values.h"
 
 namespace {
 
@@ -117,6 +120,55 @@ TEST_P(LineBuilderBuffers, CountedTextStopsAtAZeroByteWhereverItIs) {
     }
   }
   EXPECT_EQ(out.text(), expect);
+}
+
+// DOUBLE values where the rounding of the printed digits is closest to a coin toss or carries
+// into the exponent, against printf: exact ties of the digit after the last printed one, its
+// neighbours a unit in the last place away, powers of ten and the values just under them, the
+// ends of the range, in double (%.14E) and single (%.5E) precision.
+std::string printfDouble(double v, bool single) {
+  char s[64];
+  std::snprintf(s, sizeof s, "%.*E", single ? 5 : 14, v);
+  return s;
+}
+
+TEST(DoubleForms, RoundingTiesCarriesAndRangeEndsMatchPrintf) {
+  std::vector<double> doubles;
+  std::vector<float> singles;
+  auto around = [](double v, std::vector<double>& out) {
+    out.push_back(v);
+    out.push_back(std::nextafter(v, 0.0));
+    out.push_back(std::nextafter(v, HUGE_VAL));
+    out.push_back(-v);
+  };
+  // Sixteen-digit integers ending in 5 are exact doubles and exact ties at fifteen digits.
+  for (int64_t base : {100000000000000LL, 123456789012345LL, 999999999999999LL, 500000000000000LL,
+                       314159265358979LL, 900719925474099LL})
+    around(static_cast<double>(base * 10 + 5), doubles);
+  // Seven-digit integers ending in 5 are exact singles and ties at six digits.
+  for (int base : {100000, 123456, 999999, 500000, 838860})
+    for (float f : {static_cast<float>(base * 10 + 5), -static_cast<float>(base * 10 + 5)}) singles.push_back(f);
+  for (int k = -323; k <= 308; ++k) {
+    const double p = std::strtod(("1e" + std::to_string(k)).c_str(), nullptr);
+    around(p, doubles);
+    around(std::strtod(("9.999999999999995e" + std::to_string(k)).c_str(), nullptr), doubles);
+    around(std::strtod(("1.000000000000005e" + std::to_string(k)).c_str(), nullptr), doubles);
+    if (k >= -45 && k <= 38) {
+      singles.push_back(std::strtof(("1e" + std::to_string(k)).c_str(), nullptr));
+      singles.push_back(std::strtof(("9.999995e" + std::to_string(k)).c_str(), nullptr));
+      singles.push_back(std::strtof(("1.000005e" + std::to_string(k)).c_str(), nullptr));
+    }
+  }
+  around(std::numeric_limits<double>::max(), doubles);
+  around(std::numeric_limits<double>::min(), doubles);
+  around(std::numeric_limits<double>::denorm_min(), doubles);
+  doubles.push_back(0.0);
+  doubles.push_back(-0.0);
+  for (float f : {std::numeric_limits<float>::max(), std::numeric_limits<float>::min(),
+                  std::numeric_limits<float>::denorm_min(), 0.0f, -0.0f, 0.1f, 1.0f / 3})
+    singles.push_back(f);
+  for (double d : doubles) ASSERT_EQ(doubleText(d, false), printfDouble(d, false)) << std::hexfloat << d;
+  for (float f : singles) ASSERT_EQ(doubleText(f, true), printfDouble(f, true)) << std::hexfloat << f;
 }
 
 INSTANTIATE_TEST_SUITE_P(Rooms, LineBuilderBuffers,
