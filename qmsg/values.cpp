@@ -5,9 +5,7 @@
 #include <cinttypes>
 #include <cmath>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <limits>
 
 #include "qmsg/emit.h"
 #include "qmsg/forms.h"
@@ -184,97 +182,11 @@ bool decfloatText(const uint8_t* p, size_t n, std::string& out) {
   return true;
 }
 
-namespace {
-
-// Powers of ten in extended precision, each the nearest to the exact power (read by strtold,
-// which rounds exactly), made once on first use.
-constexpr int kPowMin = -310, kPowMax = 350;
-struct PowersOfTen {
-  long double p[kPowMax - kPowMin + 1];
-  // Whether the arithmetic really keeps 64 bits (an emulator may compute in double precision).
-  bool extended;
-  PowersOfTen() {
-    volatile long double one = 1, bit = std::ldexp(1.0L, -63);
-    extended = one + bit != one;
-    char text[16];
-    for (int k = kPowMin; k <= kPowMax; ++k) {
-      std::snprintf(text, sizeof text, "1e%d", k);
-      p[k - kPowMin] = std::strtold(text, nullptr);
-    }
-  }
-};
-const PowersOfTen& powersOfTen() {
-  static const PowersOfTen powers;
-  return powers;
-}
-long double powerOfTen(int k) { return powersOfTen().p[k - kPowMin]; }
-
-// The printf form "%.*E" of a finite value by scaling: the digits are |v| * 10^(precision - E)
-// rounded to an integer of precision + 1 digits, E the decimal exponent. In extended precision
-// (64 bits) the scaled value is off by a few units of its last bit, under 2^-12 for a value
-// below 10^15, so the rounding is certain unless the fraction lies within 1/64 of a half; such
-// values, exact ties among them, are left to the exact conversion. Returns the length written
-// to s, 0 when left.
-size_t scaledForm(double v, int precision, char* s) {
-  if constexpr (std::numeric_limits<long double>::digits < 64) return 0;
-  if (!powersOfTen().extended) return 0;
-  const long double low = powerOfTen(precision), high = powerOfTen(precision + 1);
-  size_t n = 0;
-  if (std::signbit(v)) s[n++] = '-';
-  uint64_t digits = 0;
-  int exponent = 0;
-  if (v != 0) {
-    int e2 = 0;
-    std::frexp(v, &e2);
-    exponent = static_cast<int>(std::floor((e2 - 1) * 0.301029995663981195));
-    const long double a = std::fabs(static_cast<long double>(v));
-    long double x = 0;
-    for (int tries = 0;; ++tries) {
-      if (tries == 3 || precision - exponent < kPowMin || precision - exponent > kPowMax) return 0;
-      x = a * powerOfTen(precision - exponent);
-      if (x >= high) ++exponent;
-      else if (x < low) --exponent;
-      else break;
-    }
-    const long double whole = std::floor(x);
-    const long double fraction = x - whole;
-    if (std::fabs(fraction - 0.5L) < 1.0L / 64) return 0;
-    digits = static_cast<uint64_t>(whole) + (fraction > 0.5L ? 1 : 0);
-    if (static_cast<long double>(digits) == high) {
-      digits = static_cast<uint64_t>(low);
-      ++exponent;
-    }
-  }
-  // d.ddd...E+XX: the digits, the point after the first, the exponent of two digits at least.
-  char text[24];
-  size_t count = 0;
-  for (int i = 0; i <= precision; ++i) {
-    text[precision - i] = static_cast<char>('0' + digits % 10);
-    digits /= 10;
-    ++count;
-  }
-  s[n++] = text[0];
-  s[n++] = '.';
-  std::memcpy(s + n, text + 1, count - 1);
-  n += count - 1;
-  s[n++] = 'E';
-  s[n++] = exponent < 0 ? '-' : '+';
-  unsigned e = static_cast<unsigned>(exponent < 0 ? -exponent : exponent);
-  if (e >= 100) s[n++] = static_cast<char>('0' + e / 100);
-  s[n++] = static_cast<char>('0' + e / 10 % 10);
-  s[n++] = static_cast<char>('0' + e % 10);
-  return n;
-}
-
-}  // namespace
-
 size_t doubleChars(double v, bool single, char* s) {
   const int precision = single ? 5 : 14;
   size_t n;
-  if (std::isfinite(v) && (n = scaledForm(v, precision, s)) > 0) {
-    // Scaled in extended precision, the rounding certain.
-  } else if (std::isfinite(v)) {
-    // The fixed-precision conversion of the standard library rounds exactly as printf does;
+  if (std::isfinite(v)) {
+    // The shortest-path conversion of the standard library rounds exactly as printf does;
     // only the exponent letter differs.
     std::to_chars_result r = std::to_chars(s, s + kDoubleTextRoom - 1, v, std::chars_format::scientific, precision);
     n = static_cast<size_t>(r.ptr - s);
