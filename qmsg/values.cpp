@@ -182,7 +182,40 @@ bool decfloatText(const uint8_t* p, size_t n, std::string& out) {
   return true;
 }
 
+namespace {
+
+// The texts of recently printed DOUBLE values by their bits: a column often repeats a value,
+// and the exact conversion is the dearest step of a row. Direct-mapped, one per thread.
+struct DoubleMemo {
+  uint64_t bits = 0;
+  bool single = false;
+  bool used = false;
+  uint8_t length = 0;
+  char text[kDoubleTextRoom];
+};
+constexpr size_t kDoubleMemos = 64;
+
+}  // namespace
+
 size_t doubleChars(double v, bool single, char* s) {
+  thread_local DoubleMemo memos[kDoubleMemos];
+  uint64_t bits = 0;
+  std::memcpy(&bits, &v, sizeof bits);
+  DoubleMemo& memo = memos[((bits ^ single) * 0x9E3779B97F4A7C15ull) >> 58];
+  if (memo.used && memo.bits == bits && memo.single == single) {
+    std::memcpy(s, memo.text, memo.length + size_t{1});
+    return memo.length;
+  }
+  const size_t n = doubleCharsExact(v, single, s);
+  memo.bits = bits;
+  memo.single = single;
+  memo.used = true;
+  memo.length = static_cast<uint8_t>(n);
+  std::memcpy(memo.text, s, n + 1);
+  return n;
+}
+
+size_t doubleCharsExact(double v, bool single, char* s) {
   const int precision = single ? 5 : 14;
   size_t n;
   if (std::isfinite(v)) {
@@ -283,7 +316,7 @@ struct TextValue {
     char s[kDoubleTextRoom];
     e.raw(s, doubleChars(d, single, s));
   }
-  void number(const std::string& digits) { e.str(digits.c_str()); }
+  void number(const std::string& digits) { e.raw(digits.data(), digits.size()); }  // "%s": digits, no zero byte
   void text(const char* p, int n) { e.text(p, n); }
   void boolean(bool b) { e.str(b ? "TRUE" : "FALSE"); }
   void hex(const uint8_t* p, size_t n) { printHexDigits(e, p, n); }

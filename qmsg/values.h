@@ -58,4 +58,7 @@ bool decfloatText(const uint8_t* p, size_t n, std::string& out);
 std::string doubleText(double v, bool single);
 // The same into `s` (kDoubleTextRoom bytes, zero-terminated); returns the length.
 inline constexpr size_t kDoubleTextRoom = 48;
+// Recently printed values are kept by their bits, per thread, and copied from there.
 size_t doubleChars(double v, bool single, char* s);
+// The same, always converted.
+size_t doubleCharsExact(double v, bool single, char* s);

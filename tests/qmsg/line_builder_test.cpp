@@ -7,6 +7,7 @@
 #include <cmath>
 #include <limits>
 #include <cstdio>
+#include <cstring>
 #include <random>
 #include <string>
 #include <vector>
@@ -169,6 +170,28 @@ TEST(DoubleForms, RoundingTiesCarriesAndRangeEndsMatchPrintf) {
     singles.push_back(f);
   for (double d : doubles) ASSERT_EQ(doubleText(d, false), printfDouble(d, false)) << std::hexfloat << d;
   for (float f : singles) ASSERT_EQ(doubleText(f, true), printfDouble(f, true)) << std::hexfloat << f;
+}
+
+// Recently printed values are kept by their bits: the same bits printed again, in the other
+// precision, or after values that take the same place, still print as printf does.
+TEST(DoubleForms, KeptValuesPrintAsPrintfInEitherPrecisionAndAfterOthers) {
+  std::mt19937_64 rng(21);
+  std::vector<double> values = {0.5, 0.25, -0.0, 0.0, 1e-310, 1.0 / 3, 2.5e100};
+  for (int i = 0; i < 500; ++i) values.push_back(static_cast<double>(static_cast<float>(static_cast<int64_t>(rng() % 200001) - 100000) / 64));
+  for (int i = 0; i < 500; ++i) {
+    uint64_t bits = rng();
+    double d;
+    std::memcpy(&d, &bits, sizeof d);
+    if (std::isfinite(d)) values.push_back(d);
+  }
+  for (int round = 0; round < 3; ++round) {
+    for (double d : values) {
+      ASSERT_EQ(doubleText(d, false), printfDouble(d, false)) << std::hexfloat << d << " round " << round;
+      const float f = static_cast<float>(d);
+      ASSERT_EQ(doubleText(f, true), printfDouble(f, true)) << std::hexfloat << f << " round " << round;
+      ASSERT_EQ(doubleText(f, false), printfDouble(f, false)) << std::hexfloat << f << " round " << round;
+    }
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(Rooms, LineBuilderBuffers,
