@@ -39,8 +39,13 @@ class Emit {
   // "%.*s": at most n characters, up to the first zero byte; a negative n is no limit.
   Emit& text(const char* p, int n) {
     // A short text without a zero byte, the usual value, is seen to be one in a few word
-    // reads instead of a call to strnlen.
+    // reads (or a byte loop under eight) instead of a call to strnlen.
     if (n >= 8 && n <= 32 && !hasZeroByte(p, static_cast<size_t>(n))) return raw(p, static_cast<size_t>(n));
+    if (n >= 0 && n < 8) {
+      size_t k = 0;
+      while (k < static_cast<size_t>(n) && p[k] != '\0') ++k;
+      return raw(p, k);
+    }
     return raw(p, n < 0 ? std::strlen(p) : strnlen(p, static_cast<size_t>(n)));
   }
   // "%c".
