@@ -194,6 +194,37 @@ TEST(DoubleForms, KeptValuesPrintAsPrintfInEitherPrecisionAndAfterOthers) {
   }
 }
 
+// DECIMAL and DECFLOAT forms written into a buffer are the string forms: random packed values
+// of every length and scale (bad digits included) and random decimal64 and decimal128 bits.
+TEST(NumberForms, BufferFormsAreTheStringForms) {
+  std::mt19937_64 rng(5);
+  std::vector<char> room(kPackedDecimalRoom);
+  for (int i = 0; i < 20000; ++i) {
+    const size_t n = 1 + rng() % 40;
+    const unsigned scale = static_cast<unsigned>(rng() % (i % 2 ? 90 : 12));
+    std::vector<uint8_t> p(n);
+    for (uint8_t& b : p) b = static_cast<uint8_t>(i % 7 ? (rng() % 10) << 4 | rng() % 10 : rng());
+    p[n - 1] = static_cast<uint8_t>((p[n - 1] & 0xF0) | (rng() % 2 ? 0xD : 0xC));
+    std::string text;
+    const bool ok = packedDecimalText(p.data(), n, scale, text);
+    const size_t k = packedDecimalChars(p.data(), n, scale, room.data());
+    ASSERT_EQ(k > 0, ok);
+    if (ok) {
+      ASSERT_EQ(std::string(room.data(), k), text);
+    }
+  }
+  char d[kDecfloatRoom];
+  for (int i = 0; i < 20000; ++i) {
+    uint8_t be[16];
+    for (uint8_t& b : be) b = static_cast<uint8_t>(rng());
+    for (size_t n : {8u, 16u}) {
+      std::string text;
+      ASSERT_TRUE(decfloatText(be, n, text));
+      ASSERT_EQ(std::string(d, decfloatChars(be, n, d)), text);
+    }
+  }
+}
+
 INSTANTIATE_TEST_SUITE_P(Rooms, LineBuilderBuffers,
                          testing::Values(BufferCase{1}, BufferCase{5}, BufferCase{16}, BufferCase{17},
                                          BufferCase{100}, BufferCase{1 << 16}),
