@@ -5,8 +5,10 @@
 #include <cinttypes>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "qmsg/compact.h"
@@ -83,6 +85,33 @@ inline constexpr ValueName kBafterBits[] = {
     {16, ":FIRST ROW IN BATCH TRANS:"},
 };
 inline constexpr uint8_t kBafterBatchedHeader = 16;
+
+// A name table with the lengths of its names counted once, when compiled: the row header's
+// names are written for every row.
+template <size_t N>
+struct NameViews {
+  uint32_t value[N];
+  std::string_view name[N];
+};
+template <size_t N>
+constexpr NameViews<N> viewsOf(const ValueName (&table)[N]) {
+  NameViews<N> v{};
+  for (size_t i = 0; i < N; ++i) {
+    v.value[i] = table[i].value;
+    v.name[i] = table[i].name;
+  }
+  return v;
+}
+template <size_t N>
+std::string_view viewOf(const NameViews<N>& v, uint32_t value, std::string_view unknown) {
+  for (size_t i = 0; i < N; ++i)
+    if (v.value[i] == value) return v.name[i];
+  return unknown;
+}
+inline constexpr auto kEncodeTypeViews = viewsOf(kEncodeTypes);
+inline constexpr auto kEncodeVersionViews = viewsOf(kEncodeVersions);
+inline constexpr auto kRowOperationViews = viewsOf(kRowOperations);
+inline constexpr auto kBafterViews = viewsOf(kBafterBits);
 
 // The column sets in stored order, by their bafter bit.
 struct SetKind {
@@ -563,9 +592,13 @@ int32_t printTransRow(QMsg& m, O& o, size_t at, uint16_t version) {
   } else {
     Emit e(m.out);
     e.lit("qTransRow.length:      ").num(static_cast<int32_t>(length)).ch('\n');
-    e.lit("rowheader.encodetype:  ").str(nameOf(kEncodeTypes, encodeType, "Unsupported")).ch('\n');
-    e.lit("rowheader.encodever:   ").str(nameOf(kEncodeVersions, encodeVer, "Unknown")).ch('\n');
-    e.lit("rowheader.operation:   ").str(nameOf(kRowOperations, operation, "Unexpected")).ch('\n');
+    auto view = [&e](std::string_view v) -> Emit& { return e.raw(v.data(), v.size()); };
+    e.lit("rowheader.encodetype:  ");
+    view(viewOf(kEncodeTypeViews, encodeType, "Unsupported")).ch('\n');
+    e.lit("rowheader.encodever:   ");
+    view(viewOf(kEncodeVersionViews, encodeVer, "Unknown")).ch('\n');
+    e.lit("rowheader.operation:   ");
+    view(viewOf(kRowOperationViews, operation, "Unexpected")).ch('\n');
     if (version >= 2) {
       e.lit("rowheader.intentseq:   ").str(intent).ch('\n');
       if (encodeVer > 3) e.lit("rowheader.partitionNo: ").num(partitionNo).ch('\n');  // "%d"
@@ -578,8 +611,8 @@ int32_t printTransRow(QMsg& m, O& o, size_t at, uint16_t version) {
       e.lit("                       Row operation involves XML columns\n");
     // The texts of the set bits in table order, as joinFlags joins them, written one by one.
     e.lit("rowheader.bafter:      ");
-    for (const ValueName& f : kBafterBits)
-      if (bafter & f.value) e.str(f.name);
+    for (size_t i = 0; i < std::size(kBafterBits); ++i)
+      if (bafter & kBafterViews.value[i]) view(kBafterViews.name[i]);
     e.ch('\n');
     e.lit("rowheader.sub_id:      ").num(static_cast<int32_t>(subId)).ch('\n');
     e.lit("rowheader.partitionNo: ").num(partitionNo).ch('\n');  // "%hu"
