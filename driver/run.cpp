@@ -21,8 +21,12 @@ namespace {
 constexpr const char* kMain = "rplqmfmt:main";
 constexpr int kFnMain = 11;
 constexpr int kProgramId = 13;
-// Output written in large blocks: a queue of many small messages prints quickly.
+// Output written in large blocks: a queue of many small messages prints quickly. The buffers
+// are given to setvbuf: without one of its own the C library keeps the device's block size
+// (4 KiB) whatever size is asked for.
 constexpr size_t kOutputBufferSize = 1 << 20;
+char g_stdoutBuffer[kOutputBufferSize];
+char g_fileBuffer[kOutputBufferSize];
 
 // Words that count as an option (an option's value may not be one of them).
 constexpr const char* kOptionWords[] = {"-help", "-hex",    "-o",    "-l",     "-s",
@@ -131,7 +135,7 @@ int runTool(int argc, char** argv) {
       reportFailuref(kMain, kMain, -1, "Output file %s cannot be opened.", o.outputFile);
       o.exitCode = -1;
     } else {
-      std::setvbuf(out, nullptr, _IOFBF, kOutputBufferSize);
+      std::setvbuf(out, g_fileBuffer, _IOFBF, sizeof g_fileBuffer);
     }
   }
 
@@ -242,7 +246,7 @@ bool parseCommandLine(int argc, char** argv, RunOptions& o) {
 int rplqmfmtMain(int argc, char** argv) {
   // A closed pipe is an output error to report, not a reason to die silently.
   std::signal(SIGPIPE, SIG_IGN);
-  if (!isatty(STDOUT_FILENO)) std::setvbuf(stdout, nullptr, _IOFBF, kOutputBufferSize);
+  if (!isatty(STDOUT_FILENO)) std::setvbuf(stdout, g_stdoutBuffer, _IOFBF, sizeof g_stdoutBuffer);
 
   msgLogger* logger = msgLogger::create(kProgramId, 0);
   if (logger == nullptr) {

@@ -5,8 +5,10 @@
 #include <cinttypes>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "qmsg/compact.h"
@@ -84,6 +86,33 @@ inline constexpr ValueName kBafterBits[] = {
 };
 inline constexpr uint8_t kBafterBatchedHeader = 16;
 
+// A name table with the lengths of its names counted once, when compiled: the row header's
+// names are written for every row.
+template <size_t N>
+struct NameViews {
+  uint32_t value[N];
+  std::string_view name[N];
+};
+template <size_t N>
+constexpr NameViews<N> viewsOf(const ValueName (&table)[N]) {
+  NameViews<N> v{};
+  for (size_t i = 0; i < N; ++i) {
+    v.value[i] = table[i].value;
+    v.name[i] = table[i].name;
+  }
+  return v;
+}
+template <size_t N>
+std::string_view viewOf(const NameViews<N>& v, uint32_t value, std::string_view unknown) {
+  for (size_t i = 0; i < N; ++i)
+    if (v.value[i] == value) return v.name[i];
+  return unknown;
+}
+inline constexpr auto kEncodeTypeViews = viewsOf(kEncodeTypes);
+inline constexpr auto kEncodeVersionViews = viewsOf(kEncodeVersions);
+inline constexpr auto kRowOperationViews = viewsOf(kRowOperations);
+inline constexpr auto kBafterViews = viewsOf(kBafterBits);
+
 // The column sets in stored order, by their bafter bit.
 struct SetKind {
   uint8_t bit;
@@ -110,6 +139,8 @@ inline constexpr size_t kSetHeaderSize = 6;
 inline constexpr size_t kLobRefSize = 10;  // u32 rowNum, u16 colNum, u32 data length
 
 constexpr const char* kRowStep = "qTransRow::printMe";
+// What comes before every value of a set, kept at the end of a column's rendered lines.
+constexpr char kValueLabel[] = "  col.VALUE:    ";
 constexpr const char* kSetStep = "qRowColSet::printMe";
 
 size_t roundUp4(size_t n) { return (n + 3) & ~size_t{3}; }
@@ -119,7 +150,8 @@ bool quietFix16(MsgReader& r, size_t at) { return r.has(at, 2) && r.fix16(at, ""
 bool quietFix32(MsgReader& r, size_t at) { return r.has(at, 4) && r.fix32(at, "") == 0; }
 
 // The descriptor lines of a cached schema's columns are the same for every row that names
-// them: they are printed once per schema copy and code pages, kept, and written as they stand.
+// them: they are printed once per schema copy and code pages, kept with the value label after
+// them, and written as they stand.
 struct RenderedColumn {
   bool ready = false;
   std::string lines;
@@ -163,12 +195,16 @@ struct SchemaColumns {
   uint16_t nColsInKey;
   RenderedSchema* rendered = nullptr;
 
-  // Prints the descriptor of column `index` of the array through `e` and returns what the
-  // value printer needs: from the rendered lines when they are there, else printed into a
-  // memory stream and kept (a failure is written and reported as the plain print does, and
-  // not kept).
+  // Prints the descriptor of column `index` of the array through `e`, and after it the value's
+  // label when it succeeds, and returns what the value printer needs: from the rendered lines
+  // when they are there, else printed into a memory stream and kept (a failure is written and
+  // reported as the plain print does, and not kept).
   int32_t describe(size_t index, ColumnInfo& col, Emit& e) {
-    if (rendered == nullptr) return describePlain(index, col);
+    if (rendered == nullptr) {
+      int32_t rc = describePlain(index, col);
+      if (rc == 0) e.lit(kValueLabel);
+      return rc;
+    }
     if (index < rendered->columns.size() && rendered->columns[index].ready) {
       const RenderedColumn& c = rendered->columns[index];
       e.raw(c.lines.data(), c.lines.size());
@@ -180,7 +216,9 @@ struct SchemaColumns {
     FILE* mem = open_memstream(&text, &size);
     if (mem == nullptr) {
       e.flush();
-      return describePlain(index, col);
+      int32_t rc = describePlain(index, col);
+      if (rc == 0) e.lit(kValueLabel);
+      return rc;
     }
     FILE* out = msg.out;
     msg.out = mem;
@@ -189,9 +227,11 @@ struct SchemaColumns {
     std::fclose(mem);
     e.raw(text, size);
     if (rc == 0) {
+      e.lit(kValueLabel);
       if (rendered->columns.size() <= index) rendered->columns.resize(index + 1);
       RenderedColumn& c = rendered->columns[index];
       c.lines.assign(text, size);
+      c.lines += kValueLabel;
       c.info = col;
       c.ready = true;
     }
@@ -309,39 +349,47 @@ int32_t printColSet(QMsg& m, O& o, const MsgReader& row, size_t at, SchemaColumn
   else e.lit("colset.nCols:   ").num(nCols).ch('\n');
 
   // Where each value starts (-1: a marker) and how long it is: up to the next value, or to
-  // the end of the set for the last one.
-  // The tables and the work area below are kept from set to set: no allocation per set.
-  thread_local std::vector<uint16_t> entry;
-  thread_local std::vector<int64_t> start;
-  thread_local std::vector<size_t> size;
-  entry.assign(nCols, 0);
-  start.assign(nCols, -1);
-  size.assign(nCols, 0);
-  for (size_t i = 0; i < nCols && rc == 0; ++i) {
-    rc = set.machine(kSetHeaderSize + 2 * i, entry[i], "qRowColSet column offset");
+  // the end of the set for the last one. The table is kept from set to set (no allocation per
+  // set) and used through a plain pointer, so that its stores are not read back through the
+  // thread's storage on every column.
+  struct Slot {
+    int64_t start;
+    size_t size;
+    uint16_t entry;
+  };
+  thread_local std::vector<Slot> slots;
+  if (slots.size() < nCols) slots.resize(nCols);
+  Slot* const slot = slots.data();
+  for (size_t i = 0; i < nCols; ++i) {
+    Slot& c = slot[i];
+    c.size = 0;
+    c.start = -1;
+    rc = set.machine(kSetHeaderSize + 2 * i, c.entry, "qRowColSet column offset");
     if (rc != 0) break;
-    if (entry[i] < kLongOffset) {
-      start[i] = entry[i];
-    } else if (nameOf(kColumnMarkers, entry[i], nullptr) == nullptr) {
+    if (c.entry < kLongOffset) {
+      c.start = c.entry;
+    } else if (nameOf(kColumnMarkers, c.entry, nullptr) == nullptr) {
       uint32_t real = 0;
-      rc = set.u32(entry[i] & 0x7FFF, real, "qRowColSet long offset");
-      start[i] = real;
+      rc = set.u32(c.entry & 0x7FFF, real, "qRowColSet long offset");
+      c.start = real;
+      if (rc != 0) break;
     }
   }
   if (rc != 0) return rplTrace_.ret(rc);
   size_t largest = 0;
   int64_t end = length;
   for (size_t i = nCols; i-- > 0;) {
-    if (start[i] < 0) continue;
-    if (start[i] > end) {
+    Slot& c = slot[i];
+    if (c.start < 0) continue;
+    if (c.start > end) {
       reportFailuref(kSetStep, "qRowColSet::printMe", kRcShortRead,
                      "Column %zu value at offset %" PRId64 " passes the next value or the %u-byte set",
-                     i + 1, start[i], length);
+                     i + 1, c.start, length);
       return rplTrace_.ret(kRcShortRead);
     }
-    size[i] = static_cast<size_t>(end - start[i]);
-    end = start[i];
-    if (size[i] > largest) largest = size[i];
+    c.size = static_cast<size_t>(end - c.start);
+    end = c.start;
+    if (c.size > largest) largest = c.size;
   }
 
   // One work area for the set, sized by its largest value (a set of markers needs none).
@@ -352,7 +400,7 @@ int32_t printColSet(QMsg& m, O& o, const MsgReader& row, size_t at, SchemaColumn
     uint8_t* get() const { return p; }
   };
   thread_local WorkArea work;
-  if (largest > 0 && largest + largest % 8 > work.size) {
+  if (O::kJson && largest > 0 && largest + largest % 8 > work.size) {
     uint8_t* bigger = static_cast<uint8_t*>(std::realloc(work.p, largest + largest % 8));
     if (bigger == nullptr) {
       reportFailure(kSetStep, "malloc", -1, "memory aligned sqldata buffer");
@@ -373,62 +421,67 @@ int32_t printColSet(QMsg& m, O& o, const MsgReader& row, size_t at, SchemaColumn
       } else {
         name = std::to_string(i + 1);
       }
-      if (start[i] < 0) {
-        if (entry[i] == 0x8001) j.null(name.c_str());
+      const Slot& c = slot[i];
+      if (c.start < 0) {
+        if (c.entry == 0x8001) j.null(name.c_str());
         else {
-          std::string marker = nameOf(kColumnMarkers, entry[i], "");
+          std::string marker = nameOf(kColumnMarkers, c.entry, "");
           j.str(name.c_str(), marker.substr(0, marker.size() - 1));
         }
         continue;
       }
       const uint8_t* p = nullptr;
-      rc = set.bytes(static_cast<size_t>(start[i]), size[i], p, "qRowColSet column value");
+      rc = set.bytes(static_cast<size_t>(c.start), c.size, p, "qRowColSet column value");
       if (rc != 0) return rplTrace_.ret(rc);
-      if (size[i] > 0) std::memcpy(work.get(), p, size[i]);
+      if (c.size > 0) std::memcpy(work.get(), p, c.size);
       if (schema == nullptr) {
-        j.hex(name.c_str(), work.get(), size[i]);
+        j.hex(name.c_str(), work.get(), c.size);
         continue;
       }
       if (isLobType(col.type)) {
-        rc = jsonLobValue(m, j, name.c_str(), MsgReader(work.get(), size[i], set.swapped()), col);
+        rc = jsonLobValue(m, j, name.c_str(), MsgReader(work.get(), c.size, set.swapped()), col);
       } else {
         JsonValue v{j, name.c_str()};
-        rc = jsonColumnValue(m, v, col, size[i] > 0 ? work.get() : nullptr, size[i], kSetStep);
+        rc = jsonColumnValue(m, v, col, c.size > 0 ? work.get() : nullptr, c.size, kSetStep);
       }
       if (rc != 0) return rplTrace_.ret(rc);
     }
     o.endGroup();
     return rplTrace_.ret(0);
   }
+  // The text: each value is printed from the set where it lies (its readers copy what they
+  // read, so no aligned copy is needed).
   for (size_t i = 0; i < nCols; ++i) {
+    const Slot& c = slot[i];
     ColumnInfo col;
     if (schema != nullptr) {
+      // The descriptor lines and the value's label.
       rc = schema->describe((key ? 0 : schema->nColsInKey) + i, col, e);
       if (rc != 0) {
         reportFailure(kSetStep, "qSchemaCol::printMe", rc, "Cannot print column schema");
         return rplTrace_.ret(rc);
       }
+    } else {
+      e.lit(kValueLabel);
     }
-    e.lit("  col.VALUE:    ");
-    if (start[i] < 0) {
-      e.str(nameOf(kColumnMarkers, entry[i], ""));
+    if (c.start < 0) {
+      e.str(nameOf(kColumnMarkers, c.entry, ""));
       continue;
     }
-    if (entry[i] >= kLongOffset) e.lit(" (LONG OFFSET) ");
+    if (c.entry >= kLongOffset) e.lit(" (LONG OFFSET) ");
     const uint8_t* p = nullptr;
-    rc = set.bytes(static_cast<size_t>(start[i]), size[i], p, "qRowColSet column value");
+    rc = set.bytes(static_cast<size_t>(c.start), c.size, p, "qRowColSet column value");
     if (rc != 0) return rplTrace_.ret(rc);
-    if (size[i] > 0) std::memcpy(work.get(), p, size[i]);
     if (schema == nullptr) {
-      e.lit("  length:    ").num(static_cast<int32_t>(size[i])).ch('\n');
+      e.lit("  length:    ").num(static_cast<int32_t>(c.size)).ch('\n');
       e.flush();
-      dumpHex(size[i], work.get(), m.out);
+      dumpHex(c.size, p, m.out);
       continue;
     }
     if (isLobType(col.type)) {
-      rc = printLobValue(m, e, MsgReader(work.get(), size[i], set.swapped()), col);
+      rc = printLobValue(m, e, MsgReader(const_cast<uint8_t*>(p), c.size, set.swapped()), col);
     } else {
-      rc = printColumnValue(m, e, col, size[i] > 0 ? work.get() : nullptr, size[i], kSetStep);
+      rc = printColumnValue(m, e, col, c.size > 0 ? p : nullptr, c.size, kSetStep);
     }
     if (rc != 0) return rplTrace_.ret(rc);
     e.ch('\n');
@@ -539,9 +592,13 @@ int32_t printTransRow(QMsg& m, O& o, size_t at, uint16_t version) {
   } else {
     Emit e(m.out);
     e.lit("qTransRow.length:      ").num(static_cast<int32_t>(length)).ch('\n');
-    e.lit("rowheader.encodetype:  ").str(nameOf(kEncodeTypes, encodeType, "Unsupported")).ch('\n');
-    e.lit("rowheader.encodever:   ").str(nameOf(kEncodeVersions, encodeVer, "Unknown")).ch('\n');
-    e.lit("rowheader.operation:   ").str(nameOf(kRowOperations, operation, "Unexpected")).ch('\n');
+    auto view = [&e](std::string_view v) -> Emit& { return e.raw(v.data(), v.size()); };
+    e.lit("rowheader.encodetype:  ");
+    view(viewOf(kEncodeTypeViews, encodeType, "Unsupported")).ch('\n');
+    e.lit("rowheader.encodever:   ");
+    view(viewOf(kEncodeVersionViews, encodeVer, "Unknown")).ch('\n');
+    e.lit("rowheader.operation:   ");
+    view(viewOf(kRowOperationViews, operation, "Unexpected")).ch('\n');
     if (version >= 2) {
       e.lit("rowheader.intentseq:   ").str(intent).ch('\n');
       if (encodeVer > 3) e.lit("rowheader.partitionNo: ").num(partitionNo).ch('\n');  // "%d"
@@ -554,8 +611,8 @@ int32_t printTransRow(QMsg& m, O& o, size_t at, uint16_t version) {
       e.lit("                       Row operation involves XML columns\n");
     // The texts of the set bits in table order, as joinFlags joins them, written one by one.
     e.lit("rowheader.bafter:      ");
-    for (const ValueName& f : kBafterBits)
-      if (bafter & f.value) e.str(f.name);
+    for (size_t i = 0; i < std::size(kBafterBits); ++i)
+      if (bafter & kBafterViews.value[i]) view(kBafterViews.name[i]);
     e.ch('\n');
     e.lit("rowheader.sub_id:      ").num(static_cast<int32_t>(subId)).ch('\n');
     e.lit("rowheader.partitionNo: ").num(partitionNo).ch('\n');  // "%hu"

@@ -17,7 +17,39 @@
 // ---------------------------------------------------------------------------------------------
 // Number forms.
 
-bool packedDecimalText(const uint8_t* p, size_t n, unsigned scale, std::string& out) {
+namespace {
+
+// Text gathered in a caller's buffer with the string operations the number forms use; the
+// caller gives room for the longest form.
+class CharOut {
+ public:
+  explicit CharOut(char* p) : p_(p) {}
+  size_t size() const { return n_; }
+  void clear() { n_ = 0; }
+  CharOut& operator+=(char c) {
+    p_[n_++] = c;
+    return *this;
+  }
+  CharOut& operator+=(const char* s) { return append(s, std::strlen(s)); }
+  CharOut& operator+=(const std::string& s) { return append(s.data(), s.size()); }
+  CharOut& append(const char* s, size_t k) {
+    std::memcpy(p_ + n_, s, k);
+    n_ += k;
+    return *this;
+  }
+  CharOut& append(size_t k, char c) {
+    std::memset(p_ + n_, c, k);
+    n_ += k;
+    return *this;
+  }
+
+ private:
+  char* p_;
+  size_t n_ = 0;
+};
+
+template <class Out>
+bool packedDecimalForm(const uint8_t* p, size_t n, unsigned scale, Out& out) {
   if (n == 0) return false;
   // The digits in a buffer of the value's own (short values need no allocation).
   char shortDigits[64];
@@ -56,6 +88,17 @@ bool packedDecimalText(const uint8_t* p, size_t n, unsigned scale, std::string& 
     out.append(digits + wholeLen, count - wholeLen);
   }
   return true;
+}
+
+}  // namespace
+
+bool packedDecimalText(const uint8_t* p, size_t n, unsigned scale, std::string& out) {
+  return packedDecimalForm(p, n, scale, out);
+}
+
+size_t packedDecimalChars(const uint8_t* p, size_t n, unsigned scale, char* out) {
+  CharOut o(out);
+  return packedDecimalForm(p, n, scale, o) ? o.size() : 0;
 }
 
 namespace {
@@ -103,7 +146,10 @@ class BitString {
 
 }  // namespace
 
-bool decfloatText(const uint8_t* p, size_t n, std::string& out) {
+namespace {
+
+template <class Out>
+bool decfloatForm(const uint8_t* p, size_t n, Out& out) {
   if (n != 8 && n != 16) return false;
   const size_t bits = n * 8;
   const unsigned expCont = n == 8 ? 8 : 12;
@@ -182,7 +228,49 @@ bool decfloatText(const uint8_t* p, size_t n, std::string& out) {
   return true;
 }
 
+}  // namespace
+
+bool decfloatText(const uint8_t* p, size_t n, std::string& out) { return decfloatForm(p, n, out); }
+
+size_t decfloatChars(const uint8_t* p, size_t n, char* out) {
+  CharOut o(out);
+  return decfloatForm(p, n, o) ? o.size() : 0;
+}
+
+namespace {
+
+// The texts of recently printed DOUBLE values by their bits: a column often repeats a value,
+// and the exact conversion is the dearest step of a row. Direct-mapped, one per thread.
+struct DoubleMemo {
+  uint64_t bits = 0;
+  bool single = false;
+  bool used = false;
+  uint8_t length = 0;
+  char text[kDoubleTextRoom];
+};
+constexpr size_t kDoubleMemos = 64;
+
+}  // namespace
+
 size_t doubleChars(double v, bool single, char* s) {
+  thread_local DoubleMemo memos[kDoubleMemos];
+  uint64_t bits = 0;
+  std::memcpy(&bits, &v, sizeof bits);
+  DoubleMemo& memo = memos[((bits ^ single) * 0x9E3779B97F4A7C15ull) >> 58];
+  if (memo.used && memo.bits == bits && memo.single == single) {
+    std::memcpy(s, memo.text, memo.length + size_t{1});
+    return memo.length;
+  }
+  const size_t n = doubleCharsExact(v, single, s);
+  memo.bits = bits;
+  memo.single = single;
+  memo.used = true;
+  memo.length = static_cast<uint8_t>(n);
+  std::memcpy(memo.text, s, n + 1);
+  return n;
+}
+
+size_t doubleCharsExact(double v, bool single, char* s) {
   const int precision = single ? 5 : 14;
   size_t n;
   if (std::isfinite(v)) {
@@ -240,6 +328,14 @@ int32_t readInt(const QMsg& m, const uint8_t* p, size_t len, T& v, const char* r
 template <class V>
 int32_t printText(QMsg& m, V& v, const uint8_t* p, size_t n, int32_t codePage, const char* step,
                   const char* function, const char* label) {
+  // Bytes that need no conversion (the output's own code page, or no conversion context) are
+  // written from the message as convertText would lend them.
+  if (!m.converting() ||
+      ConvMgr::ckcpcv(codePage == -1 ? m.enc->msgCcsid : codePage, m.enc->outCcsid, m.enc->flags) !=
+          kRcConvNeeded) {
+    v.text(reinterpret_cast<const char*>(p), static_cast<int>(n));
+    return 0;
+  }
   ConvText text;
   int32_t rc = convertText(m, p, n, text, step, function, label, codePage);
   if (rc == 0) v.text(text.data(), text.size());
@@ -275,7 +371,7 @@ struct TextValue {
     char s[kDoubleTextRoom];
     e.raw(s, doubleChars(d, single, s));
   }
-  void number(const std::string& digits) { e.str(digits.c_str()); }
+  void digits(const char* p, size_t n) { e.raw(p, n); }  // "%s": digits, no zero byte
   void text(const char* p, int n) { e.text(p, n); }
   void boolean(bool b) { e.str(b ? "TRUE" : "FALSE"); }
   void hex(const uint8_t* p, size_t n) { printHexDigits(e, p, n); }
@@ -351,28 +447,33 @@ int32_t columnValue(QMsg& m, V& out, const ColumnInfo& col, const uint8_t* p, si
     case kColDecimal:
     case kColDecimal504: {
       size_t n = col.precision > 0 ? size_t{col.precision} / 2 + 1 : len;
+      // The form in a buffer on the stack when it has room for the longest one.
+      char chars[kPackedDecimalRoom];
       std::string text;
+      size_t k = 0;
       if (n > len) {
         reportShortRead(n, "packed decimal value");
         rc = kRcShortRead;
-      } else if (!packedDecimalText(p, n, col.scale, text)) {
+      } else if (2 * n + col.scale + 4 <= sizeof chars ? (k = packedDecimalChars(p, n, col.scale, chars)) == 0
+                                                        : !packedDecimalText(p, n, col.scale, text)) {
         reportFailure(step, "packed decimal", kRcShortRead, "Cannot convert DECIMAL data");
         rc = kRcShortRead;
+      } else if (k > 0) {
+        out.digits(chars, k);
       } else {
-        out.number(text);
+        out.digits(text.data(), text.size());
       }
       break;
     }
     case kColDecfloat: {
       // Stored in the sender's byte order: turned most significant byte first.
       uint8_t be[16];
-      std::string text;
+      char text[kDecfloatRoom];
       constexpr bool kMachineLittle = __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__;
       bool senderLittle = kMachineLittle != m.swap();
       if (len == 8 || len == 16) {
         for (size_t i = 0; i < len; ++i) be[i] = senderLittle ? p[len - 1 - i] : p[i];
-        decfloatText(be, len, text);
-        out.number(text);
+        out.digits(text, decfloatChars(be, len, text));
       } else {
         reportShortRead(len < 8 ? 8 : 16, "DECFLOAT value");
         rc = kRcShortRead;
@@ -436,7 +537,7 @@ void JsonValue::real(double d, bool single) {
   if (std::isfinite(d)) j.raw(key, s);
   else j.null(key);
 }
-void JsonValue::number(const std::string& digits) { j.str(key, digits); }
+void JsonValue::digits(const char* p, size_t n) { j.str(key, std::string_view(p, n)); }
 void JsonValue::text(const char* p, int n) { j.str(key, std::string_view(p, static_cast<size_t>(n))); }
 void JsonValue::boolean(bool b) { j.boolean(key, b); }
 void JsonValue::hex(const uint8_t* p, size_t n) { j.hex(key, p, n); }

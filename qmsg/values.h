@@ -34,7 +34,7 @@ struct JsonValue {
   void null();
   void integer(int64_t v);
   void real(double d, bool single);
-  void number(const std::string& digits);
+  void digits(const char* p, size_t n);  // DECIMAL and DECFLOAT as a string of their digits
   void text(const char* p, int n);
   void boolean(bool b);
   void hex(const uint8_t* p, size_t n);
@@ -46,16 +46,28 @@ int32_t jsonColumnValue(QMsg& m, JsonValue& v, const ColumnInfo& col, const uint
 // digits with the point at `scale`: no leading zeros but one before the point, "-" only when
 // the value is not zero and negative. False when a digit half-byte is not 0-9.
 bool packedDecimalText(const uint8_t* p, size_t n, unsigned scale, std::string& out);
+// The same into `out`, which has room for 2 * n + scale + 4 characters; returns the length,
+// 0 when a digit half-byte is not 0-9.
+size_t packedDecimalChars(const uint8_t* p, size_t n, unsigned scale, char* out);
+// Room for the form of any packed decimal of a declared precision (at most 255 digits, scale
+// at most 255).
+inline constexpr size_t kPackedDecimalRoom = 2 * 128 + 255 + 4;
 
 // IEEE 754 decimal64 (n 8) or decimal128 (n 16) in densely packed decimal encoding, its bytes
 // given most significant first, in its shortest exact decimal form: "Infinity", "NaN", "sNaN"
 // (signed when negative), else the digits in plain or exponent notation, whichever is
 // shorter (plain on a tie). False for any other length.
 bool decfloatText(const uint8_t* p, size_t n, std::string& out);
+// The same into `out` (kDecfloatRoom characters); returns the length, 0 for another length.
+inline constexpr size_t kDecfloatRoom = 64;
+size_t decfloatChars(const uint8_t* p, size_t n, char* out);
 
 // DOUBLE: "%.5E" for a 4-byte single-precision value, "%.14E" for a double; an exponent
 // written with three digits loses a leading zero.
 std::string doubleText(double v, bool single);
 // The same into `s` (kDoubleTextRoom bytes, zero-terminated); returns the length.
 inline constexpr size_t kDoubleTextRoom = 48;
+// Recently printed values are kept by their bits, per thread, and copied from there.
 size_t doubleChars(double v, bool single, char* s);
+// The same, always converted.
+size_t doubleCharsExact(double v, bool single, char* s);

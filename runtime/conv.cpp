@@ -721,13 +721,6 @@ void ConvMgr::setStopOnSubstitution(bool on) {
   g_stopOnSubstitution.store(on, std::memory_order_relaxed);
 }
 
-int32_t ConvMgr::ckcpcv(int32_t srcCcsid, int32_t tgtCcsid, int32_t encoding) {
-  if (srcCcsid == 0) return 0;
-  if (srcCcsid != tgtCcsid) return kRcConvNeeded;
-  if (isUtf16(srcCcsid) && (encoding & kEncLowByteFirst) == 0) return kRcConvNeeded;
-  return 0;
-}
-
 UConverter* ConvMgr::getConverter(int32_t ccsid, int32_t encoding, int32_t& rc) {
   return cloneCached(ccsid, (encoding & kEncLowByteFirst) != 0, rc);
 }

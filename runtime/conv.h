@@ -76,8 +76,15 @@ class ConvMgr {
   // Number of ICU opens made so far (for tests and benchmarks).
   static int32_t openCount();
 
-  // 0 when the bytes are to be copied as they stand, kRcConvNeeded when they must be converted.
-  static int32_t ckcpcv(int32_t srcCcsid, int32_t tgtCcsid, int32_t encoding);
+  // 0 when the bytes are to be copied as they stand, kRcConvNeeded when they must be converted
+  // (asked for every character value printed, so it is inline).
+  static int32_t ckcpcv(int32_t srcCcsid, int32_t tgtCcsid, int32_t encoding) {
+    if (srcCcsid == 0) return 0;
+    if (srcCcsid != tgtCcsid) return kRcConvNeeded;
+    if ((srcCcsid == kCcsidUtf16 || srcCcsid == kCcsidUtf16Alt) && (encoding & kEncLowByteFirst) == 0)
+      return kRcConvNeeded;
+    return 0;
+  }
 
   // A private clone of the cached converter for the CCSID (opened and cached on first use).
   // The caller closes it with ucnv_close. rc 5000 on failure.
