@@ -151,60 +151,11 @@ int32_t printRows(QMsg& m, O& o, size_t at, int64_t count, uint16_t version, con
   return 0;
 }
 
-// The schema message in JSON: its swap and the schema cache as on the text path (the text
-// printer runs with its lines discarded), then the header and the columns from the cached copy.
-int32_t decodeSchema(Decode& d, JsonSink& o) {
-  static FILE* discard = std::fopen("/dev/null", "w");
-  if (discard == nullptr) return -1;
-  QMsg quiet(d.m.r.data(), d.m.r.size(), discard, d.m.enc, d.m.cm);
-  int32_t rc = printSubSchemaMsg(quiet);
-  if (rc != 0) {
-    reportFailure("rplqcmsg:processSchemaMsg", "qSubSchemaMsg::printMe", rc,
-                  "Cannot print subscription schema message");
-    return rc;
-  }
-  rc = cacheSchema(d.m.r.data(), d.m.r.size(), d.m.swap());
-  if (rc != 0) return rc;
-  // The printer swapped the version in place: read on through its view of the message.
-  rc = printHeaderLines(quiet, o, true);
-  if (rc != 0) return rc;
-  uint16_t version = 0;
-  quiet.version(version);
-  Cursor c(quiet.r);
-  uint32_t subId = c.machine<uint32_t>(156, "qSubSchemaMsg.sub_id");
-  uint16_t nCols = c.machine<uint16_t>(510, "qSubSchemaMsg.nCols");
-  uint16_t nKey = c.machine<uint16_t>(508, "qSubSchemaMsg.nColsInKey");
-  if (!c) return c.rc();
-  o.hidden("sub_id", static_cast<int32_t>(subId));
-  o.hidden("nCols", nCols);
-  o.hidden("nColsInKey", nKey);
-  const size_t array = schemaColumnArrayOffset(version);
-  if (array == 0) return kRcBadSchemaVersion;
-  JsonOut& j = o.json();
-  j.beginArray("columns");
-  for (size_t i = 0; i < nCols; ++i) {
-    uint16_t desc = c.machine<uint16_t>(array + 2 * i, "qSubSchemaMsg column offset");
-    uint16_t type = c.machine<uint16_t>(desc, "qColSchema.coltype");
-    uint32_t codePage = c.machine<uint32_t>(desc + 8, "qColSchema.codepage");
-    // Name counts stay in the sender's order in the message.
-    uint16_t nameLen = c.u16(desc + 12, "qColSchema.colname length");
-    const uint8_t* name = c.bytes(desc + 14, nameLen, "qColSchema.colname");
-    ConvText text;
-    if (c) c.take(convertText(quiet, name, nameLen, text, "qColSchema::printMe", "ConvMgr::cpcvl", "colname"));
-    if (!c) return c.rc();
-    j.beginObject();
-    j.str("colname", std::string_view(text.data(), static_cast<size_t>(text.size())));
-    j.num("coltype", type);
-    j.num("codepage", static_cast<int32_t>(codePage));
-    j.boolean("key", i < nKey);
-    j.endObject();
-  }
-  j.endArray();
-  return 0;
-}
-
-int32_t decodeSchema(Decode& d, TextSink&) {
-  int32_t rc = printSubSchemaMsg(d.m);
+// The schema message: printed, then kept in the schema cache (in machine order) for the rows
+// and LOB messages that follow.
+template <class O>
+int32_t decodeSchema(Decode& d, O& o) {
+  int32_t rc = printSubSchemaMsg(d.m, o);
   if (rc != 0) {
     reportFailure("rplqcmsg:processSchemaMsg", "qSubSchemaMsg::printMe", rc,
                   "Cannot print subscription schema message");
@@ -382,7 +333,7 @@ struct TypeRow {
 };
 
 constexpr TypeRow kTypeRows[] = {
-    {kTypeSubSchema, "RPLKX_SUBSCHEMA_MSG", "qSubSchemaMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeSchema, decodeSchema},
+    {kTypeSubSchema, "RPLKX_SUBSCHEMA_MSG", "qSubSchemaMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeSchema<TextSink>, decodeSchema<JsonSink>},
     {kTypeLoadDone, "RPLKX_LOADDONE_RCVD", "qLoaddoneRcvdMsg::printMe", Order::Sender, Prologue::Header, nullptr, nullptr, RPL_SINK_BODIES(printLoadDoneMsg)},
     {kTypeHeartbeat, "RPLKX_HEARTBEAT", "qHeartBeatMsg::printMe", Order::Sender, Prologue::Header, nullptr, nullptr, RPL_SINK_BODIES(printHeartbeatMsg)},
     {kTypeSubDeactivated, "RPLKX_SUBDEACTIVATED", "qSubDeactivatedMsg::printMe", Order::Sender, Prologue::Header, nullptr, nullptr, RPL_SINK_BODIES(printSubDeactivatedMsg)},
@@ -535,7 +486,7 @@ int32_t processSchemaMsg(uint8_t* msg, size_t length, FILE* out, encodingInfo* e
   QMsg m(msg, length, out, enc, cm);
   Decode d{m, "", false, false};
   TextSink o(out);
-  return decodeSchema(d, o);
+  return decodeSchema<TextSink>(d, o);
 }
 
 int32_t processTransMsg(uint8_t* msg, size_t length, FILE* out, encodingInfo* enc, ConvMgr* cm,
