@@ -274,5 +274,4 @@ int32_t printXfHeartBeatMsg(QMsg& m, O& o) {
   template int32_t printXfPayloadMsg(QMsg&, O&); \
   template int32_t printXfAdminMsg(QMsg&, O&);   \
   template int32_t printXfHeartBeatMsg(QMsg&, O&);
-RPL_FILE_TRANSFER_PRINTERS(TextSink)
-RPL_FILE_TRANSFER_PRINTERS(JsonSink)
+RPL_FOR_EACH_SINK(RPL_FILE_TRANSFER_PRINTERS)

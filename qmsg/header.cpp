@@ -36,10 +36,10 @@ int32_t printHeader(QMsg& m, O& o, const char* step) {
   return rplTrace_.ret(rc);
 }
 
-template int32_t printHeaderLines(QMsg&, TextSink&, bool);
-template int32_t printHeaderLines(QMsg&, JsonSink&, bool);
-template int32_t printHeader(QMsg&, TextSink&, const char*);
-template int32_t printHeader(QMsg&, JsonSink&, const char*);
+#define RPL_HEADER_PRINTERS(O)                              \
+  template int32_t printHeaderLines(QMsg&, O&, bool); \
+  template int32_t printHeader(QMsg&, O&, const char*);
+RPL_FOR_EACH_SINK(RPL_HEADER_PRINTERS)
 
 int32_t qMsgHeader::printLines(QMsg& m, bool ddlLine) {
   TextSink o(m.out);

@@ -140,5 +140,5 @@ int32_t printLobMsg(QMsg& m, O& o, const LobColumn& col) {
   }
 }
 
-template int32_t printLobMsg(QMsg&, TextSink&, const LobColumn&);
-template int32_t printLobMsg(QMsg&, JsonSink&, const LobColumn&);
+#define RPL_LOB_PRINTER(O) template int32_t printLobMsg(QMsg&, O&, const LobColumn&);
+RPL_FOR_EACH_SINK(RPL_LOB_PRINTER)

@@ -218,5 +218,5 @@ int32_t printRestartMsg(QMsg& m, O& o) {
   return rplTrace_.ret(0);
 }
 
-template int32_t printRestartMsg(QMsg&, TextSink&);
-template int32_t printRestartMsg(QMsg&, JsonSink&);
+#define RPL_RESTART_PRINTER(O) template int32_t printRestartMsg(QMsg&, O&);
+RPL_FOR_EACH_SINK(RPL_RESTART_PRINTER)

@@ -74,8 +74,8 @@ int32_t printColSchema(QMsg& m, O& o, size_t at, bool partKey) {
   return rplTrace_.ret(0);
 }
 
-template int32_t printColSchema(QMsg&, TextSink&, size_t, bool);
-template int32_t printColSchema(QMsg&, JsonSink&, size_t, bool);
+#define RPL_COLUMN_PRINTER(O) template int32_t printColSchema(QMsg&, O&, size_t, bool);
+RPL_FOR_EACH_SINK(RPL_COLUMN_PRINTER)
 
 int32_t printColSchema(QMsg& m, size_t at, bool partKey) {
   TextSink o(m.out);
@@ -343,5 +343,5 @@ int32_t printSubSchemaMsg(QMsg& m, O& o) {
   return rplTrace_.ret(0);
 }
 
-template int32_t printSubSchemaMsg(QMsg&, TextSink&);
-template int32_t printSubSchemaMsg(QMsg&, JsonSink&);
+#define RPL_SCHEMA_PRINTER(O) template int32_t printSubSchemaMsg(QMsg&, O&);
+RPL_FOR_EACH_SINK(RPL_SCHEMA_PRINTER)

@@ -328,5 +328,4 @@ int32_t printRedefineReplKeyMsg(QMsg& m, O& o) {
   template int32_t printGenericDdlMsg(QMsg&, O&);       \
   template int32_t printTruncateTableMsg(QMsg&, O&);    \
   template int32_t printRedefineReplKeyMsg(QMsg&, O&);
-RPL_SCHEMA_CHANGE_PRINTERS(TextSink)
-RPL_SCHEMA_CHANGE_PRINTERS(JsonSink)
+RPL_FOR_EACH_SINK(RPL_SCHEMA_CHANGE_PRINTERS)

@@ -133,3 +133,11 @@ class JsonSink {
 
   JsonOut& j_;
 };
+
+// Every sink the printers are instantiated for. Each family's source instantiates its printers
+// with RPL_FOR_EACH_SINK(its instantiation macro), and compact.cpp instantiates decodeCompact
+// (the dispatch by message type) the same way. A further rendering is a class with the members
+// of TextSink (kJson, text, field, show, hidden, chars and the scopes; out() where it has a stream),
+// defined in a header included above this line and named here once.
+// (row.cpp, trans.cpp and values.cpp list their instantiations by hand.)
+#define RPL_FOR_EACH_SINK(X) X(TextSink) X(JsonSink)

@@ -95,5 +95,5 @@ int32_t printStmtChunk(QMsg& m, O& o, size_t at) {
   return rplTrace_.ret(0);
 }
 
-template int32_t printStmtChunk(QMsg&, TextSink&, size_t);
-template int32_t printStmtChunk(QMsg&, JsonSink&, size_t);
+#define RPL_STMT_CHUNK_PRINTER(O) template int32_t printStmtChunk(QMsg&, O&, size_t);
+RPL_FOR_EACH_SINK(RPL_STMT_CHUNK_PRINTER)
