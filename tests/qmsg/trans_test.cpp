@@ -4,7 +4,8 @@
 #include <ctime>
 
 #include "qmsg/trans.h"
-#include "tests/qmsg/data_golden.h"
+#include "tests/qmsg/golden.h"
+#include "tools/gen/encode_data.h"
 
 namespace {
 
@@ -248,16 +249,25 @@ TEST_F(TransMsg, GenericTransInfo) {
 }
 
 TEST_F(TransMsg, TruncationIsReportedNeverReadPast) {
-  for (Sender s : {kLittleUtf8, kBigEbcdic}) {
-    TransMsgDef t;
-    RowDef r = smallRow(s.order);
-    r.batched = BatchedTransHeaderDef{};
-    t.rows = {r, smallRow(s.order)};
-    expectTruncationReported(encodeTransMsg(t, s.order, s.ccsid), s);
-    StreamedTransMsgDef st;
-    st.rows = {smallRow(s.order)};
-    expectTruncationReported(encodeStreamedTransMsg(st, s.order, s.ccsid), s);
-  }
+  const GoldenCase kCases[] = {
+      {"transaction of two rows, the first with a batched header",
+       [](ByteOrder o, int32_t c) {
+         TransMsgDef t;
+         RowDef r = smallRow(o);
+         r.batched = BatchedTransHeaderDef{};
+         t.rows = {r, smallRow(o)};
+         return encodeTransMsg(t, o, c);
+       },
+       "", nullptr, nullptr, true},
+      {"streamed transaction",
+       [](ByteOrder o, int32_t c) {
+         StreamedTransMsgDef st;
+         st.rows = {smallRow(o)};
+         return encodeStreamedTransMsg(st, o, c);
+       },
+       "", nullptr, nullptr, true},
+  };
+  for (const GoldenCase& c : kCases) expectGolden(c);
 }
 
 }  // namespace
