@@ -116,11 +116,9 @@ uint32_t schemaCacheKeyAt(size_t index) {
 
 namespace {
 
-struct Decode {
+// One message being decoded and how the run prints.
+struct Decode : DecodeRun {
   QMsg& m;
-  const char* queueName;
-  bool noPosTime;
-  bool headerOnly;
 };
 
 // Walks `count` rows from `at`: each row begins with its u32 length (machine order once the
@@ -381,7 +379,7 @@ const TypeRow<O>* rowOf(uint8_t type) {
 template <class O>
 int32_t dispatch(const TypeRow<O>& row, Decode& d, O& o) {
   QMsg stored(d.m.r.data(), d.m.r.size(), d.m.out, nullptr, nullptr);
-  Decode asStored{stored, d.queueName, d.noPosTime, d.headerOnly};
+  Decode asStored{{d}, stored};
   Decode& use = row.order == Order::Stored ? asStored : d;
   int32_t rc = 0;
   if (row.prologue == Prologue::Header) rc = printHeader(use.m, o, row.step);
@@ -398,7 +396,7 @@ int32_t decodeCompact(QMsg& m, O& o, const DecodeRun& run) {
   const uint8_t type = c.u8(4, "qMsgHeader.msgtype");
   if (c && !m.r.has(0, kHeaderSize)) c.take(m.r.shortRead(0, kHeaderSize, "qMsgHeader"));
   if (!c) return c.rc();
-  Decode d{m, run.queueName, run.noPosTime, run.headerOnly};
+  Decode d{{run}, m};
   const TypeRow<O>* row = rowOf<O>(type);
   if (row != nullptr) return dispatch(*row, d, o);
   o.text("Unknown msg types: %d received in queue: %s\n", type, run.queueName);
@@ -478,7 +476,7 @@ int32_t renderCompactJson(uint8_t* msg, size_t length, const encodingInfo& enc, 
 
 int32_t processSchemaMsg(uint8_t* msg, size_t length, FILE* out, encodingInfo* enc, ConvMgr* cm) {
   QMsg m(msg, length, out, enc, cm);
-  Decode d{m, "", false, false};
+  Decode d{{"", false, false}, m};
   TextSink o(out);
   return decodeSchema(d, o);
 }
@@ -486,7 +484,7 @@ int32_t processSchemaMsg(uint8_t* msg, size_t length, FILE* out, encodingInfo* e
 int32_t processTransMsg(uint8_t* msg, size_t length, FILE* out, encodingInfo* enc, ConvMgr* cm,
                         bool noPosTime, bool headerOnly) {
   QMsg m(msg, length, out, enc, cm);
-  Decode d{m, "", noPosTime, headerOnly};
+  Decode d{{"", noPosTime, headerOnly}, m};
   TextSink o(out);
   return decodeTrans(d, o);
 }
