@@ -23,31 +23,31 @@ class LobMsg : public ::testing::Test {
   }
 };
 
+void cacheLobSchema(Sender s);
+
 TEST_F(LobMsg, ClobTextFromEitherSenderVersion7) {
-  for (Sender s : {kLittleUtf8, kBigEbcdic}) {
-    releaseSchemaCache();
-    cacheSchema(s);
-    LobMsgDef l;
-    l.subId = kSub;
-    l.colNum = 1;
-    l.flag = 1;
-    l.totalLen = 100;
-    l.data = valText("Once upon a time", s.ccsid).data;
-    Bytes msg = encodeLobMsg(l, s.order, s.ccsid);
-    Decoded d = decodeAs(msg, s.order, s.ccsid);
-    EXPECT_EQ(d.rc, 0) << d.reports;
-    EXPECT_EQ(d.out, banner(msg.size()) + header("RPLKX_LOB_MSG", 7) +
-                         "  qMsgHeader.msgFlag:\n"
-                         "    Last message in DB transaction.\n"
-                         "  sub_id:          800\n"
-                         "  lobId:           [ rowNum = 2, colNum = 1 ]\n"
-                         "  lob codepage:    DATABASE codepage\n"
-                         "  lobTotalDataLen: 100\n"
-                         "  lobDataPartLen:  16\n"
-                         "  colName:         NOTE\n"
-                         "\n****  CLOB data ****\n\n"
-                         "Once upon a time\n\n");
-  }
+  expectGolden({"CLOB part, version 7",
+                [](ByteOrder o, int32_t c) {
+                  LobMsgDef l;
+                  l.subId = kSub;
+                  l.colNum = 1;
+                  l.flag = 1;
+                  l.totalLen = 100;
+                  l.data = valText("Once upon a time", c).data;
+                  return encodeLobMsg(l, o, c);
+                },
+                header("RPLKX_LOB_MSG", 7) +
+                    "  qMsgHeader.msgFlag:\n"
+                    "    Last message in DB transaction.\n"
+                    "  sub_id:          800\n"
+                    "  lobId:           [ rowNum = 2, colNum = 1 ]\n"
+                    "  lob codepage:    DATABASE codepage\n"
+                    "  lobTotalDataLen: 100\n"
+                    "  lobDataPartLen:  16\n"
+                    "  colName:         NOTE\n"
+                    "\n****  CLOB data ****\n\n"
+                    "Once upon a time\n\n",
+                nullptr, cacheLobSchema});
 }
 
 TEST_F(LobMsg, Version6HeaderRunsOnAfterTheLobId) {
