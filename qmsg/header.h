@@ -19,13 +19,6 @@ inline constexpr size_t kHeaderSize = 8;
 inline constexpr size_t kMsgDescriptorSize = 364;  // counted into the size line
 
 
-// DDL sub-types of type 6 (header byte 5, low 7 bits).
-inline constexpr ValueName kDdlTypes[] = {
-    {0, "RPLKX_DDL_ADD_COLUMN"},
-    {1, "RPLKX_DDL_ALTER_COLUMN"},
-    {2, "RPLKX_DDL_DROP_COLUMN"},
-    {16, "RPLKX_DDL_GENERIC"},
-};
 
 // The type codes a printer tests itself; the list of every type, its name and its printer is
 // the dispatch table in compact.cpp.
@@ -33,6 +26,14 @@ inline constexpr uint8_t kTypeDdl = 6;
 inline constexpr uint8_t kTypeSpillRow = 33;
 
 enum : uint8_t { kDdlAddColumn = 0, kDdlAlterColumn = 1, kDdlDropColumn = 2, kDdlGeneric = 16 };
+
+// DDL sub-types of type 6 (header byte 5, low 7 bits) and their names.
+inline constexpr ValueName kDdlTypes[] = {
+    {kDdlAddColumn, "RPLKX_DDL_ADD_COLUMN"},
+    {kDdlAlterColumn, "RPLKX_DDL_ALTER_COLUMN"},
+    {kDdlDropColumn, "RPLKX_DDL_DROP_COLUMN"},
+    {kDdlGeneric, "RPLKX_DDL_GENERIC"},
+};
 
 class TextSink;
 class JsonSink;
