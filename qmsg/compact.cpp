@@ -4,6 +4,7 @@
 #include <cinttypes>
 #include <cstdlib>
 #include <cstring>
+#include <type_traits>
 
 #include "qmsg/families.h"
 #include "qmsg/header.h"
@@ -115,11 +116,9 @@ uint32_t schemaCacheKeyAt(size_t index) {
 
 namespace {
 
-struct Decode {
+// One message being decoded and how the run prints.
+struct Decode : DecodeRun {
   QMsg& m;
-  const char* queueName;
-  bool noPosTime;
-  bool headerOnly;
 };
 
 // Walks `count` rows from `at`: each row begins with its u32 length (machine order once the
@@ -128,22 +127,21 @@ template <class O>
 int32_t printRows(QMsg& m, O& o, size_t at, int64_t count, uint16_t version, const char* step) {
   o.beginList("rows");
   for (int64_t i = 0; i < count; ++i) {
-    uint32_t len = 0;
-    int32_t rc = m.r.machine(at, len, "qTransRow.length");
-    if (rc == 0 && (len < 4 || !m.r.has(at, len))) {
+    Cursor c(m.r);
+    const uint32_t len = c.machine<uint32_t>(at, "qTransRow.length");
+    if (c && (len < 4 || !m.r.has(at, len))) {
       reportFailuref(step, "rplqcmsg::processRowMsg", kRcShortRead,
                      "Row %" PRId64 " at offset %zu has length %u, which does not fit the %zu-byte message",
                      i + 1, at, len, m.r.size());
-      rc = kRcShortRead;
+      c.take(kRcShortRead);
     }
-    if (rc == 0) {
+    if (c) {
       o.beginItem();
-      rc = printTransRow(m, o, at, version);
-      if (rc == 0) o.endItem();
+      if (c.take(printTransRow(m, o, at, version))) o.endItem();
     }
-    if (rc != 0) {
-      reportFailure(step, "rplqcmsg::processRowMsg", rc, "Cannot print row");
-      return rc;
+    if (!c) {
+      reportFailure(step, "rplqcmsg::processRowMsg", c.rc(), "Cannot print row");
+      return c.rc();
     }
     at += (static_cast<size_t>(len) + 3) & ~size_t{3};
   }
@@ -151,60 +149,11 @@ int32_t printRows(QMsg& m, O& o, size_t at, int64_t count, uint16_t version, con
   return 0;
 }
 
-// The schema message in JSON: its swap and the schema cache as on the text path (the text
-// printer runs with its lines discarded), then the header and the columns from the cached copy.
-int32_t decodeSchema(Decode& d, JsonSink& o) {
-  static FILE* discard = std::fopen("/dev/null", "w");
-  if (discard == nullptr) return -1;
-  QMsg quiet(d.m.r.data(), d.m.r.size(), discard, d.m.enc, d.m.cm);
-  int32_t rc = printSubSchemaMsg(quiet);
-  if (rc != 0) {
-    reportFailure("rplqcmsg:processSchemaMsg", "qSubSchemaMsg::printMe", rc,
-                  "Cannot print subscription schema message");
-    return rc;
-  }
-  rc = cacheSchema(d.m.r.data(), d.m.r.size(), d.m.swap());
-  if (rc != 0) return rc;
-  // The printer swapped the version in place: read on through its view of the message.
-  rc = printHeaderLines(quiet, o, true);
-  if (rc != 0) return rc;
-  uint16_t version = 0;
-  quiet.version(version);
-  Cursor c(quiet.r);
-  uint32_t subId = c.machine<uint32_t>(156, "qSubSchemaMsg.sub_id");
-  uint16_t nCols = c.machine<uint16_t>(510, "qSubSchemaMsg.nCols");
-  uint16_t nKey = c.machine<uint16_t>(508, "qSubSchemaMsg.nColsInKey");
-  if (!c) return c.rc();
-  o.hidden("sub_id", static_cast<int32_t>(subId));
-  o.hidden("nCols", nCols);
-  o.hidden("nColsInKey", nKey);
-  const size_t array = schemaColumnArrayOffset(version);
-  if (array == 0) return kRcBadSchemaVersion;
-  JsonOut& j = o.json();
-  j.beginArray("columns");
-  for (size_t i = 0; i < nCols; ++i) {
-    uint16_t desc = c.machine<uint16_t>(array + 2 * i, "qSubSchemaMsg column offset");
-    uint16_t type = c.machine<uint16_t>(desc, "qColSchema.coltype");
-    uint32_t codePage = c.machine<uint32_t>(desc + 8, "qColSchema.codepage");
-    // Name counts stay in the sender's order in the message.
-    uint16_t nameLen = c.u16(desc + 12, "qColSchema.colname length");
-    const uint8_t* name = c.bytes(desc + 14, nameLen, "qColSchema.colname");
-    ConvText text;
-    if (c) c.take(convertText(quiet, name, nameLen, text, "qColSchema::printMe", "ConvMgr::cpcvl", "colname"));
-    if (!c) return c.rc();
-    j.beginObject();
-    j.str("colname", std::string_view(text.data(), static_cast<size_t>(text.size())));
-    j.num("coltype", type);
-    j.num("codepage", static_cast<int32_t>(codePage));
-    j.boolean("key", i < nKey);
-    j.endObject();
-  }
-  j.endArray();
-  return 0;
-}
-
-int32_t decodeSchema(Decode& d, TextSink&) {
-  int32_t rc = printSubSchemaMsg(d.m);
+// The schema message: printed, then kept in the schema cache (in machine order) for the rows
+// and LOB messages that follow.
+template <class O>
+int32_t decodeSchema(Decode& d, O& o) {
+  int32_t rc = printSubSchemaMsg(d.m, o);
   if (rc != 0) {
     reportFailure("rplqcmsg:processSchemaMsg", "qSubSchemaMsg::printMe", rc,
                   "Cannot print subscription schema message");
@@ -222,33 +171,31 @@ int32_t decodeTrans(Decode& d, O& o) {
     return rc;
   }
   if (d.headerOnly) return 0;
+  Cursor c(d.m.r);
   uint16_t version = 0;
-  int32_t rows = 0;
-  rc = d.m.version(version);
-  if (rc == 0) rc = d.m.r.machine(28, rows, "qTransMsgHeader.nRows");
-  if (rc != 0) return rc;
-  size_t first = version < 2 ? 32 : version <= 5 ? 116 : version == 6 ? 144 : 152;
+  c.take(d.m.version(version));
+  const int32_t rows = c.machine<int32_t>(28, "qTransMsgHeader.nRows");
+  if (!c) return c.rc();
+  const size_t first = version < 2 ? 32 : version <= 5 ? 116 : version == 6 ? 144 : 152;
   return printRows(d.m, o, first, rows, version, "rplqcmsg:processTransMsg");
 }
 
 template <class O>
 int32_t decodeStreamedTrans(Decode& d, O& o) {
-  int32_t rc = printStreamedTransMsgHeader(d.m, o, d.noPosTime);
-  if (rc != 0) {
-    reportFailure("rplqcmsg:processTransMsg", "qStreamedTransMsgHeader::printMe", rc,
+  Cursor c(d.m.r);
+  if (!c.take(printStreamedTransMsgHeader(d.m, o, d.noPosTime))) {
+    reportFailure("rplqcmsg:processTransMsg", "qStreamedTransMsgHeader::printMe", c.rc(),
                   "Cannot print transaction message header information");
   } else if (!d.headerOnly) {
     uint16_t version = 0;
-    uint32_t single = 0, chunks = 0;
-    rc = d.m.version(version);
-    if (rc == 0) rc = d.m.r.machine(144, single, "qStreamedTransMsgHeader.numSingleRowOps");
-    if (rc == 0) rc = d.m.r.machine(148, chunks, "qStreamedTransMsgHeader.numStmtChunkFiles");
-    if (rc == 0)
-      rc = printRows(d.m, o, 160, static_cast<int64_t>(single) + chunks, version, "rplqcmsg:processTransMsg");
+    c.take(d.m.version(version));
+    const uint32_t single = c.machine<uint32_t>(144, "qStreamedTransMsgHeader.numSingleRowOps");
+    const uint32_t chunks = c.machine<uint32_t>(148, "qStreamedTransMsgHeader.numStmtChunkFiles");
+    if (c) c.take(printRows(d.m, o, 160, static_cast<int64_t>(single) + chunks, version, "rplqcmsg:processTransMsg"));
   }
-  if (rc != 0)
-    reportFailure("processCompactMsg", "processTransMsg", rc, "cannot print streamed trans message class");
-  return rc;
+  if (!c)
+    reportFailure("processCompactMsg", "processTransMsg", c.rc(), "cannot print streamed trans message class");
+  return c.rc();
 }
 
 template <class O>
@@ -261,7 +208,7 @@ int32_t decodeSpilledRow(Decode& d, O& o) {
   uint16_t v = 0;
   rc = d.m.version(v);
   if (rc != 0) return rc;
-  size_t at = v == 1 ? 16 : v <= 4 ? 110 : v <= 6 ? 128 : v == 7 ? 136 : v == 8 ? 152 : 168;
+  const size_t at = v == 1 ? 16 : v <= 4 ? 110 : v <= 6 ? 128 : v == 7 ? 136 : v == 8 ? 152 : 168;
   o.beginGroup("row");
   rc = printTransRow(d.m, o, at, v);
   if (rc == 0) o.endGroup();
@@ -270,35 +217,33 @@ int32_t decodeSpilledRow(Decode& d, O& o) {
   return rc;
 }
 
+// The LOB message's column comes from the cached schema of its subscription.
 template <class O>
 int32_t decodeLob(Decode& d, O& o) {
-  uint32_t subKey = 0;
-  uint16_t colNum = 0;
-  int32_t rc = d.m.r.u32(8, subKey, "qLobMsg.sub_id");
-  if (rc == 0) rc = d.m.r.u16(16, colNum, "qLobMsg.colNum");
-  if (rc != 0) return rc;
+  Cursor c(d.m.r);
+  const uint32_t subKey = c.u32(8, "qLobMsg.sub_id");
+  const uint16_t colNum = c.u16(16, "qLobMsg.colNum");
+  if (!c) return c.rc();
 
   const CachedSchema* schema = findSchema(subKey);
   if (schema == nullptr) {
     printLobMsg(d.m, o, LobColumn{});
     return 0;
   }
-  size_t array = schemaColumnArrayOffset(schema->version);
+  const size_t array = schemaColumnArrayOffset(schema->version);
   if (array == 0) return kRcBadSchemaVersion;
 
   MsgReader s(const_cast<uint8_t*>(schema->msg), schema->length, schema->senderSwapped);
+  Cursor sc(s);
   LobColumn col;
-  uint16_t descOffset = 0;
-  uint32_t codePage = 0;
-  rc = s.machine(array + 2 * size_t{colNum}, descOffset, "qSubSchemaMsg column offset of the LOB column");
-  if (rc == 0) rc = s.machine(descOffset, col.type, "qColSchema.colType of the LOB column");
-  if (rc == 0) rc = s.machine(descOffset + 8, codePage, "qColSchema.codepage of the LOB column");
-  if (rc == 0) rc = s.u16(descOffset + 12, col.nameLen, "qColSchema.colName length of the LOB column");
-  if (rc == 0) rc = s.bytes(descOffset + 14, col.nameLen, col.name, "qColSchema.colName of the LOB column");
-  if (rc != 0) return rc;
-  col.codePage = static_cast<int32_t>(codePage);
+  const uint16_t desc = sc.machine<uint16_t>(array + 2 * size_t{colNum}, "qSubSchemaMsg column offset of the LOB column");
+  col.type = sc.machine<uint16_t>(desc, "qColSchema.colType of the LOB column");
+  col.codePage = static_cast<int32_t>(sc.machine<uint32_t>(desc + 8, "qColSchema.codepage of the LOB column"));
+  col.nameLen = sc.u16(desc + 12, "qColSchema.colName length of the LOB column");
+  col.name = sc.bytes(desc + 14, col.nameLen, "qColSchema.colName of the LOB column");
+  if (!sc) return sc.rc();
 
-  rc = printLobMsg(d.m, o, col);
+  const int32_t rc = printLobMsg(d.m, o, col);
   if (rc != 0)
     reportFailuref("rplqcmsg:processLOBMsg", "qRowColSet::printMe", rc,
                    "Cannot print LOB message for column %.*s", col.nameLen,
@@ -308,7 +253,7 @@ int32_t decodeLob(Decode& d, O& o) {
 
 template <class O>
 int32_t decodeDdl(Decode& d, O& o) {
-  uint8_t sub = d.m.r.data()[5] & 127;
+  const uint8_t sub = d.m.r.data()[5] & 127;
   switch (sub) {
     case kDdlAlterColumn: return printAlterColumnMsg(d.m, o);
     case kDdlDropColumn: return printDropColumnMsg(d.m, o);
@@ -330,17 +275,18 @@ int32_t decodeSendqStart(Decode& d, O& o) {
   return rc;
 }
 
-// The restart message prints no header lines; a failure ends its lines without failing the
-// run. The JSON object still names the message and keeps the failure.
-int32_t decodeRestart(Decode& d, TextSink& o) {
-  printRestartMsg(d.m, o);
-  return 0;
-}
-
-int32_t decodeRestart(Decode& d, JsonSink& o) {
-  int32_t rc = printHeaderLines(d.m, o, false);
-  if (rc == 0) rc = printRestartMsg(d.m, o);
-  return rc;
+// The restart message prints no header lines and a failure ends its lines without failing the
+// run; every other rendering names the message and keeps the failure.
+template <class O>
+int32_t decodeRestart(Decode& d, O& o) {
+  if constexpr (std::is_same_v<O, TextSink>) {
+    printRestartMsg(d.m, o);
+    return 0;
+  } else {
+    int32_t rc = printHeaderLines(d.m, o, false);
+    if (rc == 0) rc = printRestartMsg(d.m, o);
+    return rc;
+  }
 }
 
 // How the dispatcher treats a type before its body printer runs.
@@ -363,12 +309,16 @@ template <class O, int32_t (*Print)(QMsg&, O&)>
 int32_t sinkBody(Decode& d, O& o) {
   return Print(d.m, o);
 }
-#define RPL_SINK_BODIES(print) sinkBody<TextSink, print<TextSink>>, sinkBody<JsonSink, print<JsonSink>>
 
 // One row per message type: its code and name, the printer's step (the header's failure
 // report), how it is read and prologued, the failure report of the dispatch (when `failText`
-// is set: step "processCompactMsg", `method` and `failText`), and its body for each rendering
-// (no JSON body: the JSON object holds the header and says that the body has no rendering).
+// is set: step "processCompactMsg", `method` and `failText`), and its body.
+//
+// The table is a template over the sink: kTypeRows<O> holds the body printers instantiated
+// for the sink O, so a new rendering (a sink with the members of TextSink) needs no new column:
+// it is added to RPL_FOR_EACH_SINK (qmsg/sink.h), which instantiates every family's printers
+// and decodeCompact for it.
+template <class O>
 struct TypeRow {
   uint8_t type;
   const char* name;
@@ -377,75 +327,91 @@ struct TypeRow {
   Prologue prologue;
   const char* method;
   const char* failText;
-  Body<TextSink> text;
-  Body<JsonSink> json;
+  Body<O> body;
 };
 
-constexpr TypeRow kTypeRows[] = {
-    {kTypeSubSchema, "RPLKX_SUBSCHEMA_MSG", "qSubSchemaMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeSchema, decodeSchema},
-    {kTypeLoadDone, "RPLKX_LOADDONE_RCVD", "qLoaddoneRcvdMsg::printMe", Order::Sender, Prologue::Header, nullptr, nullptr, RPL_SINK_BODIES(printLoadDoneMsg)},
-    {kTypeHeartbeat, "RPLKX_HEARTBEAT", "qHeartBeatMsg::printMe", Order::Sender, Prologue::Header, nullptr, nullptr, RPL_SINK_BODIES(printHeartbeatMsg)},
-    {kTypeSubDeactivated, "RPLKX_SUBDEACTIVATED", "qSubDeactivatedMsg::printMe", Order::Sender, Prologue::Header, nullptr, nullptr, RPL_SINK_BODIES(printSubDeactivatedMsg)},
-    {kTypeAddColumn, "RPLKX_ADDCOLUMN_MSG", "qAddColumnMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, RPL_SINK_BODIES(printAddColumnMsg)},
-    {kTypeDdl, "RPLKX_DDL_MSG", "qDdlMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeDdl<TextSink>, decodeDdl<JsonSink>},
-    {kTypeSyncRequest, "RPLKX_SYNCREQUEST_MSG", "qRequestSyncOnQueueMsg::printMe", Order::Sender, Prologue::Header, "qRequestSyncOnQueueMsg::printMe", "cannot print qRequestSyncOnQueueMsg class", RPL_SINK_BODIES(printRequestSyncOnQueueMsg)},
-    {kTypeSyncResponse, "RPLKX_SYNCRESPONSE_MSG", "qSyncResponseMsg::printMe", Order::Sender, Prologue::Header, "qSyncResponseMsg::printMe", "cannot print qSyncResponseMsg class", RPL_SINK_BODIES(printSyncResponseMsg)},
-    {kTypeCreateSub, "RPLKX_CREATESUB_MSG", "qCreateSubMsg::printMe", Order::Sender, Prologue::Header, "qCreateSubMsg::printMe", "cannot print qCreateSubMsg class", RPL_SINK_BODIES(printCreateSubMsg)},
-    {kTypeDropSub, "RPLKX_DROPSUB_MSG", "qDropSubMsg::printMe", Order::Sender, Prologue::Header, "qDropSubMsg::printMe", "cannot print qDropSubMsg class", RPL_SINK_BODIES(printDropSubMsg)},
-    {kTypeSeqTimeReset, "RPLKX_SEQTIME_RESET_MSG", "qSequenceTimeResetMsg::printMe", Order::Sender, Prologue::Header, "qSequenceTimeResetMsg::printMe", "cannot print qSequenceTimeResetMsg", RPL_SINK_BODIES(printSequenceTimeResetMsg)},
-    {kTypeAddReplKeyCol, "RPLKX_ADD_REPL_KEY_COL_MSG", "qAddReplKeyColumnMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, RPL_SINK_BODIES(printAddReplKeyColMsg)},
-    {kTypeFuncLevel, "RPLKX_FUNCLEVEL_MSG", "qFuncLevelMsg::printMe", Order::Sender, Prologue::Header, "qFuncLevelMsg::printMe", "cannot print qFuncLevelMsg class", RPL_SINK_BODIES(printFuncLevelMsg)},
-    {kTypeSendqStart, "RPLKX_SENDQ_START", "qSendQStartMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeSendqStart<TextSink>, decodeSendqStart<JsonSink>},
-    {kTypeTruncate, "RPLKX_DDL_TRUNCATE_MSG", "qTruncateTableMsg::printMe", Order::Sender, Prologue::Body, "qTruncateTableMsg::printMe", "cannot print truncate ddl message class", RPL_SINK_BODIES(printTruncateTableMsg)},
-    {kTypeRedefineReplKey, "RPLKX_REDEFINE_REPL_KEY_MSG", "qRedefineReplKeyMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, RPL_SINK_BODIES(printRedefineReplKeyMsg)},
-    {kTypeRestart, "RPLKX_RESTART", "qRestartMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeRestart, decodeRestart},
-    {kTypeSpillRow, "RPLKX_SPILLROW", "qSpilledRow::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeSpilledRow<TextSink>, decodeSpilledRow<JsonSink>},
-    {kTypeAdminQ, "RPLKX_ADMINQ_MSG", "qAdminQMsg::printMe", Order::Sender, Prologue::Header, nullptr, nullptr, RPL_SINK_BODIES(printAdminQMsg)},
-    {kTypeP2pJoinUs, "RPLKX_P2P_JOINUS_MSG", "p2pJoinUsMsg::printMe", Order::Sender, Prologue::Header, nullptr, nullptr, RPL_SINK_BODIES(printP2pJoinUsMsg)},
-    {kTypeP2pSpooling, "RPLKX_P2P_SPOOLING_MSG", "p2pSpoolingMsg::printMe", Order::Sender, Prologue::Header, nullptr, nullptr, RPL_SINK_BODIES(printP2pSpoolingMsg)},
-    {kTypeP2pLoadDone, "RPLKX_P2P_LOADDONE_MSG", "p2pLoadDoneMsg::printMe", Order::Sender, Prologue::Header, nullptr, nullptr, RPL_SINK_BODIES(printP2pLoadDoneMsg)},
-    {kTypeP2pCapStop, "RPLKX_P2P_CAPSTOP_MSG", "p2pCapStopMsg::printMe", Order::Stored, Prologue::Body, nullptr, nullptr, RPL_SINK_BODIES(printP2pCapStopMsg)},
-    {kTypeP2pSubStopping, "RPLKX_P2P_SUBSTOPPING_MSG", "p2pSubStoppingMsg::printMe", Order::Sender, Prologue::Header, nullptr, nullptr, RPL_SINK_BODIES(printP2pSubStoppingMsg)},
-    {kTypeP2pReadyToStop, "RPLKX_P2P_READYTOSTOP_MSG", "p2pReadyToStopMsg::printMe", Order::Sender, Prologue::Header, nullptr, nullptr, RPL_SINK_BODIES(printP2pReadyToStopMsg)},
-    {kTypeP2pSubDeactivated, "RPLKX_P2P_SUBDEACTIVATED_MSG", "p2pSubDeactivatedMsg::printMe", Order::Stored, Prologue::Header, nullptr, nullptr, RPL_SINK_BODIES(printP2pSubDeactivatedMsg)},
-    {kTypeTrans, "RPLKX_TRANS_MSG", "qTransMsgHeader::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeTrans<TextSink>, decodeTrans<JsonSink>},
-    {kTypeLob, "RPLKX_LOB_MSG", "qLobMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeLob<TextSink>, decodeLob<JsonSink>},
-    {kTypeStreamedTrans, "RPLKX_STREAMED_TRANS_MSG", "qStreamedTransMsgHeader::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeStreamedTrans<TextSink>, decodeStreamedTrans<JsonSink>},
-    {kTypeXfPayload, "RPLKX_XF_MSG", "xfPayloadMsg::printMe", Order::Sender, Prologue::Header, "xfPayloadMsg::printMe", "cannot print xfPayloadMsg class", RPL_SINK_BODIES(printXfPayloadMsg)},
-    {kTypeXfAck, "RPLKX_XF_ACK_MSG", "xfAdminMsg::printMe", Order::Sender, Prologue::Header, "xfAdminMsg::printMe", "cannot print xfAdminMsg class", RPL_SINK_BODIES(printXfAdminMsg)},
-    {kTypeXfHeartbeat, "RPLKX_XF_HEARTBEAT_MSG", "xfHeartBeatMsg::printMe", Order::Sender, Prologue::Header, "xfHeartBeatMsg::printMe", "cannot print xfHeartBeatMsg class", RPL_SINK_BODIES(printXfHeartBeatMsg)},
+#define RPL_BODY(print) sinkBody<O, print<O>>
+template <class O>
+constexpr TypeRow<O> kTypeRows[] = {
+    {1, "RPLKX_SUBSCHEMA_MSG", "qSubSchemaMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeSchema<O>},
+    {2, "RPLKX_LOADDONE_RCVD", "qLoaddoneRcvdMsg::printMe", Order::Sender, Prologue::Header, nullptr, nullptr, RPL_BODY(printLoadDoneMsg)},
+    {3, "RPLKX_HEARTBEAT", "qHeartBeatMsg::printMe", Order::Sender, Prologue::Header, nullptr, nullptr, RPL_BODY(printHeartbeatMsg)},
+    {4, "RPLKX_SUBDEACTIVATED", "qSubDeactivatedMsg::printMe", Order::Sender, Prologue::Header, nullptr, nullptr, RPL_BODY(printSubDeactivatedMsg)},
+    {5, "RPLKX_ADDCOLUMN_MSG", "qAddColumnMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, RPL_BODY(printAddColumnMsg)},
+    {kTypeDdl, "RPLKX_DDL_MSG", "qDdlMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeDdl<O>},
+    {7, "RPLKX_SYNCREQUEST_MSG", "qRequestSyncOnQueueMsg::printMe", Order::Sender, Prologue::Header, "qRequestSyncOnQueueMsg::printMe", "cannot print qRequestSyncOnQueueMsg class", RPL_BODY(printRequestSyncOnQueueMsg)},
+    {8, "RPLKX_SYNCRESPONSE_MSG", "qSyncResponseMsg::printMe", Order::Sender, Prologue::Header, "qSyncResponseMsg::printMe", "cannot print qSyncResponseMsg class", RPL_BODY(printSyncResponseMsg)},
+    {9, "RPLKX_CREATESUB_MSG", "qCreateSubMsg::printMe", Order::Sender, Prologue::Header, "qCreateSubMsg::printMe", "cannot print qCreateSubMsg class", RPL_BODY(printCreateSubMsg)},
+    {10, "RPLKX_DROPSUB_MSG", "qDropSubMsg::printMe", Order::Sender, Prologue::Header, "qDropSubMsg::printMe", "cannot print qDropSubMsg class", RPL_BODY(printDropSubMsg)},
+    {11, "RPLKX_SEQTIME_RESET_MSG", "qSequenceTimeResetMsg::printMe", Order::Sender, Prologue::Header, "qSequenceTimeResetMsg::printMe", "cannot print qSequenceTimeResetMsg", RPL_BODY(printSequenceTimeResetMsg)},
+    {12, "RPLKX_ADD_REPL_KEY_COL_MSG", "qAddReplKeyColumnMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, RPL_BODY(printAddReplKeyColMsg)},
+    {13, "RPLKX_FUNCLEVEL_MSG", "qFuncLevelMsg::printMe", Order::Sender, Prologue::Header, "qFuncLevelMsg::printMe", "cannot print qFuncLevelMsg class", RPL_BODY(printFuncLevelMsg)},
+    {16, "RPLKX_SENDQ_START", "qSendQStartMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeSendqStart<O>},
+    {17, "RPLKX_DDL_TRUNCATE_MSG", "qTruncateTableMsg::printMe", Order::Sender, Prologue::Body, "qTruncateTableMsg::printMe", "cannot print truncate ddl message class", RPL_BODY(printTruncateTableMsg)},
+    {18, "RPLKX_REDEFINE_REPL_KEY_MSG", "qRedefineReplKeyMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, RPL_BODY(printRedefineReplKeyMsg)},
+    {32, "RPLKX_RESTART", "qRestartMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeRestart<O>},
+    {kTypeSpillRow, "RPLKX_SPILLROW", "qSpilledRow::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeSpilledRow<O>},
+    {64, "RPLKX_ADMINQ_MSG", "qAdminQMsg::printMe", Order::Sender, Prologue::Header, nullptr, nullptr, RPL_BODY(printAdminQMsg)},
+    {80, "RPLKX_P2P_JOINUS_MSG", "p2pJoinUsMsg::printMe", Order::Sender, Prologue::Header, nullptr, nullptr, RPL_BODY(printP2pJoinUsMsg)},
+    {81, "RPLKX_P2P_SPOOLING_MSG", "p2pSpoolingMsg::printMe", Order::Sender, Prologue::Header, nullptr, nullptr, RPL_BODY(printP2pSpoolingMsg)},
+    {82, "RPLKX_P2P_LOADDONE_MSG", "p2pLoadDoneMsg::printMe", Order::Sender, Prologue::Header, nullptr, nullptr, RPL_BODY(printP2pLoadDoneMsg)},
+    {83, "RPLKX_P2P_CAPSTOP_MSG", "p2pCapStopMsg::printMe", Order::Stored, Prologue::Body, nullptr, nullptr, RPL_BODY(printP2pCapStopMsg)},
+    {84, "RPLKX_P2P_SUBSTOPPING_MSG", "p2pSubStoppingMsg::printMe", Order::Sender, Prologue::Header, nullptr, nullptr, RPL_BODY(printP2pSubStoppingMsg)},
+    {85, "RPLKX_P2P_READYTOSTOP_MSG", "p2pReadyToStopMsg::printMe", Order::Sender, Prologue::Header, nullptr, nullptr, RPL_BODY(printP2pReadyToStopMsg)},
+    {86, "RPLKX_P2P_SUBDEACTIVATED_MSG", "p2pSubDeactivatedMsg::printMe", Order::Stored, Prologue::Header, nullptr, nullptr, RPL_BODY(printP2pSubDeactivatedMsg)},
+    {128, "RPLKX_TRANS_MSG", "qTransMsgHeader::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeTrans<O>},
+    {129, "RPLKX_LOB_MSG", "qLobMsg::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeLob<O>},
+    {130, "RPLKX_STREAMED_TRANS_MSG", "qStreamedTransMsgHeader::printMe", Order::Sender, Prologue::Body, nullptr, nullptr, decodeStreamedTrans<O>},
+    {131, "RPLKX_XF_MSG", "xfPayloadMsg::printMe", Order::Sender, Prologue::Header, "xfPayloadMsg::printMe", "cannot print xfPayloadMsg class", RPL_BODY(printXfPayloadMsg)},
+    {132, "RPLKX_XF_ACK_MSG", "xfAdminMsg::printMe", Order::Sender, Prologue::Header, "xfAdminMsg::printMe", "cannot print xfAdminMsg class", RPL_BODY(printXfAdminMsg)},
+    {133, "RPLKX_XF_HEARTBEAT_MSG", "xfHeartBeatMsg::printMe", Order::Sender, Prologue::Header, "xfHeartBeatMsg::printMe", "cannot print xfHeartBeatMsg class", RPL_BODY(printXfHeartBeatMsg)},
 };
+#undef RPL_BODY
 
-const TypeRow* rowOf(uint8_t type) {
-  for (const TypeRow& r : kTypeRows)
+template <class O>
+const TypeRow<O>* rowOf(uint8_t type) {
+  for (const TypeRow<O>& r : kTypeRows<O>)
     if (r.type == type) return &r;
   return nullptr;
 }
 
-template <class O>
-Body<O> bodyOf(const TypeRow& row) {
-  if constexpr (O::kJson) return row.json;
-  else return row.text;
-}
-
 // Version, header and body of one message by its row, and the dispatch's failure report.
 template <class O>
-int32_t dispatch(const TypeRow& row, Decode& d, O& o) {
-  Body<O> body = bodyOf<O>(row);
+int32_t dispatch(const TypeRow<O>& row, Decode& d, O& o) {
   QMsg stored(d.m.r.data(), d.m.r.size(), d.m.out, nullptr, nullptr);
-  Decode asStored{stored, d.queueName, d.noPosTime, d.headerOnly};
+  Decode asStored{{d}, stored};
   Decode& use = row.order == Order::Stored ? asStored : d;
   int32_t rc = 0;
   if (row.prologue == Prologue::Header) rc = printHeader(use.m, o, row.step);
-  if (rc == 0) rc = body(use, o);
+  if (rc == 0) rc = row.body(use, o);
   if (rc != 0 && row.failText != nullptr) reportFailure("processCompactMsg", row.method, rc, row.failText);
   return rc;
 }
 
 }  // namespace
 
+template <class O>
+int32_t decodeCompact(QMsg& m, O& o, const DecodeRun& run) {
+  Cursor c(m.r);
+  const uint8_t type = c.u8(4, "qMsgHeader.msgtype");
+  if (c && !m.r.has(0, kHeaderSize)) c.take(m.r.shortRead(0, kHeaderSize, "qMsgHeader"));
+  if (!c) return c.rc();
+  Decode d{{run}, m};
+  const TypeRow<O>* row = rowOf<O>(type);
+  if (row != nullptr) return dispatch(*row, d, o);
+  o.text("Unknown msg types: %d received in queue: %s\n", type, run.queueName);
+  const int32_t rc = printHeaderLines(m, o, true);
+  // The text goes on to the next message whatever its header did; other renderings keep the
+  // header's failure.
+  return rc != 0 && !std::is_same_v<O, TextSink> ? rc : kRcUnknownType;
+}
+
+#define RPL_DECODER(O) template int32_t decodeCompact(QMsg&, O&, const DecodeRun&);
+RPL_FOR_EACH_SINK(RPL_DECODER)
+#undef RPL_DECODER
+
 const char* compactTypeName(uint8_t type) {
-  const TypeRow* row = rowOf(type);
+  const TypeRow<TextSink>* row = rowOf<TextSink>(type);
   return row != nullptr ? row->name : "Unknown";
 }
 
@@ -463,22 +429,9 @@ int32_t processCompactMsg(uint8_t* msg, size_t length, const char* queueName, FI
   printBanner(out, *msgCounter, length, !noSizeLine);
   std::fputc('\n', out);
   if (cm != nullptr) cm->dropExpired();
-
   QMsg m(msg, length, out, enc, cm);
-  uint8_t type = 0;
-  int32_t rc = m.r.u8(4, type, "qMsgHeader.msgtype");
-  if (rc == 0) rc = m.r.has(0, kHeaderSize) ? 0 : m.r.shortRead(0, kHeaderSize, "qMsgHeader");
-  if (rc != 0) return rplTrace_.ret(rc);
-
-  Decode d{m, queueName, noPosTime, headerOnly};
-  const TypeRow* row = rowOf(type);
-  if (row == nullptr) {
-    std::fprintf(out, "Unknown msg types: %d received in queue: %s\n", type, queueName);
-    qMsgHeader::printMe(m);
-    return rplTrace_.ret(kRcUnknownType);
-  }
   TextSink o(out);
-  return rplTrace_.ret(dispatch(*row, d, o));
+  return rplTrace_.ret(decodeCompact(m, o, DecodeRun{queueName, noPosTime, headerOnly}));
 }
 
 int32_t renderCompactJson(uint8_t* msg, size_t length, const encodingInfo& enc, ConvMgr& cm, JsonOut& out) {
@@ -494,17 +447,7 @@ int32_t renderCompactJson(uint8_t* msg, size_t length, const encodingInfo& enc, 
   out.num("format", kJsonFormatVersion);
   out.unum("length", length);
   lastReadFailure() = ReadFailure{};
-  uint8_t type = 0;
-  int32_t rc = m.r.u8(4, type, "qMsgHeader.msgtype");
-  if (rc == 0) rc = m.r.has(0, kHeaderSize) ? 0 : m.r.shortRead(0, kHeaderSize, "qMsgHeader");
-  const TypeRow* row = rc == 0 ? rowOf(type) : nullptr;
-  if (rc == 0 && row == nullptr) {
-    rc = printHeaderLines(m, o, false);
-    if (rc == 0) rc = kRcUnknownType;
-  } else if (rc == 0) {
-    Decode d{m, "", false, false};
-    rc = dispatch(*row, d, o);
-  }
+  const int32_t rc = decodeCompact(m, o, DecodeRun{"", false, false});
   if (rc != 0) {
     while (out.depth() > depth + 1) {
       if (out.inObject()) out.endObject();
@@ -533,7 +476,7 @@ int32_t renderCompactJson(uint8_t* msg, size_t length, const encodingInfo& enc, 
 
 int32_t processSchemaMsg(uint8_t* msg, size_t length, FILE* out, encodingInfo* enc, ConvMgr* cm) {
   QMsg m(msg, length, out, enc, cm);
-  Decode d{m, "", false, false};
+  Decode d{{"", false, false}, m};
   TextSink o(out);
   return decodeSchema(d, o);
 }
@@ -541,7 +484,7 @@ int32_t processSchemaMsg(uint8_t* msg, size_t length, FILE* out, encodingInfo* e
 int32_t processTransMsg(uint8_t* msg, size_t length, FILE* out, encodingInfo* enc, ConvMgr* cm,
                         bool noPosTime, bool headerOnly) {
   QMsg m(msg, length, out, enc, cm);
-  Decode d{m, "", noPosTime, headerOnly};
+  Decode d{{"", noPosTime, headerOnly}, m};
   TextSink o(out);
-  return decodeTrans<TextSink>(d, o);
+  return decodeTrans(d, o);
 }

@@ -11,6 +11,23 @@ inline constexpr int32_t kRcUnknownType = static_cast<int32_t>(0xFFFFFFFF);
 // Result of a schema message of a version whose column array cannot be placed.
 inline constexpr int32_t kRcBadSchemaVersion = 2140;
 
+struct QMsg;
+
+// How a run prints: the queue named in the unknown-type lines, the transaction lines without
+// their log position and time, the transactions without their rows.
+struct DecodeRun {
+  const char* queueName;
+  bool noPosTime;
+  bool headerOnly;
+};
+
+// Decodes one compact message (its header checked, then the version, swap, header lines, body
+// and failure report of its type's row) through the field sink `o`, without the banner.
+// Returns 0, a printer's result code or kRcUnknownType. Instantiated for every sink of
+// RPL_FOR_EACH_SINK (qmsg/sink.h).
+template <class O>
+int32_t decodeCompact(QMsg& m, O& o, const DecodeRun& run);
+
 // Prints one compact message: banner, header and body by type. The buffer is read-write
 // (integers are swapped in place). Returns 0, a printer's result code, or kRcUnknownType.
 int32_t processCompactMsg(uint8_t* msg, size_t length, const char* queueName, FILE* out,

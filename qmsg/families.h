@@ -17,7 +17,7 @@ struct LobColumn {
 };
 
 // Schema, transactions, rows, LOBs, statement chunks (the data path).
-int32_t printSubSchemaMsg(QMsg& m);                               // type 1
+template <class O> int32_t printSubSchemaMsg(QMsg& m, O& o);     // type 1
 int32_t printTransMsgHeader(QMsg& m, bool noPosTime);             // type 128 header
 int32_t printStreamedTransMsgHeader(QMsg& m, bool noPosTime);     // type 130 header
 template <class O> int32_t printTransMsgHeader(QMsg& m, O& o, bool noPosTime);

@@ -62,59 +62,38 @@ constexpr size_t kChunkUowArea = 50;
 
 
 // Swaps the chunk's integers into machine order (when the sender's order differs).
-int32_t fixChunk(MsgReader& c, uint16_t version) {
-  int32_t rc = c.fix32(kChunkSize, "xfChunk.chunkSize");
-  if (rc == 0) rc = c.fix32(kChunkSubId, "xfChunk.subId");
-  if (rc == 0) rc = fixLsnRecord(c, kChunkLsn, "xfChunk.crtLRLsn");
-  if (rc == 0) rc = c.fix16(kChunkUowLen, "xfChunk.uow_id_length");
-  if (rc == 0) rc = c.fix16(kChunkNameLen, "xfChunk.fileNameLen");
-  if (rc == 0) rc = c.fix32(kChunkDataLen, "xfChunk.dataLen");
-  if (rc == 0 && version >= kTableVersion) {
-    rc = c.fix32(kChunkOffsetName, "xfChunk.offset2FileName");
-    if (rc == 0) rc = c.fix32(kChunkOffsetData, "xfChunk.offset2Data");
-    if (rc == 0) rc = c.fix32(kChunkTmSeq, "xfChunk.xfSendRequestTmSeq");
-    if (rc == 0) rc = c.fix32(kChunkOrder, "xfChunk.xfSendRequestOrder");
-  }
-  return rc;
-}
-
-// xfChunk::printMe: the chunk at `at` of the message, in the layout of `version`.
+// One chunk: its integers are swapped and read first (their order decides at which field a
+// short chunk is reported), then its byte runs.
 template <class O>
 int32_t printChunk(QMsg& m, O& o, size_t at, uint16_t version) {
   RPL_TRACE(kCompPrinters, 173);
-  MsgReader c = m.r.from(at);
-  int32_t rc = fixChunk(c, version);
-
-  uint32_t chunkSize = 0, subId = 0, dataLen = 0;
-  uint32_t offsetName = 0, offsetData = 0, tmSeq = 0, order = 0;
-  uint16_t uowLen = 0, nameLen = 0;
-  uint64_t totalSize = 0, byteOffset = 0;
-  const uint8_t *msgId = nullptr, *uow = nullptr, *name = nullptr, *data = nullptr;
-  std::string lsn;
-  if (rc == 0) rc = c.machine(kChunkSize, chunkSize, "xfChunk.chunkSize");
-  if (rc == 0) rc = c.machine(kChunkSubId, subId, "xfChunk.subId");
-  if (rc == 0) rc = c.bytes(kChunkControlMsgId, kMsgIdSize, msgId, "xfChunk.controlMsgId");
-  if (rc == 0) rc = formatLsnRecord(c, kChunkLsn, true, lsn, "xfChunk.crtLRLsn");
-  if (rc == 0) rc = c.machine(kChunkUowLen, uowLen, "xfChunk.uow_id_length");
-  if (rc == 0) rc = c.bytes(kChunkUow, uowLen, uow, "xfChunk.uow_id");
-  if (rc == 0) rc = c.machine(kChunkTotalSize, totalSize, "xfChunk.totalFileSize");
-  if (rc == 0) rc = c.machine(kChunkByteOffset, byteOffset, "xfChunk.fileByteOffset");
-  if (rc == 0) rc = c.machine(kChunkNameLen, nameLen, "xfChunk.fileNameLen");
-  if (rc == 0) rc = c.machine(kChunkDataLen, dataLen, "xfChunk.dataLen");
-  if (rc == 0 && version >= kTableVersion) {
-    rc = c.machine(kChunkOffsetName, offsetName, "xfChunk.offset2FileName");
-    if (rc == 0) rc = c.machine(kChunkOffsetData, offsetData, "xfChunk.offset2Data");
-    if (rc == 0) rc = c.machine(kChunkTmSeq, tmSeq, "xfChunk.xfSendRequestTmSeq");
-    if (rc == 0) rc = c.machine(kChunkOrder, order, "xfChunk.xfSendRequestOrder");
-  } else {
-    offsetName = kChunkFileNameV11;
-    offsetData = kChunkFileNameV11 + nameLen;
+  MsgReader r = m.r.from(at);
+  Cursor c(r);
+  const uint32_t chunkSize = c.fix32(kChunkSize, "xfChunk.chunkSize");
+  const uint32_t subId = c.fix32(kChunkSubId, "xfChunk.subId");
+  if (c) c.take(fixLsnRecord(r, kChunkLsn, "xfChunk.crtLRLsn"));
+  const uint16_t uowLen = c.fix16(kChunkUowLen, "xfChunk.uow_id_length");
+  const uint16_t nameLen = c.fix16(kChunkNameLen, "xfChunk.fileNameLen");
+  const uint32_t dataLen = c.fix32(kChunkDataLen, "xfChunk.dataLen");
+  uint32_t offsetName = kChunkFileNameV11, offsetData = kChunkFileNameV11 + nameLen, tmSeq = 0, order = 0;
+  if (version >= kTableVersion) {
+    offsetName = c.fix32(kChunkOffsetName, "xfChunk.offset2FileName");
+    offsetData = c.fix32(kChunkOffsetData, "xfChunk.offset2Data");
+    tmSeq = c.fix32(kChunkTmSeq, "xfChunk.xfSendRequestTmSeq");
+    order = c.fix32(kChunkOrder, "xfChunk.xfSendRequestOrder");
   }
-  if (rc == 0) rc = c.bytes(offsetName, nameLen, name, "xfChunk.fileName");
-  if (rc == 0) rc = c.bytes(offsetData, dataLen, data, "xfChunk.data");
+  const uint8_t* msgId = c.bytes(kChunkControlMsgId, kMsgIdSize, "xfChunk.controlMsgId");
+  std::string lsn;
+  if (c) c.take(formatLsnRecord(r, kChunkLsn, true, lsn, "xfChunk.crtLRLsn"));
+  const uint8_t* uow = c.bytes(kChunkUow, uowLen, "xfChunk.uow_id");
+  // The sizes travel in the sender's order and are printed as they stand.
+  const uint64_t totalSize = c.machine<uint64_t>(kChunkTotalSize, "xfChunk.totalFileSize");
+  const uint64_t byteOffset = c.machine<uint64_t>(kChunkByteOffset, "xfChunk.fileByteOffset");
+  const uint8_t* name = c.bytes(offsetName, nameLen, "xfChunk.fileName");
+  const uint8_t* data = c.bytes(offsetData, dataLen, "xfChunk.data");
   ConvText fileName;
-  if (rc == 0) rc = convertText(m, name, nameLen, fileName, "xChunk::printMe", "ConvMgr::cpcvc", "file name");
-  if (rc != 0) return rplTrace_.ret(rc);
+  if (c) c.take(convertText(m, name, nameLen, fileName, "xChunk::printMe", "ConvMgr::cpcvc", "file name"));
+  if (!c) return rplTrace_.ret(c.rc());
 
   o.field("chunkSize", chunkSize, "    xfChunk.chunkSize:        %u\n");
   o.field("subId", subId, "    xfChunk.subId:            %u\n");
@@ -150,19 +129,11 @@ int32_t printChunk(QMsg& m, O& o, size_t at, uint16_t version) {
 // Finds item `i` (from 0) of a payload or acknowledgement: through the offset table from
 // version 12, else `next`, the place after the previous item. The table's entries and the
 // message-level count travel as stored.
-int32_t locate(const QMsg& m, uint16_t version, uint32_t i, size_t next, size_t& at, const char* field) {
-  if (version < kTableVersion) {
-    at = next;
-    return 0;
-  }
-  uint32_t offset = 0;
-  int32_t rc = m.r.machine(kArea + 4 * size_t{i}, offset, field);
-  at = offset;
-  return rc;
+// Where entry i lies: after the one before (`next`) below version 12, else from the offset table.
+size_t locate(Cursor& c, uint16_t version, uint32_t i, size_t next, const char* field) {
+  return version < kTableVersion ? next : c.machine<uint32_t>(kArea + 4 * size_t{i}, field);
 }
 
-// Below version 12 the next item starts `size` bytes on; an item of size 0 would leave the
-// walk in place for every count that follows, so it ends the walk.
 int32_t stepOver(const QMsg& m, uint16_t version, size_t at, uint32_t size, uint32_t number,
                  const char* step, const char* what, size_t& next) {
   next = at + size;
@@ -178,31 +149,27 @@ int32_t stepOver(const QMsg& m, uint16_t version, size_t at, uint32_t size, uint
 template <class O>
 int32_t printXfPayloadMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 170);
+  Cursor c(m.r);
   uint16_t version = 0;
-  uint32_t numChunks = 0;
-  int32_t rc = m.version(version);
-  if (rc == 0) rc = m.r.machine(kCount, numChunks, "xfPayloadMsg.numChunks");
-  if (rc != 0) return rplTrace_.ret(rc);
+  c.take(m.version(version));
+  const uint32_t numChunks = c.machine<uint32_t>(kCount, "xfPayloadMsg.numChunks");
+  if (!c) return rplTrace_.ret(c.rc());
   o.field("numChunks", numChunks, "  xfPayloadMsg.numChunks:          %u\n");
 
   size_t next = kArea;
   o.beginList("chunks");
   for (uint32_t i = 0; i < numChunks; ++i) {
-    size_t at = 0;
-    rc = locate(m, version, i, next, at, "xfPayloadMsg.chunkOffset");
-    if (rc == 0) {
+    const size_t at = locate(c, version, i, next, "xfPayloadMsg.chunkOffset");
+    if (c) {
       o.text("\n***  Chunk %u  ***\n\n", i + 1);
       o.beginItem();
-      rc = printChunk(m, o, at, version);
-      if (rc == 0) o.endItem();
+      if (c.take(printChunk(m, o, at, version))) o.endItem();
     }
-    uint32_t size = 0;
-    if (rc == 0) rc = m.r.machine(at + kChunkSize, size, "xfChunk.chunkSize");
-    if (rc == 0 && i + 1 < numChunks)
-      rc = stepOver(m, version, at, size, i + 1, "xfPayloadMsg::printMe", "xfChunk", next);
-    if (rc != 0) {
-      reportFailure("xfPayloadMsg::printMe", "xChunk::printMe", rc, "Cannot print xfChunk");
-      return rplTrace_.ret(rc);
+    const uint32_t size = c.machine<uint32_t>(at + kChunkSize, "xfChunk.chunkSize");
+    if (c && i + 1 < numChunks) c.take(stepOver(m, version, at, size, i + 1, "xfPayloadMsg::printMe", "xfChunk", next));
+    if (!c) {
+      reportFailure("xfPayloadMsg::printMe", "xChunk::printMe", c.rc(), "Cannot print xfChunk");
+      return rplTrace_.ret(c.rc());
     }
   }
   o.endList();
@@ -213,36 +180,33 @@ template <class O>
 int32_t printXfAdminMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 171);
   constexpr size_t kResponseSize = 0, kResponseCode = 4, kResponseChunk = 8;
+  Cursor c(m.r);
   uint16_t version = 0;
-  uint32_t numResponses = 0;
-  int32_t rc = m.version(version);
-  if (rc == 0) rc = m.r.machine(kCount, numResponses, "xfAdminMsg.numResponses");
-  if (rc != 0) return rplTrace_.ret(rc);
+  c.take(m.version(version));
+  const uint32_t numResponses = c.machine<uint32_t>(kCount, "xfAdminMsg.numResponses");
+  if (!c) return rplTrace_.ret(c.rc());
   o.field("numResponses", numResponses, "  xfAdminMsg.numResponses:          %u\n");
 
   size_t next = kArea;
   o.beginList("responses");
   for (uint32_t i = 0; i < numResponses; ++i) {
-    size_t at = 0;
-    uint32_t size = 0, code = 0;
-    rc = locate(m, version, i, next, at, "xfAdminMsg.responseOffset");
-    if (rc == 0) rc = m.r.machine(at + kResponseSize, size, "xfAdminResponse.size");
-    if (rc == 0) rc = m.r.machine(at + kResponseCode, code, "xfAdminResponse.code");
-    if (rc != 0) return rplTrace_.ret(rc);
+    const size_t at = locate(c, version, i, next, "xfAdminMsg.responseOffset");
+    const uint32_t size = c.machine<uint32_t>(at + kResponseSize, "xfAdminResponse.size");
+    const uint32_t code = c.machine<uint32_t>(at + kResponseCode, "xfAdminResponse.code");
+    if (!c) return rplTrace_.ret(c.rc());
     o.text("\n***  Response %u  ***\n\n", i + 1);
     o.beginItem();
     o.field("size", size, "    xfAdminResponse.size:             %u\n");
     o.field("code", code, "    xfAdminResponse.code:             %u\n");
     o.text("    xfAdminResponse - fileInfo    \n");
     o.beginGroup("fileInfo");
-    rc = printChunk(m, o, at + kResponseChunk, version);
-    if (rc == 0) {
+    if (c.take(printChunk(m, o, at + kResponseChunk, version))) {
       o.endGroup();
       o.endItem();
     }
-    if (rc == 0 && i + 1 < numResponses)
-      rc = stepOver(m, version, at, size, i + 1, "xfAdminMsg::printMe", "xfAdminResponse", next);
-    if (rc != 0) return rplTrace_.ret(rc);
+    if (c && i + 1 < numResponses)
+      c.take(stepOver(m, version, at, size, i + 1, "xfAdminMsg::printMe", "xfAdminResponse", next));
+    if (!c) return rplTrace_.ret(c.rc());
   }
   o.endList();
   return rplTrace_.ret(0);
@@ -252,15 +216,14 @@ template <class O>
 int32_t printXfHeartBeatMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 172);
   constexpr size_t kMaxCoordMsgId = 8, kMaxLsn = 32, kTmSeq = 56, kMaxOrder = 60;
-  const uint8_t* msgId = nullptr;
-  std::string lsn;
-  uint32_t tmSeq = 0, maxOrder = 0;
   // Nothing of the body is swapped: the fields are printed as they travel.
-  int32_t rc = m.r.bytes(kMaxCoordMsgId, kMsgIdSize, msgId, "xfHeartBeatMsg.maxCoordMsgId");
-  if (rc == 0) rc = formatLsnRecord(m.r, kMaxLsn, true, lsn, "xfHeartBeatMsg.maxCrtLRLsn");
-  if (rc == 0) rc = m.r.machine(kTmSeq, tmSeq, "xfHeartBeatMsg.xfSendRequestTmSeq");
-  if (rc == 0) rc = m.r.machine(kMaxOrder, maxOrder, "xfHeartBeatMsg.maxXfSendRequestOrder");
-  if (rc != 0) return rplTrace_.ret(rc);
+  Cursor c(m.r);
+  const uint8_t* msgId = c.bytes(kMaxCoordMsgId, kMsgIdSize, "xfHeartBeatMsg.maxCoordMsgId");
+  std::string lsn;
+  if (c) c.take(formatLsnRecord(m.r, kMaxLsn, true, lsn, "xfHeartBeatMsg.maxCrtLRLsn"));
+  const uint32_t tmSeq = c.machine<uint32_t>(kTmSeq, "xfHeartBeatMsg.xfSendRequestTmSeq");
+  const uint32_t maxOrder = c.machine<uint32_t>(kMaxOrder, "xfHeartBeatMsg.maxXfSendRequestOrder");
+  if (!c) return rplTrace_.ret(c.rc());
 
   o.show("maxCoordMsgId", HexBytes{msgId, kMsgIdSize}, "xfHeartBeatMsg.maxCoordMsgId:          %s\n",
          hexRunText(msgId, kMsgIdSize, true).c_str());
@@ -274,5 +237,4 @@ int32_t printXfHeartBeatMsg(QMsg& m, O& o) {
   template int32_t printXfPayloadMsg(QMsg&, O&); \
   template int32_t printXfAdminMsg(QMsg&, O&);   \
   template int32_t printXfHeartBeatMsg(QMsg&, O&);
-RPL_FILE_TRANSFER_PRINTERS(TextSink)
-RPL_FILE_TRANSFER_PRINTERS(JsonSink)
+RPL_FOR_EACH_SINK(RPL_FILE_TRANSFER_PRINTERS)

@@ -8,18 +8,15 @@
 
 template <class O>
 int32_t printHeaderLines(QMsg& m, O& o, bool ddlLine) {
-  const uint8_t* family = nullptr;
-  uint8_t type = 0, flag = 0;
+  Cursor c(m.r);
+  const uint8_t* family = c.bytes(0, 4, "qMsgHeader.msgFamily");
+  const uint8_t type = c.u8(4, "qMsgHeader.msgtype");
+  const uint8_t flag = c.u8(5, "qMsgHeader.msgFlag");
   uint16_t version = 0;
-  int32_t rc = m.r.bytes(0, 4, family, "qMsgHeader.msgFamily");
-  if (rc == 0) rc = m.r.u8(4, type, "qMsgHeader.msgtype");
-  if (rc == 0) rc = m.r.u8(5, flag, "qMsgHeader.msgFlag");
-  if (rc == 0) rc = m.version(version);
-  if (rc != 0) return rc;
-
+  c.take(m.version(version));
   ConvText text;
-  rc = convertText(m, family, 4, text, "qMsgHeader::printMe", "ConvMgr::cpcvc", "msgFamily");
-  if (rc != 0) return rc;
+  if (c) c.take(convertText(m, family, 4, text, "qMsgHeader::printMe", "ConvMgr::cpcvc", "msgFamily"));
+  if (!c) return c.rc();
   o.field("msgFamily", text, "  qMsgHeader.msgFamily:  %.*s\n");
   o.field("msgtype", compactTypeName(type), "  qMsgHeader.msgtype:    %s\n");
   o.hidden("msgtype_code", type);
@@ -37,11 +34,12 @@ int32_t printHeader(QMsg& m, O& o, const char* step) {
   return rplTrace_.ret(rc);
 }
 
-template int32_t printHeaderLines(QMsg&, TextSink&, bool);
-template int32_t printHeaderLines(QMsg&, JsonSink&, bool);
+#define RPL_HEADER_PRINTERS(O)                              \
+  template int32_t printHeaderLines(QMsg&, O&, bool); \
+  template int32_t printHeader(QMsg&, O&, const char*);
+RPL_FOR_EACH_SINK(RPL_HEADER_PRINTERS)
+// The light pass of selection and counting reads the header's fields too.
 template int32_t printHeaderLines(QMsg&, ScanSink&, bool);
-template int32_t printHeader(QMsg&, TextSink&, const char*);
-template int32_t printHeader(QMsg&, JsonSink&, const char*);
 
 int32_t qMsgHeader::printLines(QMsg& m, bool ddlLine) {
   TextSink o(m.out);
@@ -60,8 +58,10 @@ int32_t qMsgHeader::printFor(QMsg& m, const char* step) {
 }
 
 void qMsgHeader::printFlagLines(QMsg& m) {
-  uint8_t type = 0, flag = 0;
-  if (m.r.u8(4, type, "qMsgHeader.msgtype") != 0 || m.r.u8(5, flag, "qMsgHeader.msgFlag") != 0) return;
+  Cursor c(m.r);
+  const uint8_t type = c.u8(4, "qMsgHeader.msgtype");
+  const uint8_t flag = c.u8(5, "qMsgHeader.msgFlag");
+  if (!c) return;
   if (!(type & 0x81) || flag == 0) return;
   std::fputs("  qMsgHeader.msgFlag:", m.out);
   if ((type & 0x83) && (flag & 1)) std::fputs("    Last message in DB transaction.\n", m.out);

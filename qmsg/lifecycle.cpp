@@ -21,28 +21,20 @@ constexpr const char* kCpcvc = "ConvMgr::cpcvc";
 
 
 
-// A one-character field, converted on its own.
-int32_t convertChar(QMsg& m, size_t at, ConvText& out, const char* field, const char* step,
-                    const char* label) {
-  const uint8_t* p = nullptr;
-  int32_t rc = m.r.bytes(at, 1, p, field);
-  if (rc != 0) return rc;
-  return convertText(m, p, 1, out, step, kCpcvc, label);
+// A one-character field, converted on its own (nothing after an earlier failure).
+void charAt(QMsg& m, Cursor& c, size_t at, ConvText& out, const char* field, const char* step, const char* label) {
+  const uint8_t* p = c.bytes(at, 1, field);
+  if (c) c.take(convertText(m, p, 1, out, step, kCpcvc, label));
 }
 
-int32_t fixI32(QMsg& m, size_t at, int32_t& v, const char* field) {
-  uint32_t u = 0;
-  int32_t rc = m.r.fix32(at, u, field);
-  v = static_cast<int32_t>(u);
-  return rc;
+// A name in its fixed room, converted (nothing after an earlier failure).
+void nameAt(QMsg& m, Cursor& c, size_t at, size_t room, ConvText& out, const char* field, const char* step,
+            const char* label) {
+  if (c) c.take(readNameInRoom(m, at, room, out, field, step, label));
 }
 
-int32_t fixI16(QMsg& m, size_t at, int16_t& v, const char* field) {
-  uint16_t u = 0;
-  int32_t rc = m.r.fix16(at, u, field);
-  v = static_cast<int16_t>(u);
-  return rc;
-}
+int32_t fixI32(Cursor& c, size_t at, const char* field) { return static_cast<int32_t>(c.fix32(at, field)); }
+int16_t fixI16(Cursor& c, size_t at, const char* field) { return static_cast<int16_t>(c.fix16(at, field)); }
 
 constexpr size_t kSubnameRoom = 134;
 
@@ -62,22 +54,20 @@ constexpr size_t kSubnameRoom = 134;
 template <class O>
 int32_t printLoadDoneMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 330);
-  int32_t rc = 0;
   constexpr size_t kTransInfoAt = 24;
+  Cursor c(m.r);
   uint16_t version = 0;
-  int32_t subId = 0;
-  const uint8_t* block = nullptr;
-  rc = m.version(version);
-  if (rc == 0) rc = fixI32(m, 8, subId, "qLoaddoneRcvdMsg.sub_id");
-  if (rc == 0) rc = m.r.bytes(12, 2, block, "qLoaddoneRcvdMsg.reserved");
-  if (rc == 0 && version >= 8) {
-    rc = m.r.fix16(12, "qLoaddoneRcvdMsg.reserved");
-    if (rc == 0) rc = m.r.bytes(kTransInfoAt, kGenericTransInfoSize, block, "qLoaddoneRcvdMsg.transInfo");
-    if (rc == 0) rc = fixGenericTransInfo(m, kTransInfoAt);
-    if (rc == 0) rc = m.r.fix16(kTransInfoAt + 36, "qGenericTransInfo.flags");
-    if (rc == 0) rc = printGenericTransInfo(m, o, kTransInfoAt);
+  c.take(m.version(version));
+  const int32_t subId = fixI32(c, 8, "qLoaddoneRcvdMsg.sub_id");
+  c.bytes(12, 2, "qLoaddoneRcvdMsg.reserved");
+  if (version >= 8) {
+    c.fix16(12, "qLoaddoneRcvdMsg.reserved");
+    c.bytes(kTransInfoAt, kGenericTransInfoSize, "qLoaddoneRcvdMsg.transInfo");
+    if (c) c.take(fixGenericTransInfo(m, kTransInfoAt));
+    c.fix16(kTransInfoAt + 36, "qGenericTransInfo.flags");
+    if (c) c.take(printGenericTransInfo(m, o, kTransInfoAt));
   }
-  if (rc != 0) return rplTrace_.ret(rc);
+  if (!c) return rplTrace_.ret(c.rc());
   o.field("sub_id", subId, "  loaddone.sub_id: %d\n");
   return rplTrace_.ret(0);
 }
@@ -94,16 +84,14 @@ template <class O>
 int32_t printSubDeactivatedMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 331);
   const char* step = "qSubDeactivatedMsg::printMe";
-  int32_t rc = 0;
-  int32_t subId = 0;
+  Cursor c(m.r);
+  const int32_t subId = fixI32(c, 8, "qSubDeactivatedMsg.sub_id");
   ConvText subname, stateinfo;
-  const uint8_t* state = nullptr;
-  rc = fixI32(m, 8, subId, "qSubDeactivatedMsg.sub_id");
-  if (rc == 0) rc = readNameInRoom(m, 12, kSubnameRoom, subname, "qSubDeactivatedMsg.subname", step, "subname");
-  if (rc == 0) rc = m.r.bytes(146, 8, state, "qSubDeactivatedMsg.stateinfo");
+  nameAt(m, c, 12, kSubnameRoom, subname, "qSubDeactivatedMsg.subname", step, "subname");
+  const uint8_t* state = c.bytes(146, 8, "qSubDeactivatedMsg.stateinfo");
   // No state was produced when the field starts with a zero byte: the text stays empty.
-  if (rc == 0 && state[0] != 0) rc = convertText(m, state, 8, stateinfo, step, kCpcvc, "stateinfo");
-  if (rc != 0) return rplTrace_.ret(rc);
+  if (c && state[0] != 0) c.take(convertText(m, state, 8, stateinfo, step, kCpcvc, "stateinfo"));
+  if (!c) return rplTrace_.ret(c.rc());
   o.field("subname", subname, "  subname:   %.*s\n");
   o.field("sub_id", subId, "  sub_id:    %d\n");
   o.field("stateinfo", stateinfo, "  stateinfo: %.*s\n");
@@ -129,40 +117,32 @@ template <class O>
 int32_t printCreateSubMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 332);
   const char* step = "qCreateSubMsg::printMe";
-  int32_t rc = 0;
-
-  int32_t subId = 0;
-  int16_t targetType = 0, initiator = 0, source = 0, target = 0, loadType = 0;
-  uint32_t flags = 0;
-  rc = fixI32(m, 8, subId, "qCreateSubMsg.subId");
-  if (rc == 0) rc = fixI16(m, 426, targetType, "qCreateSubMsg.targetType");
-  if (rc == 0) rc = fixI16(m, 644, initiator, "qCreateSubMsg.initiatorNode");
-  if (rc == 0) rc = fixI16(m, 646, source, "qCreateSubMsg.sourceNode");
-  if (rc == 0) rc = fixI16(m, 648, target, "qCreateSubMsg.targetNode");
-  if (rc == 0) rc = fixI16(m, 650, loadType, "qCreateSubMsg.loadType");
-  if (rc == 0) rc = m.r.fix32(756, flags, "qCreateSubMsg.flags");
-  if (rc != 0) return rplTrace_.ret(rc);
+  Cursor c(m.r);
+  const int32_t subId = fixI32(c, 8, "qCreateSubMsg.subId");
+  const int16_t targetType = fixI16(c, 426, "qCreateSubMsg.targetType");
+  const int16_t initiator = fixI16(c, 644, "qCreateSubMsg.initiatorNode");
+  const int16_t source = fixI16(c, 646, "qCreateSubMsg.sourceNode");
+  const int16_t target = fixI16(c, 648, "qCreateSubMsg.targetNode");
+  const int16_t loadType = fixI16(c, 650, "qCreateSubMsg.loadType");
+  const uint32_t flags = c.fix32(756, "qCreateSubMsg.flags");
 
   ConvText subName, srcDbName, srcOwner, srcName, subType, conflictRule, conflictAction,
       errorAction, spillQ, okSqlStates, subGroup, hasLoadPhase, modelQ, schemaSubName;
-  rc = readNameInRoom(m, 12, 134, subName, "qCreateSubMsg.subName", step, "subname");
-  if (rc == 0) rc = readNameInRoom(m, 146, 20, srcDbName, "qCreateSubMsg.srcDbName", step, "srcDbName");
-  if (rc == 0) rc = readNameInRoom(m, 166, 130, srcOwner, "qCreateSubMsg.srcOwner", step, "srcOwner");
-  if (rc == 0) rc = readNameInRoom(m, 296, 130, srcName, "qCreateSubMsg.srcName", step, "srcName");
-  if (rc == 0) rc = convertChar(m, 428, subType, "qCreateSubMsg.subType", step, "subType");
-  if (rc == 0) rc = convertChar(m, 429, conflictRule, "qCreateSubMsg.conflictRule", step, "conflictRule");
-  if (rc == 0)
-    rc = convertChar(m, 430, conflictAction, "qCreateSubMsg.conflictAction", step, "conflictAction");
-  if (rc == 0) rc = convertChar(m, 431, errorAction, "qCreateSubMsg.errorAction", step, "errorAction");
-  if (rc == 0) rc = readNameInRoom(m, 432, 50, spillQ, "qCreateSubMsg.spillQ", step, "spillQ");
-  if (rc == 0)
-    rc = readNameInRoom(m, 482, 130, okSqlStates, "qCreateSubMsg.oksqlstates", step, "oksqlstates");
-  if (rc == 0) rc = readNameInRoom(m, 612, 32, subGroup, "qCreateSubMsg.subGroup", step, "subGroup");
-  if (rc == 0) rc = convertChar(m, 760, hasLoadPhase, "qCreateSubMsg.hasLoadPhase", step, "hasLoadPhase");
-  if (rc == 0) rc = readNameInRoom(m, 652, 38, modelQ, "qCreateSubMsg.modelQ", step, "modelQ");
-  if (rc == 0)
-    rc = readNameInRoom(m, 690, 66, schemaSubName, "qCreateSubMsg.schemaSubName", step, "schema subname");
-  if (rc != 0) return rplTrace_.ret(rc);
+  nameAt(m, c, 12, 134, subName, "qCreateSubMsg.subName", step, "subname");
+  nameAt(m, c, 146, 20, srcDbName, "qCreateSubMsg.srcDbName", step, "srcDbName");
+  nameAt(m, c, 166, 130, srcOwner, "qCreateSubMsg.srcOwner", step, "srcOwner");
+  nameAt(m, c, 296, 130, srcName, "qCreateSubMsg.srcName", step, "srcName");
+  charAt(m, c, 428, subType, "qCreateSubMsg.subType", step, "subType");
+  charAt(m, c, 429, conflictRule, "qCreateSubMsg.conflictRule", step, "conflictRule");
+  charAt(m, c, 430, conflictAction, "qCreateSubMsg.conflictAction", step, "conflictAction");
+  charAt(m, c, 431, errorAction, "qCreateSubMsg.errorAction", step, "errorAction");
+  nameAt(m, c, 432, 50, spillQ, "qCreateSubMsg.spillQ", step, "spillQ");
+  nameAt(m, c, 482, 130, okSqlStates, "qCreateSubMsg.oksqlstates", step, "oksqlstates");
+  nameAt(m, c, 612, 32, subGroup, "qCreateSubMsg.subGroup", step, "subGroup");
+  charAt(m, c, 760, hasLoadPhase, "qCreateSubMsg.hasLoadPhase", step, "hasLoadPhase");
+  nameAt(m, c, 652, 38, modelQ, "qCreateSubMsg.modelQ", step, "modelQ");
+  nameAt(m, c, 690, 66, schemaSubName, "qCreateSubMsg.schemaSubName", step, "schema subname");
+  if (!c) return rplTrace_.ret(c.rc());
 
   o.field("subName", subName, " subName:  %.*s\n");
   o.field("subId", subId, " subId:  %d\n");
@@ -201,22 +181,17 @@ template <class O>
 int32_t printDropSubMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 333);
   const char* step = "qDropSubMsg::printMe";
-  int32_t rc = 0;
-
-  int32_t subId = 0;
-  uint32_t flags = 0;
-  int16_t initiator = 0, source = 0, target = 0;
-  rc = fixI32(m, 8, subId, "qDropSubMsg.subId");
-  if (rc == 0) rc = m.r.fix32(244, flags, "qDropSubMsg.flags");
-  if (rc == 0) rc = fixI16(m, 248, initiator, "qDropSubMsg.initiatorNode");
-  if (rc == 0) rc = fixI16(m, 250, source, "qDropSubMsg.sourceNode");
-  if (rc == 0) rc = fixI16(m, 252, target, "qDropSubMsg.targetNode");
+  Cursor c(m.r);
+  const int32_t subId = fixI32(c, 8, "qDropSubMsg.subId");
+  const uint32_t flags = c.fix32(244, "qDropSubMsg.flags");
+  const int16_t initiator = fixI16(c, 248, "qDropSubMsg.initiatorNode");
+  const int16_t source = fixI16(c, 250, "qDropSubMsg.sourceNode");
+  const int16_t target = fixI16(c, 252, "qDropSubMsg.targetNode");
   ConvText subName, schemaSubName, subGroup;
-  if (rc == 0) rc = readNameInRoom(m, 12, 134, subName, "qDropSubMsg.subName", step, "subname");
-  if (rc == 0)
-    rc = readNameInRoom(m, 146, 66, schemaSubName, "qDropSubMsg.schemaSubName", step, "schemaSubName");
-  if (rc == 0) rc = readNameInRoom(m, 212, 32, subGroup, "qDropSubMsg.subGroup", step, "subGroup");
-  if (rc != 0) return rplTrace_.ret(rc);
+  nameAt(m, c, 12, 134, subName, "qDropSubMsg.subName", step, "subname");
+  nameAt(m, c, 146, 66, schemaSubName, "qDropSubMsg.schemaSubName", step, "schemaSubName");
+  nameAt(m, c, 212, 32, subGroup, "qDropSubMsg.subGroup", step, "subGroup");
+  if (!c) return rplTrace_.ret(c.rc());
 
   o.field("subName", subName, " subName:        %.*s\n");
   o.field("subId", subId, " subId:          %d\n");
@@ -246,21 +221,18 @@ template <class O>
 int32_t printP2pJoinUsMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 334);
   const char* step = "p2pJoinUsMsg::printMe";
-  int32_t rc = 0;
+  Cursor c(m.r);
   uint16_t version = 0;
-  int16_t source = 0, target = 0;
-  int32_t subId = 0;
-  const uint8_t* members = nullptr;
-  rc = m.version(version);
-  if (rc == 0) rc = fixI16(m, 142, source, "p2pJoinUsMsg.sourceNode");
-  if (rc == 0) rc = fixI16(m, 144, target, "p2pJoinUsMsg.targetNode");
-  if (rc == 0) rc = m.r.bytes(148, 8, members, "p2pJoinUsMsg.groupMembers");
-  if (rc == 0 && version >= 2) rc = fixI32(m, 404, subId, "p2pJoinUsMsg.sub_id");
+  c.take(m.version(version));
+  const int16_t source = fixI16(c, 142, "p2pJoinUsMsg.sourceNode");
+  const int16_t target = fixI16(c, 144, "p2pJoinUsMsg.targetNode");
+  const uint8_t* members = c.bytes(148, 8, "p2pJoinUsMsg.groupMembers");
+  const int32_t subId = version >= 2 ? fixI32(c, 404, "p2pJoinUsMsg.sub_id") : 0;
   ConvText subname, subType, loadPhase;
-  if (rc == 0) rc = readNameInRoom(m, 8, kSubnameRoom, subname, "p2pJoinUsMsg.subname", step, "subname");
-  if (rc == 0) rc = convertChar(m, 146, subType, "p2pJoinUsMsg.subType", step, "subType");
-  if (rc == 0) rc = convertChar(m, 147, loadPhase, "p2pJoinUsMsg.loadPhase", step, "loadPhase");
-  if (rc != 0) return rplTrace_.ret(rc);
+  nameAt(m, c, 8, kSubnameRoom, subname, "p2pJoinUsMsg.subname", step, "subname");
+  charAt(m, c, 146, subType, "p2pJoinUsMsg.subType", step, "subType");
+  charAt(m, c, 147, loadPhase, "p2pJoinUsMsg.loadPhase", step, "loadPhase");
+  if (!c) return rplTrace_.ret(c.rc());
 
   o.field("subname", subname, "  subname:     %.*s\n");
   // The line shows where the member set lies in the buffer, not the members themselves; the
@@ -277,13 +249,11 @@ int32_t printP2pJoinUsMsg(QMsg& m, O& o) {
 template <class O>
 int32_t printP2pSpoolingMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 335);
-  const char* step = "p2pSpoolingMsg::printMe";
-  int32_t rc = 0;
-  int16_t newNode = 0;
+  Cursor c(m.r);
+  const int16_t newNode = fixI16(c, 142, "p2pSpoolingMsg.newNode");
   ConvText subname;
-  rc = fixI16(m, 142, newNode, "p2pSpoolingMsg.newNode");
-  if (rc == 0) rc = readNameInRoom(m, 8, kSubnameRoom, subname, "p2pSpoolingMsg.subname", step, "subname");
-  if (rc != 0) return rplTrace_.ret(rc);
+  nameAt(m, c, 8, kSubnameRoom, subname, "p2pSpoolingMsg.subname", "p2pSpoolingMsg::printMe", "subname");
+  if (!c) return rplTrace_.ret(c.rc());
   o.field("subname", subname, "  subname:    %.*s\n");
   o.field("newNode", newNode, "  newNode:    %d\n");
   return rplTrace_.ret(0);
@@ -292,13 +262,11 @@ int32_t printP2pSpoolingMsg(QMsg& m, O& o) {
 template <class O>
 int32_t printP2pLoadDoneMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 336);
-  const char* step = "p2pLoadDoneMsg::printMe";
-  int32_t rc = 0;
-  int32_t subId = 0;
+  Cursor c(m.r);
+  const int32_t subId = fixI32(c, 8, "p2pLoadDoneMsg.sub_id");
   ConvText role;
-  rc = fixI32(m, 8, subId, "p2pLoadDoneMsg.sub_id");
-  if (rc == 0) rc = convertChar(m, 12, role, "p2pLoadDoneMsg.role", step, "role");
-  if (rc != 0) return rplTrace_.ret(rc);
+  charAt(m, c, 12, role, "p2pLoadDoneMsg.role", "p2pLoadDoneMsg::printMe", "role");
+  if (!c) return rplTrace_.ret(c.rc());
   o.field("sub_id", subId, "  sub_id:     %d\n");
   o.chars("role", role, "  role:       ");
   return rplTrace_.ret(0);
@@ -315,6 +283,7 @@ int32_t printP2pCapStopMsg(QMsg& m, O& o) {
     reportFailure("p2pCapStopMsg::printMe", "qMsgHeader::printMe", rc, "Cannot print message header");
     return rplTrace_.ret(rc);
   }
+  // The name's characters as they stand.
   const uint8_t* name = nullptr;
   uint16_t len = 0;
   rc = m.r.name(8, kSubnameRoom, name, len, "p2pCapStopMsg.subname");
@@ -327,11 +296,10 @@ int32_t printP2pCapStopMsg(QMsg& m, O& o) {
 template <class O>
 int32_t printP2pSubStoppingMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 338);
-  const char* step = "p2pSubStoppingMsg::printMe";
-  int32_t rc = 0;
+  Cursor c(m.r);
   ConvText subname;
-  rc = readNameInRoom(m, 8, kSubnameRoom, subname, "p2pSubStoppingMsg.subname", step, "subname");
-  if (rc != 0) return rplTrace_.ret(rc);
+  nameAt(m, c, 8, kSubnameRoom, subname, "p2pSubStoppingMsg.subname", "p2pSubStoppingMsg::printMe", "subname");
+  if (!c) return rplTrace_.ret(c.rc());
   o.field("subname", subname, "  subname:    %.*s\n");
   return rplTrace_.ret(0);
 }
@@ -339,13 +307,11 @@ int32_t printP2pSubStoppingMsg(QMsg& m, O& o) {
 template <class O>
 int32_t printP2pReadyToStopMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 339);
-  const char* step = "p2pReadytostopMsg::printMe";
-  int32_t rc = 0;
-  int32_t subId = 0;
+  Cursor c(m.r);
+  const int32_t subId = fixI32(c, 8, "p2pReadytostopMsg.sub_id");
   ConvText subname;
-  rc = fixI32(m, 8, subId, "p2pReadytostopMsg.sub_id");
-  if (rc == 0) rc = readNameInRoom(m, 12, kSubnameRoom, subname, "p2pReadytostopMsg.subname", step, "subname");
-  if (rc != 0) return rplTrace_.ret(rc);
+  nameAt(m, c, 12, kSubnameRoom, subname, "p2pReadytostopMsg.subname", "p2pReadytostopMsg::printMe", "subname");
+  if (!c) return rplTrace_.ret(c.rc());
   o.field("subname", subname, "  subname:    %.*s\n");
   o.field("sub_id", subId, "  sub_id:     %d\n");
   return rplTrace_.ret(0);
@@ -355,9 +321,9 @@ template <class O>
 int32_t printP2pSubDeactivatedMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 340);
   // The capture side sends it without conversion context: the dispatch hands it over as stored.
-  int32_t subId = 0;
-  int32_t rc = m.r.i32(8, subId, "p2pSubDeactivatedMsg.sub_id");
-  if (rc != 0) return rplTrace_.ret(rc);
+  Cursor c(m.r);
+  const int32_t subId = c.i32(8, "p2pSubDeactivatedMsg.sub_id");
+  if (!c) return rplTrace_.ret(c.rc());
   o.field("sub_id", subId, "  sub_id:     %d\n");
   return rplTrace_.ret(0);
 }
@@ -374,5 +340,4 @@ int32_t printP2pSubDeactivatedMsg(QMsg& m, O& o) {
   template int32_t printP2pSubStoppingMsg(QMsg&, O&);    \
   template int32_t printP2pReadyToStopMsg(QMsg&, O&);    \
   template int32_t printP2pSubDeactivatedMsg(QMsg&, O&);
-RPL_LIFECYCLE_PRINTERS(TextSink)
-RPL_LIFECYCLE_PRINTERS(JsonSink)
+RPL_FOR_EACH_SINK(RPL_LIFECYCLE_PRINTERS)

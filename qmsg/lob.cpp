@@ -44,27 +44,25 @@ void printLobFlagLines(O& o, uint8_t type, uint8_t flag) {
 template <class O>
 int32_t printLobMsg(QMsg& m, O& o, const LobColumn& col) {
   RPL_TRACE(kCompPrinters, 27);
+  Cursor c(m.r);
   uint16_t version = 0;
-  int32_t rc = m.version(version);
-  if (rc == 0) rc = printHeaderLines(m, o, true);
-  if (rc != 0) {
-    reportFailure(kLobStep, version < 7 ? "qMsgHeaderV6::printMe" : "qMsgHeader::printMe", rc,
+  c.take(m.version(version));
+  if (c) c.take(printHeaderLines(m, o, true));
+  if (!c) {
+    reportFailure(kLobStep, version < 7 ? "qMsgHeaderV6::printMe" : "qMsgHeader::printMe", c.rc(),
                   "Cannot print LOB message header");
-    return rplTrace_.ret(rc);
+    return rplTrace_.ret(c.rc());
   }
   const bool v7 = version >= 7;
-  uint8_t type = 0, flag = 0;
-  uint16_t colNum = 0;
-  uint32_t subId = 0, rowNum = 0, total = 0, cpKind = 0, partLen = 0;
-  rc = m.r.u8(4, type, "qLobMsg.msgtype");
-  if (rc == 0) rc = m.r.u8(5, flag, "qLobMsg.msgFlag");
-  if (rc == 0) rc = m.r.fix32(8, subId, "qLobMsg.sub_id");
-  if (rc == 0) rc = m.r.fix32(12, rowNum, "qLobMsg.rowNum");
-  if (rc == 0) rc = m.r.fix16(16, colNum, "qLobMsg.colNum");
-  if (rc == 0) rc = m.r.fix32(20, total, "qLobMsg.lobTotalDataLen");
-  if (rc == 0 && v7) rc = m.r.fix32(24, cpKind, "qLobMsg.lobCodepage");
-  if (rc == 0) rc = m.r.fix32(v7 ? 28 : 24, partLen, "qLobMsg.lobDataPartLen");
-  if (rc != 0) return rplTrace_.ret(rc);
+  const uint8_t type = c.u8(4, "qLobMsg.msgtype");
+  const uint8_t flag = c.u8(5, "qLobMsg.msgFlag");
+  const uint32_t subId = c.fix32(8, "qLobMsg.sub_id");
+  const uint32_t rowNum = c.fix32(12, "qLobMsg.rowNum");
+  const uint16_t colNum = c.fix16(16, "qLobMsg.colNum");
+  const uint32_t total = c.fix32(20, "qLobMsg.lobTotalDataLen");
+  const uint32_t cpKind = v7 ? c.fix32(24, "qLobMsg.lobCodepage") : 0;
+  const uint32_t partLen = c.fix32(v7 ? 28 : 24, "qLobMsg.lobDataPartLen");
+  if (!c) return rplTrace_.ret(c.rc());
 
   printLobFlagLines(o, type, flag);
   o.field("sub_id", static_cast<int32_t>(subId), "  sub_id:          %d\n");
@@ -84,23 +82,17 @@ int32_t printLobMsg(QMsg& m, O& o, const LobColumn& col) {
   const uint16_t colType = col.type & ~1u;
   const bool isNull = (flag & kLobFlagNull) != 0;
   size_t dataLen = size_t{partLen} * (colType == kColDbclob ? 2 : 1);
-  const uint8_t* data = nullptr;
-  if (!isNull) {
-    rc = m.r.bytes(v7 ? 32 : 28, dataLen, data, "qLobMsg data");
-    if (rc != 0) return rplTrace_.ret(rc);
-  }
+  const uint8_t* data = isNull ? nullptr : c.bytes(v7 ? 32 : 28, dataLen, "qLobMsg data");
+  if (!c) return rplTrace_.ret(c.rc());
 
   ConvText name, text;
   if (col.name != nullptr) name.borrow(col.name, col.nameLen);
   // The text converts the name only when there is data to print; JSON always (it is UTF-8).
-  if ((O::kJson || (!isNull && dataLen > 0)) && col.name != nullptr) {
-    rc = convertText(m, col.name, col.nameLen, name, kLobStep, "ConvMgr::cpcvl", "colname");
-    if (rc != 0) return rplTrace_.ret(rc);
-  }
-  if (!isNull && dataLen > 0 && (colType == kColClob || colType == kColDbclob)) {
-    rc = convertText(m, data, dataLen, text, kLobStep, "ConvMgr::cpcvc", "CLOB or DBCLOB data", col.codePage);
-    if (rc != 0) return rplTrace_.ret(rc);
-  }
+  if ((O::kJson || (!isNull && dataLen > 0)) && col.name != nullptr)
+    c.take(convertText(m, col.name, col.nameLen, name, kLobStep, "ConvMgr::cpcvl", "colname"));
+  if (c && !isNull && dataLen > 0 && (colType == kColClob || colType == kColDbclob))
+    c.take(convertText(m, data, dataLen, text, kLobStep, "ConvMgr::cpcvc", "CLOB or DBCLOB data", col.codePage));
+  if (!c) return rplTrace_.ret(c.rc());
   if (col.name != nullptr)
     o.field("colname", name, "  colName:         %.*s\n");
   else
@@ -140,5 +132,5 @@ int32_t printLobMsg(QMsg& m, O& o, const LobColumn& col) {
   }
 }
 
-template int32_t printLobMsg(QMsg&, TextSink&, const LobColumn&);
-template int32_t printLobMsg(QMsg&, JsonSink&, const LobColumn&);
+#define RPL_LOB_PRINTER(O) template int32_t printLobMsg(QMsg&, O&, const LobColumn&);
+RPL_FOR_EACH_SINK(RPL_LOB_PRINTER)

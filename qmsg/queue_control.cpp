@@ -311,5 +311,4 @@ int32_t printAdminQMsg(QMsg& m, O& o) {
   template int32_t printSequenceTimeResetMsg(QMsg&, O&);  \
   template int32_t printFuncLevelMsg(QMsg&, O&);          \
   template int32_t printAdminQMsg(QMsg&, O&);
-RPL_QUEUE_CONTROL_PRINTERS(TextSink)
-RPL_QUEUE_CONTROL_PRINTERS(JsonSink)
+RPL_FOR_EACH_SINK(RPL_QUEUE_CONTROL_PRINTERS)

@@ -165,6 +165,13 @@ class Cursor {
     if (rc_ == 0) rc_ = r_.bytes(at, n, p, field);
     return rc_ == 0 ? p : nullptr;
   }
+  // A name field (MsgReader::name): its characters, and their count in `len` (0 after a failure).
+  const uint8_t* name(size_t at, size_t room, uint16_t& len, const char* field) {
+    const uint8_t* p = nullptr;
+    if (rc_ == 0) rc_ = r_.name(at, room, p, len, field);
+    if (rc_ != 0) len = 0;
+    return rc_ == 0 ? p : nullptr;
+  }
 
  private:
   template <typename T>

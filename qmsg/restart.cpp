@@ -65,25 +65,22 @@ constexpr size_t kSqRestartCountAt = 104;
 constexpr size_t kSqRestartsAt = 112;
 
 // One log sequence value with its node id, as the restart lines print them.
-int32_t readRestartPoint(const MsgReader& r, size_t at, std::string& lsn, uint16_t& node,
-                         const char* field) {
-  int32_t rc = formatLsnRecord(r, at, true, lsn, field);
-  if (rc == 0) rc = r.machine(at + 4, node, field);
-  return rc;
+// A restart point: its log position (formatted) and node.
+std::string restartPoint(Cursor& c, size_t at, uint16_t& node, const char* field) {
+  std::string lsn;
+  if (c) c.take(formatLsnRecord(c.reader(), at, true, lsn, field));
+  node = c.machine<uint16_t>(at + 4, field);
+  return lsn;
 }
 
-// Commit time of the restart point: local stamp with the microseconds held to 999999.
-int32_t readCommitTime(const MsgReader& r, size_t secAt, size_t usecAt, std::string& out,
-                       UtcTime& utc, const char* field) {
-  uint32_t seconds = 0, micros = 0;
-  int32_t rc = r.machine(secAt, seconds, field);
-  if (rc == 0) rc = r.machine(usecAt, micros, field);
-  if (rc == 0) out = formatLocalStampMicros(seconds, micros);
+// A commit time: the local stamp of the text, the UTC value of JSON.
+std::string commitTime(Cursor& c, size_t secAt, size_t usecAt, UtcTime& utc, const char* field) {
+  const uint32_t seconds = c.machine<uint32_t>(secAt, field);
+  const uint32_t micros = c.machine<uint32_t>(usecAt, field);
   utc = UtcTime{seconds, static_cast<int32_t>(micros > 999999 ? 999999 : micros)};
-  return rc;
+  return c ? formatLocalStampMicros(seconds, micros) : std::string();
 }
 
-// A name read as stored (no conversion).
 std::string_view stored(const uint8_t* p, uint16_t n) {
   return std::string_view(reinterpret_cast<const char*>(p), n);
 }
@@ -93,22 +90,19 @@ template <class O>
 int32_t printSendqEntry(const MsgReader& msg, size_t at, int32_t index, O& o, size_t& length) {
   RPL_TRACE(kCompPrinters, 321);
   MsgReader r = msg.from(at);
-  uint32_t activation = 0, restarts = 0;
-  const uint8_t* name = nullptr;
-  const uint8_t* seq = nullptr;
-  uint16_t nameLen = 0;
-  std::string lsn, time;
-  UtcTime utc{};
+  Cursor c(r);
   // The fixed part of the entry, padding included, must all be there.
-  int32_t rc = r.bytes(0, kSqRestartsAt, seq, "qRestartMsg.sendq entry");
-  if (rc == 0) rc = r.machine(kSqActivationAt, activation, "qRestartMsg.sendq activation time");
-  if (rc == 0) rc = r.bytes(kSqNextSeqAt, kSqNextSeqSize, seq, "qRestartMsg.sendq next msg seq no");
-  if (rc == 0) rc = r.name(kSqNameAt, kSqNameRoom, name, nameLen, "qRestartMsg.sendq name");
-  if (rc == 0) rc = formatLsnRecord(r, kSqLastCommitLsnAt, true, lsn, "qRestartMsg.sendq lastCommitLSN");
-  if (rc == 0)
-    rc = readCommitTime(r, kSqLastCommitSecAt, kSqLastCommitUsecAt, time, utc, "qRestartMsg.sendq lastCommitTime");
-  if (rc == 0) rc = r.machine(kSqRestartCountAt, restarts, "qRestartMsg.sendq restart point count");
-  if (rc != 0) return rplTrace_.ret(rc);
+  c.bytes(0, kSqRestartsAt, "qRestartMsg.sendq entry");
+  const uint32_t activation = c.machine<uint32_t>(kSqActivationAt, "qRestartMsg.sendq activation time");
+  const uint8_t* seq = c.bytes(kSqNextSeqAt, kSqNextSeqSize, "qRestartMsg.sendq next msg seq no");
+  uint16_t nameLen = 0;
+  const uint8_t* name = c.name(kSqNameAt, kSqNameRoom, nameLen, "qRestartMsg.sendq name");
+  std::string lsn;
+  if (c) c.take(formatLsnRecord(r, kSqLastCommitLsnAt, true, lsn, "qRestartMsg.sendq lastCommitLSN"));
+  UtcTime utc{};
+  const std::string time = commitTime(c, kSqLastCommitSecAt, kSqLastCommitUsecAt, utc, "qRestartMsg.sendq lastCommitTime");
+  const uint32_t restarts = c.machine<uint32_t>(kSqRestartCountAt, "qRestartMsg.sendq restart point count");
+  if (!c) return rplTrace_.ret(c.rc());
 
   o.show("sendq_name", stored(name, nameLen), "  [%4d] sendq name:             %.*s\n", index,
          static_cast<int>(nameLen), reinterpret_cast<const char*>(name));
@@ -121,8 +115,8 @@ int32_t printSendqEntry(const MsgReader& msg, size_t at, int32_t index, O& o, si
   o.beginList("restart_points");
   for (uint32_t i = 0; i < restarts; ++i) {
     uint16_t node = 0;
-    rc = readRestartPoint(r, kSqRestartsAt + kLsnSize * size_t{i}, lsn, node, "qRestartMsg.sendq restartLSN");
-    if (rc != 0) return rplTrace_.ret(rc);
+    lsn = restartPoint(c, kSqRestartsAt + kLsnSize * size_t{i}, node, "qRestartMsg.sendq restartLSN");
+    if (!c) return rplTrace_.ret(c.rc());
     o.text("  %6s sendq restartLSN=%s nodeId=%d\n", "", lsn.c_str(), node);
     o.beginItem();
     o.hidden("restartLSN", lsn);
@@ -141,23 +135,16 @@ int32_t printRestartMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 320);
   // Read as stored, whatever the descriptor says about the sender.
   MsgReader r(m.r.data(), m.r.size(), false);
-
-  int16_t behindLen = 0;
-  const uint8_t* behind = nullptr;
-  uint16_t behindCount = 0;
-  int32_t rc = r.i16(kBehindQueueAt, behindLen, "qRestartMsg.behind queue name length");
-  if (rc == 0 && behindLen > 0)
-    rc = r.name(kBehindQueueAt, kBehindQueueRoom, behind, behindCount, "qRestartMsg.behind queue name");
-  const uint8_t* server = nullptr;
-  const uint8_t* schema = nullptr;
-  uint16_t serverLen = 0, schemaLen = 0;
-  int32_t size = 0;
-  uint32_t parts = 0, sendqs = 0;
-  if (rc == 0) rc = r.name(kCapServerAt, kCapServerRoom, server, serverLen, "qRestartMsg.capServer");
-  if (rc == 0) rc = r.name(kCapSchemaAt, kCapSchemaRoom, schema, schemaLen, "qRestartMsg.capSchema");
-  if (rc == 0) rc = r.machine(kRestartSizeAt, size, "qRestartMsg.qRestartMsgSize");
-  if (rc == 0) rc = r.machine(kPartCountAt, parts, "qRestartMsg.partition count");
-  if (rc != 0) return rplTrace_.ret(rc);
+  Cursor c(r);
+  const int16_t behindLen = c.i16(kBehindQueueAt, "qRestartMsg.behind queue name length");
+  uint16_t behindCount = 0, serverLen = 0, schemaLen = 0;
+  const uint8_t* behind =
+      behindLen > 0 ? c.name(kBehindQueueAt, kBehindQueueRoom, behindCount, "qRestartMsg.behind queue name") : nullptr;
+  const uint8_t* server = c.name(kCapServerAt, kCapServerRoom, serverLen, "qRestartMsg.capServer");
+  const uint8_t* schema = c.name(kCapSchemaAt, kCapSchemaRoom, schemaLen, "qRestartMsg.capSchema");
+  const int32_t size = c.machine<int32_t>(kRestartSizeAt, "qRestartMsg.qRestartMsgSize");
+  const uint32_t parts = c.machine<uint32_t>(kPartCountAt, "qRestartMsg.partition count");
+  if (!c) return rplTrace_.ret(c.rc());
 
   if (behindLen > 0)
     o.show("behind_queue", stored(behind, behindCount), "  qRestartMsg for BEHIND queue: %.*s\n",
@@ -175,8 +162,8 @@ int32_t printRestartMsg(QMsg& m, O& o) {
   o.beginList("restart_points");
   for (uint32_t i = 0; i < parts; ++i) {
     uint16_t node = 0;
-    rc = readRestartPoint(r, kPartsAt + kLsnSize * size_t{i}, lsn, node, "qRestartMsg.partition restartLSN");
-    if (rc != 0) return rplTrace_.ret(rc);
+    lsn = restartPoint(c, kPartsAt + kLsnSize * size_t{i}, node, "qRestartMsg.partition restartLSN");
+    if (!c) return rplTrace_.ret(c.rc());
     o.text("  qRestartMsg.restartLSN=%s nodeId=%d\n", lsn.c_str(), node);
     o.beginItem();
     o.hidden("restartLSN", lsn);
@@ -185,16 +172,14 @@ int32_t printRestartMsg(QMsg& m, O& o) {
   }
   o.endList();
 
-  std::string time, reuseLsn;
+  if (c) c.take(formatLsnRecord(r, kLastCommitLsnAt, true, lsn, "qRestartMsg.lastCommitLSN"));
   UtcTime utc{};
-  const uint8_t* reuseTime = nullptr;
-  rc = formatLsnRecord(r, kLastCommitLsnAt, true, lsn, "qRestartMsg.lastCommitLSN");
-  if (rc == 0)
-    rc = readCommitTime(r, kLastCommitSecAt, kLastCommitUsecAt, time, utc, "qRestartMsg.lastCommitTime");
-  if (rc == 0) rc = formatLsnRecord(r, kReuseLsnAt, true, reuseLsn, "qRestartMsg.reuseLSN");
-  if (rc == 0) rc = r.bytes(kReuseTimeAt, kReuseTimeShown, reuseTime, "qRestartMsg.reuseTime");
-  if (rc == 0) rc = r.machine(kSendqCountAt, sendqs, "qRestartMsg.send queue count");
-  if (rc != 0) return rplTrace_.ret(rc);
+  const std::string time = commitTime(c, kLastCommitSecAt, kLastCommitUsecAt, utc, "qRestartMsg.lastCommitTime");
+  std::string reuseLsn;
+  if (c) c.take(formatLsnRecord(r, kReuseLsnAt, true, reuseLsn, "qRestartMsg.reuseLSN"));
+  const uint8_t* reuseTime = c.bytes(kReuseTimeAt, kReuseTimeShown, "qRestartMsg.reuseTime");
+  const uint32_t sendqs = c.machine<uint32_t>(kSendqCountAt, "qRestartMsg.send queue count");
+  if (!c) return rplTrace_.ret(c.rc());
 
   o.field("lastCommitLSN", lsn, "  qRestartMsg.lastCommitLSN:  %s\n");
   o.show("lastCommitTime", utc, "  qRestartMsg.lastCommitTime: %s\n", time.c_str());
@@ -209,8 +194,7 @@ int32_t printRestartMsg(QMsg& m, O& o) {
   for (uint32_t i = 0; i < sendqs; ++i) {
     size_t length = 0;
     o.beginItem();
-    rc = printSendqEntry(r, at, static_cast<int32_t>(i), o, length);
-    if (rc != 0) return rplTrace_.ret(rc);
+    if (!c.take(printSendqEntry(r, at, static_cast<int32_t>(i), o, length))) return rplTrace_.ret(c.rc());
     o.endItem();
     at += length;
   }
@@ -218,5 +202,5 @@ int32_t printRestartMsg(QMsg& m, O& o) {
   return rplTrace_.ret(0);
 }
 
-template int32_t printRestartMsg(QMsg&, TextSink&);
-template int32_t printRestartMsg(QMsg&, JsonSink&);
+#define RPL_RESTART_PRINTER(O) template int32_t printRestartMsg(QMsg&, O&);
+RPL_FOR_EACH_SINK(RPL_RESTART_PRINTER)

@@ -8,6 +8,7 @@
 #include "qmsg/compact.h"
 #include "qmsg/families.h"
 #include "qmsg/header.h"
+#include "qmsg/sink.h"
 #include "qmsg/trans.h"
 #include "runtime/trace.h"
 
@@ -21,51 +22,64 @@
 //
 // The name's count stays in the sender's order: it is read where it is used.
 
-int32_t fixColSchema(QMsg& m, size_t at) {
-  int32_t rc = m.r.fix16(at, "qColSchema.coltype");
-  if (rc == 0) rc = m.r.fix32(at + 4, "qColSchema.typelen");
-  if (rc == 0) rc = m.r.fix32(at + 8, "qColSchema.codepage");
-  return rc;
+namespace {
+
+// Swaps the integers of the column descriptor at `at` into machine order.
+void fixColSchema(Cursor& c, size_t at) {
+  c.fix16(at, "qColSchema.coltype");
+  c.fix32(at + 4, "qColSchema.typelen");
+  c.fix32(at + 8, "qColSchema.codepage");
 }
 
-int32_t printColSchema(QMsg& m, size_t at, bool partKey) {
-  RPL_TRACE(kCompPrinters, 11);
-  uint16_t coltype = 0;
-  uint8_t partKeyNum = 0, flags = 0, precision = 0, scale = 0;
-  uint32_t typelen = 0, codepage = 0;
-  int32_t rc = m.r.machine(at, coltype, "qColSchema.coltype");
-  if (rc == 0) rc = m.r.u8(at + 2, partKeyNum, "qColSchema.partKeyNum");
-  if (rc == 0) rc = m.r.u8(at + 3, flags, "qColSchema.flags");
-  if (rc == 0) rc = m.r.machine(at + 4, typelen, "qColSchema.typelen");
-  if (rc == 0) rc = m.r.u8(at + 4, precision, "qColSchema.typeprecision");
-  if (rc == 0) rc = m.r.u8(at + 5, scale, "qColSchema.typescale");
-  if (rc == 0) rc = m.r.machine(at + 8, codepage, "qColSchema.codepage");
-  if (rc != 0) return rplTrace_.ret(rc);
+}  // namespace
 
+template <class O>
+int32_t printColSchema(QMsg& m, O& o, size_t at, bool partKey) {
+  RPL_TRACE(kCompPrinters, 11);
+  Cursor c(m.r);
+  const uint16_t coltype = c.machine<uint16_t>(at, "qColSchema.coltype");
+  const uint8_t partKeyNum = c.u8(at + 2, "qColSchema.partKeyNum");
+  const uint8_t flags = c.u8(at + 3, "qColSchema.flags");
+  const uint32_t typelen = c.machine<uint32_t>(at + 4, "qColSchema.typelen");
+  // Precision and scale are bytes 4 and 5 as the sender wrote them; a swapped descriptor has
+  // them turned round with the rest of the u32 (bytes 7 and 6).
+  const uint8_t precision = c.u8(at + (m.swap() ? 7 : 4), "qColSchema.typeprecision");
+  const uint8_t scale = c.u8(at + (m.swap() ? 6 : 5), "qColSchema.typescale");
+  const uint32_t codepage = c.machine<uint32_t>(at + 8, "qColSchema.codepage");
   ConvText name;
   size_t room = m.r.size() > at + 12 ? m.r.size() - at - 12 : 0;
-  rc = readName(m, at + 12, room, name, "qColSchema.colname", "qColSchema::printMe", "ConvMgr::cpcvl",
-                "colname");
-  if (rc != 0) return rplTrace_.ret(rc);
+  if (c) c.take(readName(m, at + 12, room, name, "qColSchema.colname", "qColSchema::printMe", "ConvMgr::cpcvl", "colname"));
+  if (!c) return rplTrace_.ret(c.rc());
 
-  std::fprintf(m.out, "  col.colname:  %.*s\n", name.size(), name.data());
-  std::fprintf(m.out, "  col.coltype:  %d = %s\n", coltype, columnTypeName(coltype));
+  o.field("colname", name, "  col.colname:  %.*s\n");
+  o.show("coltype", coltype, "  col.coltype:  %d = %s\n", coltype, columnTypeName(coltype));
   // Code 504 carries a packed decimal too: its length word holds precision and scale.
   const uint16_t base = coltype & ~1u;
   if (base != kColDecimal && base != kColDecimal504) {
-    std::fprintf(m.out, "  col.typelen:  %d\n", static_cast<int32_t>(typelen));
+    o.field("typelen", static_cast<int32_t>(typelen), "  col.typelen:  %d\n");
   } else if (!m.swap()) {
-    // A swapped descriptor has its precision and scale bytes moved by the u32 swap.
-    std::fprintf(m.out, "  col.typeprecision:  %d\n", precision);
-    std::fprintf(m.out, "  col.typescale:  %d\n", scale);
+    o.field("typeprecision", precision, "  col.typeprecision:  %d\n");
+    o.field("typescale", scale, "  col.typescale:  %d\n");
+  } else {
+    // The text of a swapped descriptor shows neither.
+    o.hidden("typeprecision", precision);
+    o.hidden("typescale", scale);
   }
-  std::fprintf(m.out, "  col.codepage: %d\n", static_cast<int32_t>(codepage));
+  o.field("codepage", static_cast<int32_t>(codepage), "  col.codepage: %d\n");
   if (partKey) {
-    std::fprintf(m.out, "  col.partKeyNum: %d\n", partKeyNum);
-    std::fprintf(m.out, "  col.ascOrDesc:  %c\n", (flags & 1) ? 'A' : 'D');
-    std::fprintf(m.out, "  col.nullsLast:  %c\n", (flags & 2) ? 'Y' : 'N');
+    o.field("partKeyNum", partKeyNum, "  col.partKeyNum: %d\n");
+    o.show("ascOrDesc", (flags & 1) ? "A" : "D", "  col.ascOrDesc:  %c\n", (flags & 1) ? 'A' : 'D');
+    o.show("nullsLast", (flags & 2) ? "Y" : "N", "  col.nullsLast:  %c\n", (flags & 2) ? 'Y' : 'N');
   }
   return rplTrace_.ret(0);
+}
+
+#define RPL_COLUMN_PRINTER(O) template int32_t printColSchema(QMsg&, O&, size_t, bool);
+RPL_FOR_EACH_SINK(RPL_COLUMN_PRINTER)
+
+int32_t printColSchema(QMsg& m, size_t at, bool partKey) {
+  TextSink o(m.out);
+  return printColSchema(m, o, at, partKey);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -121,50 +135,20 @@ std::string optionsText(uint32_t mask) {
 constexpr size_t kMaxActiveNodes = 16;
 constexpr const char* kSchemaStep = "qSubSchemaMsg::printMe";
 
-// Swaps the fixed part of the message (everything before the column-offset array) that the
-// version says is there.
-int32_t fixSchemaFixedPart(QMsg& m, uint16_t version) {
-  int32_t rc = 0;
-  for (size_t at = 8; at <= 20 && rc == 0; at += 2) rc = m.r.fix16(at, "qSubSchemaMsg.dbServerType/dbRelease/capRelease");
-  if (rc == 0) rc = m.r.fix32(156, "qSubSchemaMsg.sub_id");
-  if (rc == 0) rc = m.r.fix32(492, "qSubSchemaMsg.opts_mask");
-  for (size_t at : {496, 498, 500, 502}) if (rc == 0) rc = m.r.fix16(at, "qSubSchemaMsg node numbers");
-  if (rc == 0) rc = m.r.fix16(506, "qSubSchemaMsg.search_cond_offset");
-  if (rc == 0) rc = m.r.fix16(508, "qSubSchemaMsg.nColsInKey");
-  if (rc == 0) rc = m.r.fix16(510, "qSubSchemaMsg.nCols");
-  if (rc == 0 && version >= 2) rc = m.r.fix32(512, "qSubSchemaMsg.replddl");
-  if (version >= 4)
-    for (size_t at = 516; at <= 548 && rc == 0; at += 2) rc = m.r.fix16(at, "qSubSchemaMsg.activeNodes");
-  if (rc == 0 && version >= 8) rc = m.r.fix16(550, "qSubSchemaMsg extension offset");
-  if (rc == 0 && version >= 8) rc = m.r.fix16(552, "qSubSchemaMsg extension length");
-  if (rc == 0 && version >= 9) rc = m.r.fix16(554, "qSubSchemaMsg.nPartKeys");
-  if (rc == 0 && version >= 9) rc = m.r.fix16(556, "qSubSchemaMsg.numPartRanges");
-  if (rc == 0 && version >= 11) rc = m.r.has(558, 1) ? 0 : m.r.shortRead(558, 1, "qSubSchemaMsg.schema_flag");
-  if (rc == 0 && version >= 15) rc = m.r.fix16(560, "qSubSchemaMsg.reserved");
-  return rc;
-}
-
-// The schema's column-offset array: swaps its `count` entries from index `first` and each
-// descriptor they point to (once, however many entries name it) when they are not yet swapped.
+// The schema's column-offset array: swaps its entries and each descriptor they point to (once,
+// however many entries name it).
 class ColumnArray {
  public:
   ColumnArray(QMsg& m, size_t at) : m_(m), at_(at) {}
 
   // Offset of the descriptor of entry i, swapping the entry and the descriptor on first use.
-  int32_t descriptor(size_t i, size_t& offset) {
-    uint16_t off = 0;
-    int32_t rc = m_.r.fix16(at_ + 2 * i, off, "qSubSchemaMsg column offset");
-    if (rc == 0 && m_.swap() && fixed_.insert(off).second) rc = fixColSchema(m_, off);
-    offset = off;
-    return rc;
+  size_t descriptor(Cursor& c, size_t i) {
+    uint16_t off = c.fix16(at_ + 2 * i, "qSubSchemaMsg column offset");
+    if (c && m_.swap() && fixed_.insert(off).second) fixColSchema(c, off);
+    return off;
   }
   // Offset of the record of entry i (a partition range), swapping the entry.
-  int32_t record(size_t i, size_t& offset) {
-    uint16_t off = 0;
-    int32_t rc = m_.r.fix16(at_ + 2 * i, off, "qSubSchemaMsg partition range offset");
-    offset = off;
-    return rc;
-  }
+  size_t record(Cursor& c, size_t i) { return c.fix16(at_ + 2 * i, "qSubSchemaMsg partition range offset"); }
 
  private:
   QMsg& m_;
@@ -174,192 +158,190 @@ class ColumnArray {
 
 // qPartRange::printMe: swaps the range record at `at`, converts its joined limit key and
 // prints its lines.
-int32_t printPartRange(QMsg& m, size_t at) {
-  uint16_t f[6] = {};
+template <class O>
+int32_t printPartRange(QMsg& m, O& o, size_t at) {
   static const char* const kFields[6] = {"qPartRange.fromPhysPart",   "qPartRange.toPhysPart",
                                          "qPartRange.minLogicalPart", "qPartRange.maxLogicalPart",
                                          "qPartRange.numFromStr",     "qPartRange.numToStr"};
-  int32_t rc = 0;
-  for (size_t i = 0; i < 6 && rc == 0; ++i) rc = m.r.fix16(at + 2 * i, f[i], kFields[i]);
-  if (rc != 0) return rc;
-  size_t strings = size_t{f[4]} + f[5];
+  Cursor c(m.r);
+  uint16_t f[6] = {};
+  for (size_t i = 0; i < 6; ++i) f[i] = c.fix16(at + 2 * i, kFields[i]);
+  const size_t strings = size_t{f[4]} + f[5];
   size_t keyLen = 0;
-  for (size_t i = 0; i < strings && rc == 0; ++i) {
-    uint16_t len = 0;
-    rc = m.r.fix16(at + 12 + 2 * i, len, "qPartRange string length");
-    keyLen += len;
-  }
-  const uint8_t* key = nullptr;
-  if (rc == 0) rc = m.r.bytes(at + 12 + 2 * strings, keyLen, key, "qPartRange limit key");
-  if (rc != 0) return rc;
+  for (size_t i = 0; i < strings && c; ++i) keyLen += c.fix16(at + 12 + 2 * i, "qPartRange string length");
+  const uint8_t* key = c.bytes(at + 12 + 2 * strings, keyLen, "qPartRange limit key");
   ConvText text;
-  rc = convertText(m, key, keyLen, text, "qPartRange::printMe", "ConvMgr::cpcvl", "limitkey");
-  if (rc != 0) return rc;
-  std::fprintf(m.out, "  fromPhysPart:  %d\n", f[0]);
-  std::fprintf(m.out, "  toPhysPart:  %d\n", f[1]);
-  std::fprintf(m.out, "  minLogicalPart:  %d\n", f[2]);
-  std::fprintf(m.out, "  maxLogicalPart:  %d\n", f[3]);
-  std::fprintf(m.out, "  numFromStr:  %d\n", f[4]);
-  std::fprintf(m.out, "  numToStr:  %d\n", f[5]);
-  std::fprintf(m.out, "  limitKeyStr:  %.*s\n", text.size(), text.data());
+  if (c) c.take(convertText(m, key, keyLen, text, "qPartRange::printMe", "ConvMgr::cpcvl", "limitkey"));
+  if (!c) return c.rc();
+  o.field("fromPhysPart", f[0], "  fromPhysPart:  %d\n");
+  o.field("toPhysPart", f[1], "  toPhysPart:  %d\n");
+  o.field("minLogicalPart", f[2], "  minLogicalPart:  %d\n");
+  o.field("maxLogicalPart", f[3], "  maxLogicalPart:  %d\n");
+  o.field("numFromStr", f[4], "  numFromStr:  %d\n");
+  o.field("numToStr", f[5], "  numToStr:  %d\n");
+  o.field("limitKeyStr", text, "  limitKeyStr:  %.*s\n");
   return 0;
+}
+
+// A name field in its fixed room, converted (nothing after an earlier failure).
+void nameAt(QMsg& m, Cursor& c, size_t at, size_t room, ConvText& out, const char* field, const char* label) {
+  if (c) c.take(readName(m, at, room, out, field, kSchemaStep, "ConvMgr::cpcvl", label));
+}
+
+// A one-character field, converted.
+void charAt(QMsg& m, Cursor& c, size_t at, ConvText& out, const char* field, const char* label) {
+  const uint8_t* p = c.bytes(at, 1, field);
+  if (c) c.take(convertText(m, p, 1, out, kSchemaStep, "ConvMgr::cpcvc", label));
 }
 
 }  // namespace
 
-int32_t printSubSchemaMsg(QMsg& m) {
+template <class O>
+int32_t printSubSchemaMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 10);
+  Cursor c(m.r);
   uint16_t version = 0;
-  int32_t rc = m.version(version);
-  if (rc == 0) rc = fixSchemaFixedPart(m, version);
+  c.take(m.version(version));
+  // The fixed part before the column-offset array, as far as the version says it goes: swapped
+  // into machine order and read in one pass. A message that lacks any of it prints nothing.
+  const char* releases = "qSubSchemaMsg.dbServerType/dbRelease/capRelease";
+  const uint16_t server = c.fix16(8, releases);
+  uint16_t db[3] = {}, cap[3] = {};
+  for (size_t i = 0; i < 3; ++i) db[i] = c.fix16(10 + 2 * i, releases);
+  for (size_t i = 0; i < 3; ++i) cap[i] = c.fix16(16 + 2 * i, releases);
+  const uint32_t subId = c.fix32(156, "qSubSchemaMsg.sub_id");
+  const uint32_t opts = c.fix32(492, "qSubSchemaMsg.opts_mask");
+  const uint8_t reason = c.u8(490, "qSubSchemaMsg.reason_code");
+  uint16_t node[4] = {};  // initiator, new, source, target
+  for (size_t i = 0; i < 4; ++i) node[i] = c.fix16(496 + 2 * i, "qSubSchemaMsg node numbers");
+  const uint16_t searchAt = c.fix16(506, "qSubSchemaMsg.search_cond_offset");
+  const uint16_t nColsInKey = c.fix16(508, "qSubSchemaMsg.nColsInKey");
+  const uint16_t nCols = c.fix16(510, "qSubSchemaMsg.nCols");
+  const uint32_t replddl = version >= 2 ? c.fix32(512, "qSubSchemaMsg.replddl") : 0;
+  uint16_t active[1 + kMaxActiveNodes] = {};  // numActiveNodes, then the nodes
+  if (version >= 4)
+    for (size_t i = 0; i <= kMaxActiveNodes; ++i) active[i] = c.fix16(516 + 2 * i, "qSubSchemaMsg.activeNodes");
+  const uint16_t extAt = version >= 8 ? c.fix16(550, "qSubSchemaMsg extension offset") : 0;
+  const uint16_t extLen = version >= 8 ? c.fix16(552, "qSubSchemaMsg extension length") : 0;
+  const uint16_t nPartKeys = version >= 9 ? c.fix16(554, "qSubSchemaMsg.nPartKeys") : 0;
+  const uint16_t nRanges = version >= 9 ? c.fix16(556, "qSubSchemaMsg.numPartRanges") : 0;
+  const uint8_t flag = version >= 11 ? c.u8(558, "qSubSchemaMsg.schema_flag") : 0;
+  if (version >= 15) c.fix16(560, "qSubSchemaMsg.reserved");
+  if (!c) return rplTrace_.ret(c.rc());
+
+  int32_t rc = printHeader(m, o, kSchemaStep);
   if (rc != 0) return rplTrace_.ret(rc);
-
-  rc = qMsgHeader::printLines(m, true);
-  if (rc != 0) {
-    reportFailure(kSchemaStep, "qMsgHeader::printMe", rc, "Cannot print message header");
-    return rplTrace_.ret(rc);
-  }
-
-  uint16_t server = 0, db[3] = {}, cap[3] = {}, initiator = 0, newNode = 0, sourceNode = 0,
-           targetNode = 0, searchAt = 0, nColsInKey = 0, nCols = 0;
-  uint32_t subId = 0, opts = 0, replddl = 0;
-  uint8_t reason = 0;
-  m.r.machine(8, server, "qSubSchemaMsg.dbServerType");
-  for (size_t i = 0; i < 3; ++i) {
-    m.r.machine(10 + 2 * i, db[i], "qSubSchemaMsg.dbRelease");
-    m.r.machine(16 + 2 * i, cap[i], "qSubSchemaMsg.capRelease");
-  }
-  m.r.machine(156, subId, "qSubSchemaMsg.sub_id");
-  m.r.u8(490, reason, "qSubSchemaMsg.reason_code");
-  m.r.machine(492, opts, "qSubSchemaMsg.opts_mask");
-  m.r.machine(496, initiator, "qSubSchemaMsg.initiatorNode");
-  m.r.machine(498, newNode, "qSubSchemaMsg.newNode");
-  m.r.machine(500, sourceNode, "qSubSchemaMsg.sourceNode");
-  m.r.machine(502, targetNode, "qSubSchemaMsg.targetNode");
-  m.r.machine(506, searchAt, "qSubSchemaMsg.search_cond_offset");
-  m.r.machine(508, nColsInKey, "qSubSchemaMsg.nColsInKey");
-  m.r.machine(510, nCols, "qSubSchemaMsg.nCols");
-  if (version >= 2) m.r.machine(512, replddl, "qSubSchemaMsg.replddl");
 
   // Texts first: a failed conversion ends the message before its body lines.
+  const uint16_t initiator = node[0];
   ConvText subname, dbname, owner, name, sendq, search, subType, loadPhase;
-  rc = readName(m, 22, 134, subname, "qSubSchemaMsg.subname", kSchemaStep, "ConvMgr::cpcvl", "subname");
-  if (rc == 0) rc = readName(m, 160, 20, dbname, "qSubSchemaMsg.src_dbname", kSchemaStep, "ConvMgr::cpcvl", "src_dbname");
-  if (rc == 0) rc = readName(m, 180, 130, owner, "qSubSchemaMsg.src_owner", kSchemaStep, "ConvMgr::cpcvl", "src_owner");
-  if (rc == 0) rc = readName(m, 310, 130, name, "qSubSchemaMsg.src_name", kSchemaStep, "ConvMgr::cpcvl", "src_name");
-  if (rc == 0) rc = readName(m, 440, 50, sendq, "qSubSchemaMsg.sendq_name", kSchemaStep, "ConvMgr::cpcvl", "sendq_name");
-  if (rc == 0 && searchAt != 0) {
-    size_t room = m.r.size() > searchAt ? m.r.size() - searchAt : 0;
-    rc = readName(m, searchAt, room, search, "qSubSchemaMsg.search_cond", kSchemaStep, "ConvMgr::cpcvl",
-                  "search condition");
-  }
-  if (rc == 0 && initiator != 0) {
-    const uint8_t* p = nullptr;
-    rc = m.r.bytes(505, 1, p, "qSubSchemaMsg.subType");
-    if (rc == 0) rc = convertText(m, p, 1, subType, kSchemaStep, "ConvMgr::cpcvc", "subType");
-    if (rc == 0) rc = m.r.bytes(504, 1, p, "qSubSchemaMsg.loadPhase");
-    if (rc == 0) rc = convertText(m, p, 1, loadPhase, kSchemaStep, "ConvMgr::cpcvc", "loadPhase");
-  }
-  if (rc != 0) return rplTrace_.ret(rc);
-
-  if (version >= 8) {
-    uint16_t extAt = 0, extLen = 0;
-    m.r.machine(550, extAt, "qSubSchemaMsg extension offset");
-    m.r.machine(552, extLen, "qSubSchemaMsg extension length");
-    if (extAt != 0 && extLen != 0) {
-      rc = fixGenericTransInfo(m, extAt);
-      if (rc == 0) rc = printGenericTransInfo(m, extAt);
-      if (rc != 0) return rplTrace_.ret(rc);
-    }
-  }
-
-  char text[64];
-  FILE* out = m.out;
-  std::fprintf(out, "schema.dbServerType: %s\n", nameOf(kServerTypes, server, "Unknown"));
-  std::snprintf(text, sizeof text, "%d.%d.%d", db[0], db[1], db[2]);
-  std::fprintf(out, "schema.dbRelease:    %s\n", text);
-  std::snprintf(text, sizeof text, "%d.%d.%d", cap[0], cap[1], cap[2]);
-  std::fprintf(out, "schema.capRelease:   %s\n", text);
-  std::fprintf(out, "schema.subname:   %.*s\n", subname.size(), subname.data());
-  std::fprintf(out, "schema.sub_id:    %d\n", static_cast<int32_t>(subId));
-  std::fprintf(out, "schema.src_dbname:   %.*s\n", dbname.size(), dbname.data());
-  std::fprintf(out, "schema.src_owner schema.src_name:  %.*s.%.*s\n", owner.size(), owner.data(),
-               name.size(), name.data());
-  std::fprintf(out, "schema.sendq_name: %.*s\n", sendq.size(), sendq.data());
-  std::fprintf(out, "schema.opts_mask: %s\n", optionsText(opts).c_str());
-  if (version >= 2) std::fprintf(out, "schema.replddl:    %d\n", static_cast<int32_t>(replddl));
-  std::fprintf(out, "schema.search_cond_offset: %d\n", searchAt);
+  nameAt(m, c, 22, 134, subname, "qSubSchemaMsg.subname", "subname");
+  nameAt(m, c, 160, 20, dbname, "qSubSchemaMsg.src_dbname", "src_dbname");
+  nameAt(m, c, 180, 130, owner, "qSubSchemaMsg.src_owner", "src_owner");
+  nameAt(m, c, 310, 130, name, "qSubSchemaMsg.src_name", "src_name");
+  nameAt(m, c, 440, 50, sendq, "qSubSchemaMsg.sendq_name", "sendq_name");
+  if (searchAt != 0)
+    nameAt(m, c, searchAt, m.r.size() > searchAt ? m.r.size() - searchAt : 0, search, "qSubSchemaMsg.search_cond",
+           "search condition");
   if (initiator != 0) {
-    std::fprintf(out, "schema.initiatorNode: %d\n", initiator);
-    std::fprintf(out, "schema.newNode: %d\n", newNode);
-    std::fprintf(out, "schema.sourceNode: %d\n", sourceNode);
-    std::fprintf(out, "schema.targetNode: %d\n", targetNode);
-    std::fprintf(out, "schema.loadPhase: %.*s\n", loadPhase.size(), loadPhase.data());
-    std::fprintf(out, "schema.subType: %.*s\n", subType.size(), subType.data());
+    charAt(m, c, 505, subType, "qSubSchemaMsg.subType", "subType");
+    charAt(m, c, 504, loadPhase, "qSubSchemaMsg.loadPhase", "loadPhase");
   }
-  std::fprintf(out, "schema.nColsInKey: %d\n", nColsInKey);
-  std::fprintf(out, "schema.nCols:     %d\n", nCols);
+  if (extAt != 0 && extLen != 0) {
+    if (c) c.take(fixGenericTransInfo(m, extAt));
+    if (c) c.take(printGenericTransInfo(m, o, extAt));
+  }
+  if (!c) return rplTrace_.ret(c.rc());
+
+  char text[2][32];
+  std::snprintf(text[0], sizeof text[0], "%d.%d.%d", db[0], db[1], db[2]);
+  std::snprintf(text[1], sizeof text[1], "%d.%d.%d", cap[0], cap[1], cap[2]);
+  o.field("dbServerType", nameOf(kServerTypes, server, "Unknown"), "schema.dbServerType: %s\n");
+  o.field("dbRelease", text[0], "schema.dbRelease:    %s\n");
+  o.field("capRelease", text[1], "schema.capRelease:   %s\n");
+  o.field("subname", subname, "schema.subname:   %.*s\n");
+  o.field("sub_id", static_cast<int32_t>(subId), "schema.sub_id:    %d\n");
+  o.field("src_dbname", dbname, "schema.src_dbname:   %.*s\n");
+  o.hidden("src_owner", owner);
+  o.show("src_name", name, "schema.src_owner schema.src_name:  %.*s.%.*s\n", owner.size(), owner.data(),
+         name.size(), name.data());
+  o.field("sendq_name", sendq, "schema.sendq_name: %.*s\n");
+  o.show("opts_mask", opts, "schema.opts_mask: %s\n", optionsText(opts).c_str());
+  if (version >= 2) o.field("replddl", static_cast<int32_t>(replddl), "schema.replddl:    %d\n");
+  o.field("search_cond_offset", searchAt, "schema.search_cond_offset: %d\n");
+  if (initiator != 0) {
+    o.field("initiatorNode", initiator, "schema.initiatorNode: %d\n");
+    o.field("newNode", node[1], "schema.newNode: %d\n");
+    o.field("sourceNode", node[2], "schema.sourceNode: %d\n");
+    o.field("targetNode", node[3], "schema.targetNode: %d\n");
+    o.field("loadPhase", loadPhase, "schema.loadPhase: %.*s\n");
+    o.field("subType", subType, "schema.subType: %.*s\n");
+  }
+  o.field("nColsInKey", nColsInKey, "schema.nColsInKey: %d\n");
+  o.field("nCols", nCols, "schema.nCols:     %d\n");
   if (version >= 4) {
-    uint16_t active = 0;
-    m.r.machine(516, active, "qSubSchemaMsg.numActiveNodes");
-    std::fprintf(out, "schema.reason_code: REASON=%s\n", nameOf(kSchemaReasons, reason, "UNKNOWN"));
-    std::fprintf(out, "schema.numActiveNodes: %d\n", active);
-    std::fputs("schema.activeNodes: ", out);
-    for (size_t i = 0; i < active && i < kMaxActiveNodes; ++i) {
-      uint16_t node = 0;
-      m.r.machine(518 + 2 * i, node, "qSubSchemaMsg.activeNodes");
-      std::fprintf(out, "  %d", node);
-    }
-    std::fputc('\n', out);
+    o.show("reason_code", reason, "schema.reason_code: REASON=%s\n", nameOf(kSchemaReasons, reason, "UNKNOWN"));
+    o.field("numActiveNodes", active[0], "schema.numActiveNodes: %d\n");
+    o.text("schema.activeNodes: ");
+    o.beginList("activeNodes");
+    for (size_t i = 0; i < active[0] && i < kMaxActiveNodes; ++i) o.field("node", active[1 + i], "  %d");
+    o.endList();
+    o.text("\n");
     if (version >= 11) {
-      uint8_t flag = 0;
-      m.r.u8(558, flag, "qSubSchemaMsg.schema_flag");
-      std::fprintf(out, "schema.schema_flag: %s", (flag & 1) ? "COLUMNAR" : "ROW");
-      std::fprintf(out, "isSrcColumnar=%s\n", (flag & 1) ? "Y" : "N");
+      o.show("schema_flag", (flag & 1) ? "COLUMNAR" : "ROW", "schema.schema_flag: %s", (flag & 1) ? "COLUMNAR" : "ROW");
+      o.text("isSrcColumnar=%s\n", (flag & 1) ? "Y" : "N");
     }
   }
 
   size_t arrayAt = schemaColumnArrayOffset(version);
   if (arrayAt == 0) return rplTrace_.ret(kRcBadSchemaVersion);
   ColumnArray columns(m, arrayAt);
+  o.beginList("columns");
   for (size_t i = 0; i < nCols; ++i) {
-    size_t desc = 0;
-    rc = columns.descriptor(i, desc);
-    if (rc == 0) rc = printColSchema(m, desc, false);
-    if (rc != 0) {
-      reportFailure(kSchemaStep, "qColSchema::printMe", rc, "Cannot print column schema info");
-      return rplTrace_.ret(rc);
+    const size_t desc = columns.descriptor(c, i);
+    o.beginItem();
+    if (c) c.take(printColSchema(m, o, desc, false));
+    if (!c) {
+      reportFailure(kSchemaStep, "qColSchema::printMe", c.rc(), "Cannot print column schema info");
+      return rplTrace_.ret(c.rc());
     }
+    o.hidden("key", i < nColsInKey);
+    o.endItem();
   }
+  o.endList();
 
-  uint16_t nPartKeys = 0, nRanges = 0;
-  if (version >= 9) {
-    m.r.machine(554, nPartKeys, "qSubSchemaMsg.nPartKeys");
-    m.r.machine(556, nRanges, "qSubSchemaMsg.numPartRanges");
-  }
   if (nPartKeys != 0) {
-    std::fprintf(out, "schema.nPartKeys: %d\n", nPartKeys);
-    std::fprintf(out, "schema.numPartRanges: %d\n", nRanges);
+    o.field("nPartKeys", nPartKeys, "schema.nPartKeys: %d\n");
+    o.field("numPartRanges", nRanges, "schema.numPartRanges: %d\n");
+    o.beginList("partKeys");
     for (size_t i = 0; i < nPartKeys; ++i) {
-      size_t desc = 0;
-      rc = columns.descriptor(size_t{nCols} + i, desc);
-      if (rc == 0) rc = printColSchema(m, desc, true);
-      if (rc != 0) {
-        reportFailure(kSchemaStep, "qColSchema::printMe", rc, "Cannot print partitioning key column schema info");
-        return rplTrace_.ret(rc);
+      const size_t desc = columns.descriptor(c, size_t{nCols} + i);
+      o.beginItem();
+      if (c) c.take(printColSchema(m, o, desc, true));
+      if (!c) {
+        reportFailure(kSchemaStep, "qColSchema::printMe", c.rc(), "Cannot print partitioning key column schema info");
+        return rplTrace_.ret(c.rc());
       }
+      o.endItem();
     }
+    o.endList();
+    o.beginList("partRanges");
     for (size_t i = 0; i < nRanges; ++i) {
-      size_t range = 0;
-      rc = columns.record(size_t{nCols} + nPartKeys + i, range);
-      if (rc == 0) rc = printPartRange(m, range);
-      if (rc != 0) {
-        reportFailure(kSchemaStep, "qPartRange::printMe", rc, "Cannot print partition schema info");
-        return rplTrace_.ret(rc);
+      const size_t range = columns.record(c, size_t{nCols} + nPartKeys + i);
+      o.beginItem();
+      if (c) c.take(printPartRange(m, o, range));
+      if (!c) {
+        reportFailure(kSchemaStep, "qPartRange::printMe", c.rc(), "Cannot print partition schema info");
+        return rplTrace_.ret(c.rc());
       }
+      o.endItem();
     }
+    o.endList();
   }
 
-  if (searchAt != 0) std::fprintf(out, "schema.search_cond: %.*s\n", search.size(), search.data());
+  if (searchAt != 0) o.field("search_cond", search, "schema.search_cond: %.*s\n");
   return rplTrace_.ret(0);
 }
+
+#define RPL_SCHEMA_PRINTER(O) template int32_t printSubSchemaMsg(QMsg&, O&);
+RPL_FOR_EACH_SINK(RPL_SCHEMA_PRINTER)

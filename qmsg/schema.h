@@ -35,8 +35,9 @@ enum : uint16_t {
 
 inline const char* columnTypeName(uint32_t code) { return nameOf(kColumnTypes, code & ~1u, "Unknown"); }
 
-// Swaps the integers of the column descriptor at `at` into machine order (when due).
-int32_t fixColSchema(QMsg& m, size_t at);
 // qColSchema::printMe: the column descriptor at `at` (already in machine order), with the
-// three more lines of partitioning-key mode when partKey is set.
+// three more lines of partitioning-key mode when partKey is set, through the sink `o`.
+template <class O>
+int32_t printColSchema(QMsg& m, O& o, size_t at, bool partKey);
+// The same in text, to the message's stream.
 int32_t printColSchema(QMsg& m, size_t at, bool partKey);

@@ -71,25 +71,18 @@ constexpr size_t kAddTransFlags = kAddTransInfo + 36;
 
 constexpr uint16_t kDecimal = 484;
 
-// The fixed part of an add-column message of this version: the names end at 1460; version 8
-// adds the two 16-bit words and the transaction information block.
-size_t addColumnSize(uint16_t version) {
-  return version >= 8 ? kAddTransInfo + kGenericTransInfoSize : kAddReserved;
-}
-
-// The whole fixed layout must be there before any field of it is swapped or printed.
-int32_t needFixed(const QMsg& m, size_t size, const char* what) {
-  return m.r.has(0, size) ? 0 : m.r.shortRead(0, size, what);
+// A name field in its room, converted (nothing after an earlier failure).
+void nameAt(QMsg& m, Cursor& c, size_t at, size_t room, ConvText& out, const char* field, const char* step,
+            const char* label) {
+  if (c) c.take(readName(m, at, room, out, field, step, "ConvMgr::cpcvl", label));
 }
 
 // A name whose signed count says whether it is there at all (0 or less: absent).
-int32_t readOptionalName(const QMsg& m, size_t at, size_t room, ConvText& out, bool& present,
-                         const char* field, const char* step, const char* label) {
-  int16_t len = 0;
-  int32_t rc = m.r.i16(at, len, field);
-  present = rc == 0 && len > 0;
-  if (rc != 0 || !present) return rc;
-  return readName(m, at, room, out, field, step, "ConvMgr::cpcvl", label);
+bool optionalNameAt(QMsg& m, Cursor& c, size_t at, size_t room, ConvText& out, const char* field,
+                    const char* step, const char* label) {
+  const bool present = c.i16(at, field) > 0;
+  if (present) nameAt(m, c, at, room, out, field, step, label);
+  return present;
 }
 
 // The typelen word is one 32-bit number except for the packed decimal kinds, whose bytes
@@ -99,69 +92,53 @@ bool typeLenIsNumber(uint16_t colType) {
   return base != 484 && base != 488 && base != 504;
 }
 
-int32_t fixAddColumn(QMsg& m, uint16_t version) {
-  uint16_t colType = 0;
-  int32_t rc = m.r.fix16(kAddColType, colType, "qAddColumnMsg.colType");
-  if (rc == 0) rc = m.r.fix32(kAddSubId, "qAddColumnMsg.sub_id");
-  if (rc == 0) rc = m.r.fix32(kAddCodepage, "qAddColumnMsg.codepage");
-  if (rc == 0 && typeLenIsNumber(colType)) rc = m.r.fix32(kAddTypeLen, "qAddColumnMsg.typelen");
-  if (rc == 0 && version >= 8) {
-    rc = m.r.fix16(kAddReserved, "qAddColumnMsg.reserved");
-    // The add-column message also turns the block's flag word (offset 1500) as 16 bits.
-    if (rc == 0) rc = m.r.fix16(kAddTransFlags, "qAddColumnMsg.transInfoFlags");
-    if (rc == 0) rc = fixGenericTransInfo(m, kAddTransInfo);
-  }
-  if (rc == 0 && version >= 14) rc = m.r.fix16(kAddAttribFlags, "qAddColumnMsg.colAttribFlags");
-  return rc;
-}
-
 }  // namespace
 
+// The integers are swapped and read in wire order before the header lines, the names read and
+// converted after them; only the fields printed must be present, so a message of a version
+// without the transaction information block may end right after its last name's characters.
 template <class O>
 int32_t printAddColumnMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 150);
   static const char* const kStep = "qAddColumnMsg::printMe";
+  Cursor c(m.r);
   uint16_t version = 0;
-  int32_t rc = m.version(version);
-  if (rc == 0) rc = needFixed(m, addColumnSize(version), "qAddColumnMsg");
-  if (rc == 0) rc = fixAddColumn(m, version);
-  if (rc == 0) rc = printHeader(m, o, kStep);
-  if (rc != 0) return rplTrace_.ret(rc);
-
-  int32_t subId = 0, typeLen = 0, codepage = 0;
-  uint16_t colType = 0;
-  uint8_t precision = 0, scale = 0, hasDefault = 0, charSubtype = 0;
-  rc = m.r.machine(kAddSubId, subId, "qAddColumnMsg.sub_id");
-  if (rc == 0) rc = m.r.machine(kAddColType, colType, "qAddColumnMsg.colType");
-  if (rc == 0) rc = m.r.machine(kAddTypeLen, typeLen, "qAddColumnMsg.typelen");
-  if (rc == 0) rc = m.r.u8(kAddPrecision, precision, "qAddColumnMsg.typeprecision");
-  if (rc == 0) rc = m.r.u8(kAddScale, scale, "qAddColumnMsg.typescale");
-  if (rc == 0) rc = m.r.machine(kAddCodepage, codepage, "qAddColumnMsg.codepage");
-  if (rc == 0) rc = m.r.u8(kAddHasDefault, hasDefault, "qAddColumnMsg.hasDefault");
-  if (rc == 0) rc = m.r.u8(kAddCharSubtype, charSubtype, "qAddColumnMsg.charSubtype");
-  if (rc != 0) return rplTrace_.ret(rc);
+  c.take(m.version(version));
+  const int32_t subId = static_cast<int32_t>(c.fix32(kAddSubId, "qAddColumnMsg.sub_id"));
+  const uint16_t colType = c.fix16(kAddColType, "qAddColumnMsg.colType");
+  const int32_t typeLen = static_cast<int32_t>(typeLenIsNumber(colType) ? c.fix32(kAddTypeLen, "qAddColumnMsg.typelen")
+                                                                        : c.machine<uint32_t>(kAddTypeLen, "qAddColumnMsg.typelen"));
+  const uint8_t precision = c.u8(kAddPrecision, "qAddColumnMsg.typeprecision");
+  const uint8_t scale = c.u8(kAddScale, "qAddColumnMsg.typescale");
+  const int32_t codepage = static_cast<int32_t>(c.fix32(kAddCodepage, "qAddColumnMsg.codepage"));
+  const uint8_t hasDefault = c.u8(kAddHasDefault, "qAddColumnMsg.hasDefault");
+  uint8_t charSubtype = c.u8(kAddCharSubtype, "qAddColumnMsg.charSubtype");
+  uint16_t attrib = 0;
+  if (version >= 8) {
+    c.fix16(kAddReserved, "qAddColumnMsg.reserved");
+    if (version >= 14) attrib = c.fix16(kAddAttribFlags, "qAddColumnMsg.colAttribFlags");
+    // The add-column message also turns the block's flag word (offset 1500) as 16 bits.
+    c.fix16(kAddTransFlags, "qAddColumnMsg.transInfoFlags");
+    if (c) c.take(fixGenericTransInfo(m, kAddTransInfo));
+  }
+  if (c) c.take(printHeader(m, o, kStep));
+  if (!c) return rplTrace_.ret(c.rc());
 
   // Every text is converted before the first line, so that a failure leaves no half message.
   ConvText colName, subtype, defaultVal, before, target;
-  bool hasBefore = false, hasTarget = false;
-  rc = readName(m, kAddColName, kAddColNameRoom, colName, "qAddColumnMsg.colName", kStep,
-                "ConvMgr::cpcvl", "sourceColName");
-  if (rc == 0 && version >= 9) {
-    const uint8_t* c = nullptr;
-    rc = m.r.bytes(kAddCharSubtype, 1, c, "qAddColumnMsg.charSubtype");
-    if (rc == 0) rc = convertText(m, c, 1, subtype, kStep, "ConvMgr::cpcvc", "charSubtype");
+  nameAt(m, c, kAddColName, kAddColNameRoom, colName, "qAddColumnMsg.colName", kStep, "sourceColName");
+  if (version >= 9) {
+    const uint8_t* p = c.bytes(kAddCharSubtype, 1, "qAddColumnMsg.charSubtype");
+    if (c) c.take(convertText(m, p, 1, subtype, kStep, "ConvMgr::cpcvc", "charSubtype"));
   }
-  if (rc == 0 && hasDefault == 1)
-    rc = readName(m, kAddDefault, kAddDefaultRoom, defaultVal, "qAddColumnMsg.defaultVal", kStep,
-                  "ConvMgr::cpcvl", "defaultVal");
-  if (rc == 0)
-    rc = readOptionalName(m, kAddBefore, kAddBeforeRoom, before, hasBefore,
-                          "qAddColumnMsg.beforeColName", kStep, "beforeColName");
-  if (rc == 0)
-    rc = readOptionalName(m, kAddTarget, kAddTargetRoom, target, hasTarget,
-                          "qAddColumnMsg.targetColName", kStep, "targetColName");
-  if (rc == 0 && version >= 8) rc = printGenericTransInfo(m, o, kAddTransInfo);
-  if (rc != 0) return rplTrace_.ret(rc);
+  if (hasDefault == 1)
+    nameAt(m, c, kAddDefault, kAddDefaultRoom, defaultVal, "qAddColumnMsg.defaultVal", kStep, "defaultVal");
+  const bool hasBefore =
+      optionalNameAt(m, c, kAddBefore, kAddBeforeRoom, before, "qAddColumnMsg.beforeColName", kStep, "beforeColName");
+  const bool hasTarget =
+      optionalNameAt(m, c, kAddTarget, kAddTargetRoom, target, "qAddColumnMsg.targetColName", kStep, "targetColName");
+  if (c && version >= 8) c.take(printGenericTransInfo(m, o, kAddTransInfo));
+  if (!c) return rplTrace_.ret(c.rc());
 
   if (version >= 9 && subtype.size() > 0) charSubtype = static_cast<uint8_t>(subtype.data()[0]);
   o.field("sub_id", subId, "  sub_id:      %d\n");
@@ -183,12 +160,7 @@ int32_t printAddColumnMsg(QMsg& m, O& o) {
   if (hasDefault == 1) o.field("default", defaultVal, "  default:  %.*s\n");
   if (hasBefore) o.field("beforeColName", before, "  beforeColName:     %.*s\n");
   if (hasTarget) o.field("targetColName", target, "  targetColName:     %.*s\n");
-  if (version >= 14) {
-    uint16_t attrib = 0;
-    rc = m.r.machine(kAddAttribFlags, attrib, "qAddColumnMsg.colAttribFlags");
-    if (rc != 0) return rplTrace_.ret(rc);
-    o.field("colAttribFlags", attrib, "  colAttribFlags: %d\n");
-  }
+  if (version >= 14) o.field("colAttribFlags", attrib, "  colAttribFlags: %d\n");
   return rplTrace_.ret(0);
 }
 
@@ -200,21 +172,17 @@ constexpr size_t kKeyColSubId = 8;
 constexpr size_t kKeyColName = 12, kKeyColNameRoom = 130;
 }  // namespace
 
+// The message may end right after the name's characters.
 template <class O>
 int32_t printAddReplKeyColMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 151);
-  int32_t rc = needFixed(m, kKeyColName + kKeyColNameRoom, "qAddReplKeyColumnMsg");
-  if (rc == 0) rc = m.r.fix32(kKeyColSubId, "qAddReplKeyColumnMsg.sub_id");
-  if (rc == 0) rc = printHeader(m, o, "qAddReplKeyColumnMsg::printMe");
-  if (rc != 0) return rplTrace_.ret(rc);
-
-  int32_t subId = 0;
+  static const char* const kStep = "qAddReplKeyColumnMsg::printMe";
+  Cursor c(m.r);
+  const int32_t subId = static_cast<int32_t>(c.fix32(kKeyColSubId, "qAddReplKeyColumnMsg.sub_id"));
+  if (c) c.take(printHeader(m, o, kStep));
   ConvText colName;
-  rc = m.r.machine(kKeyColSubId, subId, "qAddReplKeyColumnMsg.sub_id");
-  if (rc == 0)
-    rc = readName(m, kKeyColName, kKeyColNameRoom, colName, "qAddReplKeyColumnMsg.colName",
-                  "qAddReplKeyColumnMsg::printMe", "ConvMgr::cpcvl", "sourceColName");
-  if (rc != 0) return rplTrace_.ret(rc);
+  nameAt(m, c, kKeyColName, kKeyColNameRoom, colName, "qAddReplKeyColumnMsg.colName", kStep, "sourceColName");
+  if (!c) return rplTrace_.ret(c.rc());
   o.field("sub_id", subId, "  sub_id:      %d\n");
   o.field("colName", colName, "  colName:     %.*s\n");
   return rplTrace_.ret(0);
@@ -250,6 +218,9 @@ size_t dropColumnSize(uint16_t version) {
   return version >= 8 ? kDropTransInfo + kGenericTransInfoSize : kDropTransInfo;
 }
 
+// The truncation of a table (type 17): its subscription number alone.
+constexpr size_t kTruncSubId = 8;
+
 }  // namespace
 
 template <class O>
@@ -264,36 +235,33 @@ int32_t printGenericDdlMsg(QMsg& m, O& o) {
   return rplTrace_.ret(printDdlBodyDump(m, o, "qGenericDDLMsg::printMe"));
 }
 
+// Only the dropped column's name and the transaction information block (from version 8) are
+// printed, so only they must be present: the SQL text's length, the word after it and the SQL
+// text are read where the message holds them (the text converted to prove it readable), and a
+// message of an earlier version may end right after the name's characters.
 template <class O>
 int32_t printDropColumnMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 154);
   static const char* const kStep = "qDropColumnMsg::printMe";
+  Cursor c(m.r);
   uint16_t version = 0;
-  int32_t rc = m.version(version);
-  size_t fixedSize = dropColumnSize(version);
-  if (rc == 0) rc = needFixed(m, fixedSize, "qDropColumnMsg");
-  if (rc == 0) rc = m.r.fix32(kDropSubId, "qDropColumnMsg.sub_id");
-  if (rc == 0) rc = m.r.fix16(kDropSqlLen, "qDropColumnMsg.sqlTextLen");
-  if (rc == 0) rc = m.r.fix16(kDropReserved, "qDropColumnMsg.reserved");
-  if (rc == 0 && version >= 8) rc = fixGenericTransInfo(m, kDropTransInfo);
-  if (rc == 0) rc = printHeader(m, o, kStep);
-  if (rc != 0) return rplTrace_.ret(rc);
-
-  int32_t subId = 0;
+  c.take(m.version(version));
+  const size_t fixedSize = dropColumnSize(version);
+  const int32_t subId = static_cast<int32_t>(c.fix32(kDropSubId, "qDropColumnMsg.sub_id"));
   int16_t sqlLen = 0;
+  if (m.r.has(kDropSqlLen, 2)) sqlLen = static_cast<int16_t>(c.fix16(kDropSqlLen, "qDropColumnMsg.sqlTextLen"));
+  if (m.r.has(kDropReserved, 2)) c.fix16(kDropReserved, "qDropColumnMsg.reserved");
+  if (c && version >= 8) c.take(fixGenericTransInfo(m, kDropTransInfo));
+  if (c) c.take(printHeader(m, o, kStep));
+
   ConvText colName, sqlText;
-  rc = m.r.machine(kDropSubId, subId, "qDropColumnMsg.sub_id");
-  if (rc == 0) rc = m.r.machine(kDropSqlLen, sqlLen, "qDropColumnMsg.sqlTextLen");
-  if (rc == 0)
-    rc = readName(m, kDropColName, kDropColNameRoom, colName, "qDropColumnMsg.droppedColName", kStep,
-                  "ConvMgr::cpcvl", "droppedColName");
-  if (rc == 0 && sqlLen > 0) {
-    const uint8_t* sql = nullptr;
-    rc = m.r.bytes(fixedSize, static_cast<size_t>(sqlLen), sql, "qDropColumnMsg.sqlText");
-    if (rc == 0) rc = convertText(m, sql, static_cast<size_t>(sqlLen), sqlText, kStep, "ConvMgr::cpcvl", "sql text");
+  nameAt(m, c, kDropColName, kDropColNameRoom, colName, "qDropColumnMsg.droppedColName", kStep, "droppedColName");
+  if (sqlLen > 0 && m.r.has(fixedSize, static_cast<size_t>(sqlLen))) {
+    const uint8_t* sql = c.bytes(fixedSize, static_cast<size_t>(sqlLen), "qDropColumnMsg.sqlText");
+    if (c) c.take(convertText(m, sql, static_cast<size_t>(sqlLen), sqlText, kStep, "ConvMgr::cpcvl", "sql text"));
   }
-  if (rc == 0 && version >= 8) rc = printGenericTransInfo(m, o, kDropTransInfo);
-  if (rc != 0) return rplTrace_.ret(rc);
+  if (c && version >= 8) c.take(printGenericTransInfo(m, o, kDropTransInfo));
+  if (!c) return rplTrace_.ret(c.rc());
   o.field("sub_id", subId, "  sub_id:      %d\n");
   o.field("dropped_column_name", colName, "  dropped column name:     %.*s\n");
   return rplTrace_.ret(0);
@@ -305,12 +273,11 @@ int32_t printDropColumnMsg(QMsg& m, O& o) {
 template <class O>
 int32_t printTruncateTableMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 155);
-  constexpr size_t kSubId = 8;
-  uint32_t subId = 0;
-  int32_t rc = m.r.fix32(kSubId, subId, "qTruncateTableMsg.subId");
-  if (rc == 0) rc = printHeader(m, o, "qTruncateTableMsg::printMe");
-  if (rc != 0) return rplTrace_.ret(rc);
-  o.field("subId", static_cast<int32_t>(subId), "  truncateTable.subId: %d\n");
+  Cursor c(m.r);
+  const int32_t subId = static_cast<int32_t>(c.fix32(kTruncSubId, "qTruncateTableMsg.subId"));
+  if (c) c.take(printHeader(m, o, "qTruncateTableMsg::printMe"));
+  if (!c) return rplTrace_.ret(c.rc());
+  o.field("subId", subId, "  truncateTable.subId: %d\n");
   return rplTrace_.ret(0);
 }
 
@@ -327,30 +294,26 @@ constexpr size_t kRedefOffsets = 16;
 template <class O>
 int32_t printRedefineReplKeyMsg(QMsg& m, O& o) {
   RPL_TRACE(kCompPrinters, 156);
-  uint32_t subId = 0;
-  uint16_t isP2p = 0, nCols = 0;
-  int32_t rc = m.r.fix32(kRedefSubId, subId, "qRedefineReplKeyMsg.sub_id");
-  if (rc == 0) rc = m.r.fix16(kRedefIsP2p, isP2p, "qRedefineReplKeyMsg.is_P2P");
-  if (rc == 0) rc = m.r.fix16(kRedefNCols, nCols, "qRedefineReplKeyMsg.nCols");
-  for (size_t i = 0; rc == 0 && i < nCols; ++i)
-    rc = m.r.fix16(kRedefOffsets + 2 * i, "qRedefineReplKeyMsg.colOffset");
-  if (rc == 0) rc = printHeader(m, o, "qRedefineReplKeyMsg::printMe");
-  if (rc != 0) return rplTrace_.ret(rc);
+  static const char* const kStep = "qRedefineReplKeyMsg::printMe";
+  Cursor c(m.r);
+  const int32_t subId = static_cast<int32_t>(c.fix32(kRedefSubId, "qRedefineReplKeyMsg.sub_id"));
+  const uint16_t isP2p = c.fix16(kRedefIsP2p, "qRedefineReplKeyMsg.is_P2P");
+  const uint16_t nCols = c.fix16(kRedefNCols, "qRedefineReplKeyMsg.nCols");
+  for (size_t i = 0; c && i < nCols; ++i) c.fix16(kRedefOffsets + 2 * i, "qRedefineReplKeyMsg.colOffset");
+  if (c) c.take(printHeader(m, o, kStep));
+  if (!c) return rplTrace_.ret(c.rc());
 
-  o.field("sub_id", static_cast<int32_t>(subId), "  sub_id:      %d\n");
+  o.field("sub_id", subId, "  sub_id:      %d\n");
   o.field("is_P2P", isP2p, "  is_P2P:      %d\n");
   o.field("nCols", nCols, "  nCols:       %d\n");
   o.beginList("colNames");
   for (size_t i = 0; i < nCols; ++i) {
-    uint16_t at = 0;
-    rc = m.r.machine(kRedefOffsets + 2 * i, at, "qRedefineReplKeyMsg.colOffset");
-    if (rc != 0) return rplTrace_.ret(rc);
+    const uint16_t at = c.machine<uint16_t>(kRedefOffsets + 2 * i, "qRedefineReplKeyMsg.colOffset");
     // A key column's name has no fixed room: it may take what is left of the message.
-    size_t room = at <= m.r.size() ? m.r.size() - at : 0;
+    const size_t room = at <= m.r.size() ? m.r.size() - at : 0;
     ConvText colName;
-    rc = readName(m, at, room, colName, "qRedefineReplKeyMsg.colName", "qRedefineReplKeyMsg::printMe",
-                  "ConvMgr::cpcvl", "colName");
-    if (rc != 0) return rplTrace_.ret(rc);
+    nameAt(m, c, at, room, colName, "qRedefineReplKeyMsg.colName", kStep, "colName");
+    if (!c) return rplTrace_.ret(c.rc());
     o.field("colName", colName, "  colName:     %.*s\n");
   }
   o.endList();
@@ -365,5 +328,4 @@ int32_t printRedefineReplKeyMsg(QMsg& m, O& o) {
   template int32_t printGenericDdlMsg(QMsg&, O&);       \
   template int32_t printTruncateTableMsg(QMsg&, O&);    \
   template int32_t printRedefineReplKeyMsg(QMsg&, O&);
-RPL_SCHEMA_CHANGE_PRINTERS(TextSink)
-RPL_SCHEMA_CHANGE_PRINTERS(JsonSink)
+RPL_FOR_EACH_SINK(RPL_SCHEMA_CHANGE_PRINTERS)

@@ -133,3 +133,13 @@ class JsonSink {
 
   JsonOut& j_;
 };
+
+// Every sink the printers are instantiated for. Each family's source instantiates its printers
+// with RPL_FOR_EACH_SINK(its instantiation macro), and compact.cpp instantiates decodeCompact
+// (the dispatch by message type) the same way. A further rendering is a class with the members
+// of TextSink (kJson, text, field, show, hidden, chars and the scopes), defined in a header
+// included above this line and named here once. Where kJson is false the few printers that dump
+// bytes in hex (LOB data, file-transfer chunks, DDL bodies) write the dump to out(), which may be
+// a stream that discards it. (row.cpp, trans.cpp and values.cpp list their instantiations by
+// hand: a new sink is added there too.)
+#define RPL_FOR_EACH_SINK(X) X(TextSink) X(JsonSink)

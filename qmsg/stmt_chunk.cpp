@@ -35,13 +35,12 @@ inline constexpr size_t kDataColSize = 12;
 // qStmtChunkDataCol::printMe: swaps the entry (colPosition stays as stored) and prints it.
 template <class O>
 int32_t printDataCol(QMsg& m, O& o, size_t at) {
-  uint16_t mask = 0, position = 0, type = 0;
-  uint32_t typeLen = 0;
-  int32_t rc = m.r.fix16(at, mask, "qStmtChunkDataCol.colMask");
-  if (rc == 0) rc = m.r.machine(at + 2, position, "qStmtChunkDataCol.colPosition");
-  if (rc == 0) rc = m.r.fix16(at + 4, type, "qStmtChunkDataCol.colType");
-  if (rc == 0) rc = m.r.fix32(at + 8, typeLen, "qStmtChunkDataCol.typeLen");
-  if (rc != 0) return rc;
+  Cursor c(m.r);
+  const uint16_t mask = c.fix16(at, "qStmtChunkDataCol.colMask");
+  const uint16_t position = c.machine<uint16_t>(at + 2, "qStmtChunkDataCol.colPosition");
+  const uint16_t type = c.fix16(at + 4, "qStmtChunkDataCol.colType");
+  const uint32_t typeLen = c.fix32(at + 8, "qStmtChunkDataCol.typeLen");
+  if (!c) return c.rc();
   o.field("colMask", nameOf(kDataColMasks, mask, "Unknown"), "      qStmtChunkDataCol.colMask:         %s\n");
   o.field("colPosition", position, "      qStmtChunkDataCol.colPosition:     %hu\n");
   o.field("colType", columnTypeName(type), "      qStmtChunkDataCol.colType:         %s\n");
@@ -54,25 +53,22 @@ int32_t printDataCol(QMsg& m, O& o, size_t at) {
 template <class O>
 int32_t printStmtChunk(QMsg& m, O& o, size_t at) {
   RPL_TRACE(kCompPrinters, 26);
-  uint8_t operation = 0, format = 0;
-  uint16_t nCols = 0, colsAt = 0, nameAt = 0;
-  uint64_t fileSize = 0, nRows = 0;
-  int32_t rc = m.r.fix32(at, "qStmtChunk.length");
-  if (rc == 0) rc = m.r.u8(at + 4, operation, "qStmtChunk.operation");
-  if (rc == 0) rc = m.r.u8(at + 5, format, "qStmtChunk.format");
-  if (rc == 0) rc = m.r.fix16(at + 6, nCols, "qStmtChunk.nCols");
-  if (rc == 0) rc = m.r.fix64(at + 8, fileSize, "qStmtChunk.fileSize");
-  if (rc == 0) rc = m.r.fix64(at + 16, nRows, "qStmtChunk.nRows");
-  if (rc == 0) rc = m.r.fix16(at + 24, colsAt, "qStmtChunk data column offset");
-  if (rc == 0) rc = m.r.fix16(at + 26, nameAt, "qStmtChunk fileName offset");
-  if (rc != 0) return rplTrace_.ret(rc);
-
+  Cursor c(m.r);
+  c.fix32(at, "qStmtChunk.length");
+  const uint8_t operation = c.u8(at + 4, "qStmtChunk.operation");
+  const uint8_t format = c.u8(at + 5, "qStmtChunk.format");
+  const uint16_t nCols = c.fix16(at + 6, "qStmtChunk.nCols");
+  const uint64_t fileSize = c.fix64(at + 8, "qStmtChunk.fileSize");
+  const uint64_t nRows = c.fix64(at + 16, "qStmtChunk.nRows");
+  const uint16_t colsAt = c.fix16(at + 24, "qStmtChunk data column offset");
+  const uint16_t nameAt = c.fix16(at + 26, "qStmtChunk fileName offset");
   ConvText name;
-  size_t nameField = at + nameAt;
-  size_t room = m.r.size() > nameField ? m.r.size() - nameField : 0;
-  rc = readName(m, nameField, room, name, "qStmtChunk.fileName", "qStmtChunk::printMe", "ConvMgr::cpcvc",
-                "file name");
-  if (rc != 0) return rplTrace_.ret(rc);
+  const size_t nameField = at + nameAt;
+  const size_t room = m.r.size() > nameField ? m.r.size() - nameField : 0;
+  if (c)
+    c.take(readName(m, nameField, room, name, "qStmtChunk.fileName", "qStmtChunk::printMe", "ConvMgr::cpcvc",
+                    "file name"));
+  if (!c) return rplTrace_.ret(c.rc());
 
   o.beginGroup("stmt_chunk");
   o.field("operation", nameOf(kChunkOperations, operation, "Unknown"), "    qStmtChunk.operation:         %s\n");
@@ -86,8 +82,7 @@ int32_t printStmtChunk(QMsg& m, O& o, size_t at) {
   for (size_t i = 0; i < nCols; ++i) {
     o.text("    * %d *\n", static_cast<int>(i));
     o.beginItem();
-    rc = printDataCol(m, o, at + colsAt + kDataColSize * i);
-    if (rc != 0) return rplTrace_.ret(rc);
+    if (!c.take(printDataCol(m, o, at + colsAt + kDataColSize * i))) return rplTrace_.ret(c.rc());
     o.endItem();
   }
   o.endList();
@@ -95,5 +90,5 @@ int32_t printStmtChunk(QMsg& m, O& o, size_t at) {
   return rplTrace_.ret(0);
 }
 
-template int32_t printStmtChunk(QMsg&, TextSink&, size_t);
-template int32_t printStmtChunk(QMsg&, JsonSink&, size_t);
+#define RPL_STMT_CHUNK_PRINTER(O) template int32_t printStmtChunk(QMsg&, O&, size_t);
+RPL_FOR_EACH_SINK(RPL_STMT_CHUNK_PRINTER)

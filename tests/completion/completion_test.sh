@@ -145,7 +145,7 @@ fi
 
 # The type names offered are the decoder's.
 if [[ -n $source_dir ]] && ((have_rplq)); then
-  decoder=$(sed -n 's/^ *{kType[A-Za-z0-9]*, "\([A-Z0-9_]*\)",.*$/\1/p' \
+  decoder=$(sed -n 's/^ *{[A-Za-z0-9]*, "\([A-Z0-9_]*\)",.*$/\1/p' \
     "$source_dir/qmsg/compact.cpp" | sort | tr '\n' ' ')
   offered=$(printf '%s\n' "${_rplq_types[@]}" | sort | tr '\n' ' ')
   if [[ $decoder != "$offered" ]]; then

@@ -67,7 +67,7 @@ TEST(Dispatch, FamilyTextIsConvertedFromEbcdic) {
 }
 
 TEST(Dispatch, ShortMessagesAreReportedNotReadPast) {
-  auto msg = headerOnly(kTypeTrans, 0, 7, ByteOrder::Little);
+  auto msg = headerOnly(128, 0, 7, ByteOrder::Little);  // a transaction
   for (size_t n = 0; n < 8; ++n) {
     std::vector<uint8_t> cut(msg.begin(), msg.begin() + n);
     Decoded d = decodeAs(cut, ByteOrder::Little, 1208);
@@ -78,7 +78,7 @@ TEST(Dispatch, ShortMessagesAreReportedNotReadPast) {
 
 std::vector<uint8_t> fakeSchema(uint32_t key, uint16_t version, uint8_t marker) {
   MsgWriter w(ByteOrder::Little);
-  w.header(kTypeSubSchema, 0, version);
+  w.header(1, 0, version);  // a subscription schema
   w.u32(156, key);
   w.u8(22, marker);
   w.resize(600);
@@ -103,7 +103,7 @@ TEST(SchemaCache, LobAgainstVersionFiveSchemaFailsThatMessageOnly) {
   releaseSchemaCache();
   ASSERT_EQ(cacheSchema(fakeSchema(7, 5, 'x').data(), 600, false), 0);
   MsgWriter lob(ByteOrder::Little);
-  lob.header(kTypeLob, 0, 7);
+  lob.header(129, 0, 7);  // a LOB message
   lob.u32(8, 7);
   lob.resize(40);
   Decoded d = decode(lob);

@@ -316,6 +316,40 @@ TransMsgDef trans(ByteOrder o, int32_t ccsid) {
 
 }  // namespace data
 
+// The schema's object comes from the pass that prints its text: every field, the columns with
+// precision and scale from either byte order, the partitioning keys and ranges; a cut schema
+// ends with the error naming the field.
+TEST(Json, SchemaHoldsEveryFieldOfItsText) {
+  for (const JsonSender& s : kJsonSenders) {
+    releaseSchemaCache();
+    SchemaMsgDef d = data::schema(s.ccsid);
+    d.initiatorNode = 1;
+    d.activeNodes = {1, 3};
+    d.sendqName = "KXRP.SENDQ";
+    d.partKeys = {{"ID", 496, 4, 0, 0, 0, 1, 3}};
+    d.ranges = {{1, 2, 10, 20, {"A", "B"}, {"M"}}};
+    const Bytes msg = encodeSchemaMsg(d, s.order, s.ccsid);
+    Rendered r = renderAs(msg, s.order, s.ccsid);
+    ASSERT_FALSE(r.doc.is_discarded()) << r.text;
+    EXPECT_EQ(r.rc, 0) << s.tag << r.reports;
+    EXPECT_EQ(r.doc["subname"], "ORDERS0001") << s.tag;
+    EXPECT_EQ(r.doc["sendq_name"], "KXRP.SENDQ") << s.tag;
+    EXPECT_EQ(r.doc["activeNodes"], nlohmann::json::array({1, 3})) << s.tag;
+    EXPECT_TRUE(r.doc["transInfo"].is_object()) << s.tag;
+    EXPECT_EQ(r.doc["columns"][2]["typeprecision"], 7) << s.tag;
+    EXPECT_EQ(r.doc["columns"][2]["typescale"], 2) << s.tag;
+    EXPECT_EQ(r.doc["columns"][1]["codepage"], s.ccsid) << s.tag;
+    EXPECT_EQ(r.doc["partKeys"][0]["ascOrDesc"], "A") << s.tag;
+    EXPECT_EQ(r.doc["partRanges"][0]["limitKeyStr"], "ABM") << s.tag;
+    EXPECT_EQ(findSchema(700) != nullptr, true) << s.tag;
+
+    releaseSchemaCache();
+    Rendered cut = renderAs(Bytes(msg.begin(), msg.begin() + 520), s.order, s.ccsid);
+    ASSERT_FALSE(cut.doc.is_discarded()) << cut.text;
+    EXPECT_EQ(cut.doc["error"]["field"], "qSubSchemaMsg.activeNodes") << s.tag << cut.text;
+  }
+}
+
 TEST(Json, TransactionRowsAreKeyedByColumnName) {
   for (const JsonSender& s : kJsonSenders) {
     releaseSchemaCache();

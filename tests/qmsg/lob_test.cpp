@@ -1,6 +1,7 @@
 // LOB messages: both layouts, NULL flag, code page kinds, the column from the schema cache
 // (CLOB text, DBCLOB and BLOB dumps), the unknown-schema warning, truncation.
-#include "tests/qmsg/data_golden.h"
+#include "tests/qmsg/golden.h"
+#include "tools/gen/encode_data.h"
 
 namespace {
 
@@ -22,31 +23,31 @@ class LobMsg : public ::testing::Test {
   }
 };
 
+void cacheLobSchema(Sender s);
+
 TEST_F(LobMsg, ClobTextFromEitherSenderVersion7) {
-  for (Sender s : {kLittleUtf8, kBigEbcdic}) {
-    releaseSchemaCache();
-    cacheSchema(s);
-    LobMsgDef l;
-    l.subId = kSub;
-    l.colNum = 1;
-    l.flag = 1;
-    l.totalLen = 100;
-    l.data = valText("Once upon a time", s.ccsid).data;
-    Bytes msg = encodeLobMsg(l, s.order, s.ccsid);
-    Decoded d = decodeAs(msg, s.order, s.ccsid);
-    EXPECT_EQ(d.rc, 0) << d.reports;
-    EXPECT_EQ(d.out, banner(msg.size()) + header("RPLKX_LOB_MSG", 7) +
-                         "  qMsgHeader.msgFlag:\n"
-                         "    Last message in DB transaction.\n"
-                         "  sub_id:          800\n"
-                         "  lobId:           [ rowNum = 2, colNum = 1 ]\n"
-                         "  lob codepage:    DATABASE codepage\n"
-                         "  lobTotalDataLen: 100\n"
-                         "  lobDataPartLen:  16\n"
-                         "  colName:         NOTE\n"
-                         "\n****  CLOB data ****\n\n"
-                         "Once upon a time\n\n");
-  }
+  expectGolden({"CLOB part, version 7",
+                [](ByteOrder o, int32_t c) {
+                  LobMsgDef l;
+                  l.subId = kSub;
+                  l.colNum = 1;
+                  l.flag = 1;
+                  l.totalLen = 100;
+                  l.data = valText("Once upon a time", c).data;
+                  return encodeLobMsg(l, o, c);
+                },
+                header("RPLKX_LOB_MSG", 7) +
+                    "  qMsgHeader.msgFlag:\n"
+                    "    Last message in DB transaction.\n"
+                    "  sub_id:          800\n"
+                    "  lobId:           [ rowNum = 2, colNum = 1 ]\n"
+                    "  lob codepage:    DATABASE codepage\n"
+                    "  lobTotalDataLen: 100\n"
+                    "  lobDataPartLen:  16\n"
+                    "  colName:         NOTE\n"
+                    "\n****  CLOB data ****\n\n"
+                    "Once upon a time\n\n",
+                nullptr, cacheLobSchema});
 }
 
 TEST_F(LobMsg, Version6HeaderRunsOnAfterTheLobId) {
@@ -139,20 +140,27 @@ TEST_F(LobMsg, SchemaOfAnUnrecognizedVersionRefusesTheLookup) {
   EXPECT_TRUE(has(d.out, "Unknown because schema info is not available."));
 }
 
+template <uint16_t kVersion>
+Bytes clobPart(ByteOrder o, int32_t ccsid) {
+  LobMsgDef l;
+  l.version = kVersion;
+  l.subId = kSub;
+  l.colNum = 1;
+  l.data = valText("some clob text", ccsid).data;
+  return encodeLobMsg(l, o, ccsid);
+}
+
+void cacheLobSchema(Sender s) {
+  releaseSchemaCache();
+  decodeAs(encodeSchemaMsg(lobSchema(s.ccsid), s.order, s.ccsid), s.order, s.ccsid);
+}
+
 TEST_F(LobMsg, TruncationIsReportedNeverReadPast) {
-  for (Sender s : {kLittleUtf8, kBigEbcdic}) {
-    for (uint16_t v : {6, 7}) {
-      LobMsgDef l;
-      l.version = v;
-      l.subId = kSub;
-      l.colNum = 1;
-      l.data = valText("some clob text", s.ccsid).data;
-      expectTruncationReported(encodeLobMsg(l, s.order, s.ccsid), s, [&] {
-        releaseSchemaCache();
-        decodeAs(encodeSchemaMsg(lobSchema(s.ccsid), s.order, s.ccsid), s.order, s.ccsid);
-      });
-    }
-  }
+  const GoldenCase kCases[] = {
+      {"CLOB part, version 6", clobPart<6>, "", nullptr, cacheLobSchema, true},
+      {"CLOB part, version 7", clobPart<7>, "", nullptr, cacheLobSchema, true},
+  };
+  for (const GoldenCase& c : kCases) expectGolden(c);
 }
 
 }  // namespace

@@ -5,7 +5,8 @@
 #include <random>
 
 #include "qmsg/values.h"
-#include "tests/qmsg/data_golden.h"
+#include "tests/qmsg/golden.h"
+#include "tools/gen/encode_data.h"
 
 namespace {
 
@@ -446,23 +447,33 @@ TEST_F(Rows, DoubleExponentRule) {
 }
 
 TEST_F(Rows, TruncationIsReportedNeverReadPast) {
-  for (Sender s : {kLittleUtf8, kBigEbcdic}) {
-    TransMsgDef t;
-    RowDef r = typesRow(s);
-    r.batched = BatchedTransHeaderDef{};
-    (*r.colsAfter)[0].longOffset = true;
-    t.rows = {r};
-    SchemaMsgDef schema = typesSchema(s.ccsid);
-    expectTruncationReported(encodeTransMsg(t, s.order, s.ccsid), s, [&] {
-      releaseSchemaCache();
-      decodeAs(encodeSchemaMsg(schema, s.order, s.ccsid), s.order, s.ccsid);
-    });
-    RowDef r2;
-    r2.subId = 31337;
-    r2.keyBefore = std::vector<ColValue>{valInteger(1, s.order)};
-    r2.colsAfter = std::vector<ColValue>{valText("abc", s.ccsid)};
-    expectTruncationReported(encodeSpilledRowMsg(8, r2, s.order, s.ccsid), s);
-  }
+  const GoldenCase kCases[] = {
+      {"row of every type with a batched header and a long value",
+       [](ByteOrder o, int32_t c) {
+         TransMsgDef t;
+         RowDef r = typesRow(Sender{o, c});
+         r.batched = BatchedTransHeaderDef{};
+         (*r.colsAfter)[0].longOffset = true;
+         t.rows = {r};
+         return encodeTransMsg(t, o, c);
+       },
+       "", nullptr,
+       [](Sender s) {
+         releaseSchemaCache();
+         decodeAs(encodeSchemaMsg(typesSchema(s.ccsid), s.order, s.ccsid), s.order, s.ccsid);
+       },
+       true},
+      {"spilled row without a schema",
+       [](ByteOrder o, int32_t c) {
+         RowDef r;
+         r.subId = 31337;
+         r.keyBefore = std::vector<ColValue>{valInteger(1, o)};
+         r.colsAfter = std::vector<ColValue>{valText("abc", c)};
+         return encodeSpilledRowMsg(8, r, o, c);
+       },
+       "", nullptr, [](Sender) { releaseSchemaCache(); }, true},
+  };
+  for (const GoldenCase& c : kCases) expectGolden(c);
 }
 
 // Corrupted bytes anywhere in a schema-backed transaction (and in the schema itself) are

@@ -4,7 +4,8 @@
 #include <ctime>
 
 #include "qmsg/trans.h"
-#include "tests/qmsg/data_golden.h"
+#include "tests/qmsg/golden.h"
+#include "tools/gen/encode_data.h"
 
 namespace {
 
@@ -25,31 +26,30 @@ RowDef smallRow(ByteOrder o) {
 }
 
 TEST_F(TransMsg, Version8HeaderPrintsEveryLine) {
-  for (Sender s : {kLittleUtf8, kBigEbcdic}) {
-    TransMsgDef t;
-    t.flag = 0x83;
-    t.segment = 0x1a;
-    t.micros = 42;
-    t.lsn.flags = 1;
-    t.lsn.node = 7;
-    Bytes msg = encodeTransMsg(t, s.order, s.ccsid);
-    Decoded d = decodeAs(msg, s.order, s.ccsid);
-    EXPECT_EQ(d.rc, 0) << d.reports;
-    EXPECT_EQ(d.out, banner(msg.size()) + header("RPLKX_TRANS_MSG", 8) +
-                         "  qMsgHeader.msgFlag:    Last message in DB transaction.\n"
-                         "  qMsgHeader.isMultiSubTrans():     TRUE: contains multiple sub-transactions.\n"
-                         "    Parallel send queues enabled.\n"
-                         "qTransMsgHeader.segment_num: 001a\n"
-                         "qTransMsgHeader.commit_LSN:     0000:0000:0000:1234:0000:0000:0000:5678 (node 7)\n"
-                         "qTransMsgHeader.commit_time:    11-14-2023 22:13:20.000042 UTC\n"
-                         "qTransMsgHeader.commit_time:    11-14-2023 22:13:20.000042 LOCALTIME\n"
-                         "qTransMsgHeader.nRows:          0\n"
-                         "qTransMsgHeader.numPartitionNo: 0\n"
-                         "qTransMsgHeader.auth_id:       REPLUSER\n"
-                         "qTransMsgHeader.auth_tkn:      TOKEN1\n"
-                         "qTransMsgHeader.plan_id:       PLAN1\n"
-                         "qTransMsgHeader.uow_id:        0000:0000:0a0b:0000:0001\n");
-  }
+  expectGolden({"transaction header, version 8",
+                [](ByteOrder o, int32_t c) {
+                  TransMsgDef t;
+                  t.flag = 0x83;
+                  t.segment = 0x1a;
+                  t.micros = 42;
+                  t.lsn.flags = 1;
+                  t.lsn.node = 7;
+                  return encodeTransMsg(t, o, c);
+                },
+                header("RPLKX_TRANS_MSG", 8) +
+                    "  qMsgHeader.msgFlag:    Last message in DB transaction.\n"
+                    "  qMsgHeader.isMultiSubTrans():     TRUE: contains multiple sub-transactions.\n"
+                    "    Parallel send queues enabled.\n"
+                    "qTransMsgHeader.segment_num: 001a\n"
+                    "qTransMsgHeader.commit_LSN:     0000:0000:0000:1234:0000:0000:0000:5678 (node 7)\n"
+                    "qTransMsgHeader.commit_time:    11-14-2023 22:13:20.000042 UTC\n"
+                    "qTransMsgHeader.commit_time:    11-14-2023 22:13:20.000042 LOCALTIME\n"
+                    "qTransMsgHeader.nRows:          0\n"
+                    "qTransMsgHeader.numPartitionNo: 0\n"
+                    "qTransMsgHeader.auth_id:       REPLUSER\n"
+                    "qTransMsgHeader.auth_tkn:      TOKEN1\n"
+                    "qTransMsgHeader.plan_id:       PLAN1\n"
+                    "qTransMsgHeader.uow_id:        0000:0000:0a0b:0000:0001\n"});
 }
 
 TEST_F(TransMsg, Version1HasNoIdentityLinesAndRowsAt32) {
@@ -248,16 +248,25 @@ TEST_F(TransMsg, GenericTransInfo) {
 }
 
 TEST_F(TransMsg, TruncationIsReportedNeverReadPast) {
-  for (Sender s : {kLittleUtf8, kBigEbcdic}) {
-    TransMsgDef t;
-    RowDef r = smallRow(s.order);
-    r.batched = BatchedTransHeaderDef{};
-    t.rows = {r, smallRow(s.order)};
-    expectTruncationReported(encodeTransMsg(t, s.order, s.ccsid), s);
-    StreamedTransMsgDef st;
-    st.rows = {smallRow(s.order)};
-    expectTruncationReported(encodeStreamedTransMsg(st, s.order, s.ccsid), s);
-  }
+  const GoldenCase kCases[] = {
+      {"transaction of two rows, the first with a batched header",
+       [](ByteOrder o, int32_t c) {
+         TransMsgDef t;
+         RowDef r = smallRow(o);
+         r.batched = BatchedTransHeaderDef{};
+         t.rows = {r, smallRow(o)};
+         return encodeTransMsg(t, o, c);
+       },
+       "", nullptr, nullptr, true},
+      {"streamed transaction",
+       [](ByteOrder o, int32_t c) {
+         StreamedTransMsgDef st;
+         st.rows = {smallRow(o)};
+         return encodeStreamedTransMsg(st, o, c);
+       },
+       "", nullptr, nullptr, true},
+  };
+  for (const GoldenCase& c : kCases) expectGolden(c);
 }
 
 }  // namespace
