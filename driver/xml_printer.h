@@ -22,12 +22,19 @@ void printXmlMsg(const char* doc, uint32_t length, const char* queueName, FILE* 
                  char* encodingName, int32_t* msgCounter, int32_t noSizeLine);
 
 // What the last document parsed opened and built: entities (general and parameter, external
-// ones included) and text characters, counted up to the refusal when it was refused.
+// ones included) and text characters, counted up to the refusal when it was refused; and whether
+// it was built as the library's tree (documents with a type declaration, for one) rather than
+// written straight from the parse.
 struct XmlDocumentCounts {
   uint64_t entities = 0;
   uint64_t text = 0;
+  bool tree = false;
 };
 XmlDocumentCounts xmlLastDocumentCounts();
+
+// With `on`, every document is built as the library's tree and written by its serializer, as the
+// printer's own writer is meant to print them (tests compare the two).
+void xmlWriteThroughLibrary(bool on);
 
 // Releases the XML library at the end of the run.
 void xmlShutdown();

@@ -476,7 +476,11 @@ KXLONG deliver(Store& st, const GetArgs& a, const void* md, int64_t length, cons
     sqlite3_blob* b = nullptr;
     int rc = sqlite3_blob_open(st.db(), "main", "messages", "data", seq, 0, &b);
     if (rc == SQLITE_OK && sqlite3_blob_bytes(b) != length) rc = SQLITE_ABORT;
-    if (rc == SQLITE_OK) rc = sqlite3_blob_read(b, a.buffer, int(n), 0);
+    if (rc == SQLITE_OK) {
+      st.readAhead(true);
+      rc = sqlite3_blob_read(b, a.buffer, int(n), 0);
+      st.readAhead(false);
+    }
     sqlite3_blob_close(b);
     if (rc != SQLITE_OK) {
       a.gmo->ReturnedLength = 0;

@@ -31,6 +31,9 @@ constexpr int kMdLength = 364;
 constexpr int kNameLength = 48;
 constexpr int kMsgIdLength = 24;
 
+// The file control that turns the read-ahead of a queue manager file on (1) and off (0).
+constexpr int kReadAheadOp = 0x4b584d01;
+
 // Message states.
 constexpr int kVisible = 0;
 constexpr int kPutPending = 1;
@@ -109,6 +112,9 @@ class Store {
   bool relieve();
 
   sqlite3* db() const { return db_; }
+  // While on, the pages of the file are read in runs (see store.cpp): for the read of one long
+  // message's data, within one transaction.
+  void readAhead(bool on);
 
   // seq, md, length(data), data when length(data) <= ?3 -- of queue ?1 after seq ?2, visible,
   // matching MsgId ?4 and CorrelId ?5 when these are bound, at most ?6 rows.

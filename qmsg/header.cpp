@@ -2,6 +2,7 @@
 #include "qmsg/header.h"
 
 #include "qmsg/compact.h"
+#include "qmsg/scan.h"
 #include "qmsg/sink.h"
 #include "runtime/trace.h"
 
@@ -38,6 +39,7 @@ int32_t printHeader(QMsg& m, O& o, const char* step) {
 
 template int32_t printHeaderLines(QMsg&, TextSink&, bool);
 template int32_t printHeaderLines(QMsg&, JsonSink&, bool);
+template int32_t printHeaderLines(QMsg&, ScanSink&, bool);
 template int32_t printHeader(QMsg&, TextSink&, const char*);
 template int32_t printHeader(QMsg&, JsonSink&, const char*);
 

@@ -3,17 +3,53 @@
 
 #include "qmsg/forms.h"
 
+#include <charconv>
 #include <cmath>
+#include <cstring>
 #include <cstdio>
 #include <ctime>
 
+namespace {
+size_t plainRun(const unsigned char* p, size_t n);
+}  // namespace
+
 void JsonOut::prefix(const char* key) {
-  if (!first_) s_ += ',';
+  const bool comma = !first_;
   first_ = false;
-  if (key != nullptr) {
-    quote(key);
-    s_ += ':';
+  if (key == nullptr) {
+    if (comma) s_ += ',';
+    return;
   }
+  // A key is most often plain ASCII: `,"key":` written in one piece.
+  const size_t n = std::strlen(key);
+  if (plainRun(reinterpret_cast<const unsigned char*>(key), n) == n) {
+    const size_t at = s_.size();
+    s_.resize(at + n + 3 + comma);
+    char* d = s_.data() + at;
+    if (comma) *d++ = ',';
+    *d++ = '"';
+    std::memcpy(d, key, n);
+    d[n] = '"';
+    d[n + 1] = ':';
+    return;
+  }
+  if (comma) s_ += ',';
+  quote(std::string_view(key, n));
+  s_ += ':';
+}
+
+void JsonOut::num(const char* key, int64_t v) {
+  prefix(key);
+  char b[24];
+  auto [end, ec] = std::to_chars(b, b + sizeof b, v);
+  s_.append(b, static_cast<size_t>(end - b));
+}
+
+void JsonOut::unum(const char* key, uint64_t v) {
+  prefix(key);
+  char b[24];
+  auto [end, ec] = std::to_chars(b, b + sizeof b, v);
+  s_.append(b, static_cast<size_t>(end - b));
 }
 
 void JsonOut::real(const char* key, double v) {
@@ -45,17 +81,60 @@ size_t utf8Sequence(const unsigned char* p, size_t left) {
   return n;
 }
 
+// True when one of the eight bytes of `w` needs more than a copy: a control character, a
+// quote, a backslash or a byte of a multi-byte sequence.
+inline bool specialByte(uint64_t w) {
+  constexpr uint64_t kOnes = 0x0101010101010101ull, kHigh = 0x8080808080808080ull;
+  auto zeroByte = [](uint64_t x) { return (x - kOnes) & ~x & kHigh; };
+  const uint64_t atLeast20 = (w & ~kHigh) + kOnes * (0x80 - 0x20);  // high bit: low 7 bits >= 0x20
+  return (w & kHigh) != 0 || (atLeast20 & kHigh) != kHigh || zeroByte(w ^ (kOnes * '"')) != 0 ||
+         zeroByte(w ^ (kOnes * '\\')) != 0;
+}
+
+// Bytes copied as they stand: printable ASCII but the quote and the backslash.
+struct PlainBytes {
+  bool byte[256] = {};
+  constexpr PlainBytes() {
+    for (int c = 0x20; c < 0x80; ++c) byte[c] = c != '"' && c != '\\';
+  }
+};
+constexpr PlainBytes kPlain;
+
+// Length of the plain ASCII run at p (nothing to escape or check), up to n.
+size_t plainRun(const unsigned char* p, size_t n) {
+  size_t run = 0;
+  while (run + 8 <= n) {
+    uint64_t w;
+    std::memcpy(&w, p + run, 8);
+    if (specialByte(w)) break;
+    run += 8;
+  }
+  while (run < n && kPlain.byte[p[run]]) ++run;
+  return run;
+}
+
 }  // namespace
 
 void JsonOut::quote(std::string_view text) {
   static const char kHex[] = "0123456789abcdef";
-  s_ += '"';
   const unsigned char* p = reinterpret_cast<const unsigned char*>(text.data());
   size_t n = text.size();
-  for (size_t i = 0; i < n;) {
+  size_t i = plainRun(p, n);
+  if (i == n) {
+    // Plain ASCII, the most common value: quoted in one piece.
+    const size_t at = s_.size();
+    s_.resize(at + n + 2);
+    char* d = s_.data() + at;
+    d[0] = '"';
+    if (n > 0) std::memcpy(d + 1, text.data(), n);
+    d[n + 1] = '"';
+    return;
+  }
+  s_ += '"';
+  s_.append(text.data(), i);
+  while (i < n) {
     // Plain ASCII goes over in runs: most names and values are nothing else.
-    size_t run = i;
-    while (run < n && p[run] >= 0x20 && p[run] < 0x80 && p[run] != '"' && p[run] != '\\') ++run;
+    const size_t run = i + plainRun(p + i, n - i);
     if (run > i) {
       s_.append(text.data() + i, run - i);
       i = run;

@@ -54,8 +54,8 @@ class JsonOut {
   // True when the innermost open container is an object (members need keys).
   bool inObject() const { return depth_ > 0 && stack_[depth_ - 1] == '{'; }
 
-  void num(const char* key, int64_t v) { prefix(key); s_ += std::to_string(v); }
-  void unum(const char* key, uint64_t v) { prefix(key); s_ += std::to_string(v); }
+  void num(const char* key, int64_t v);
+  void unum(const char* key, uint64_t v);
   void real(const char* key, double v);
   void boolean(const char* key, bool v) { prefix(key); s_ += v ? "true" : "false"; }
   void null(const char* key) { prefix(key); s_ += "null"; }

@@ -659,3 +659,7 @@ int32_t printTransRow(QMsg& m, size_t at, uint16_t version) {
   TextSink o(m.out);
   return printTransRow(m, o, at, version);
 }
+
+const char* rowOperationName(uint8_t operation) {
+  return nameOf(kRowOperations, operation, "Unexpected");
+}

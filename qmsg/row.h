@@ -6,6 +6,8 @@
 
 #include "qmsg/msg.h"
 
+// The name of a row operation as the row printer gives it ("INSERT", "KEY UPDATE", ...).
+const char* rowOperationName(uint8_t operation);
 // Offset of the first column set from the row start for a message of layout `version`.
 size_t rowColumnSetsOffset(uint16_t version);
 

@@ -9,6 +9,7 @@
 #include "qmsg/forms.h"
 #include "qmsg/header.h"
 #include "qmsg/row.h"
+#include "qmsg/scan.h"
 #include "qmsg/sink.h"
 #include "qmsg/trans.h"
 #include "runtime/trace.h"
@@ -412,6 +413,8 @@ template int32_t printTransMsgHeader(QMsg&, TextSink&, bool);
 template int32_t printTransMsgHeader(QMsg&, JsonSink&, bool);
 template int32_t printStreamedTransMsgHeader(QMsg&, TextSink&, bool);
 template int32_t printStreamedTransMsgHeader(QMsg&, JsonSink&, bool);
+template int32_t printTransMsgHeader(QMsg&, ScanSink&, bool);
+template int32_t printStreamedTransMsgHeader(QMsg&, ScanSink&, bool);
 
 int32_t printTransMsgHeader(QMsg& m, bool noPosTime) {
   TextSink o(m.out);

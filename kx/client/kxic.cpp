@@ -207,6 +207,14 @@ KXLONG deliver(const GetArgs& a, std::string_view md, int64_t length, const char
   return n < length ? KXRC_TRUNCATED_MSG_ACCEPTED : 0;
 }
 
+// The caller's buffer as the place where a long message's data is read to from the socket.
+BulkSink sinkFor(const GetArgs& a) {
+  BulkSink s;
+  s.buffer = static_cast<char*>(a.buffer);
+  s.capacity = a.buffer && a.bufferLength > 0 ? size_t(a.bufferLength) : 0;
+  return s;
+}
+
 bool matches(const GetArgs& a, std::string_view md) {
   if ((a.gmo->MatchOptions & KXMO_MATCH_MSG_ID) &&
       md.substr(offsetof(KXMD, MsgId), kMsgIdLength) != bytes(a.md->MsgId, kMsgIdLength))
@@ -230,10 +238,11 @@ KXLONG getDestructive(Connection& c, Object& o, const GetArgs& a, bool syncpoint
   if (a.gmo->MatchOptions & KXMO_MATCH_MSG_ID) mid = bytes(a.md->MsgId, kMsgIdLength);
   if (a.gmo->MatchOptions & KXMO_MATCH_CORREL_ID) cid = bytes(a.md->CorrelId, kMsgIdLength);
   std::string owners = c.prefix + "owners";
+  BulkSink sink = sinkFor(a);
   Reply r = evalScript(c.link, c.get,
                        {o.keys.q, o.keys.gl, o.keys.pl, owners, o.keys.w, o.keys.h, o.keys.z,
                         o.keys.b},
-                       {limit, syncpoint ? std::string_view(c.token) : "", ttl, mid, cid});
+                       {limit, syncpoint ? std::string_view(c.token) : "", ttl, mid, cid}, &sink);
   if (!r || r->type != REDIS_REPLY_ARRAY || r->elements < 3 ||
       r->element[0]->type != REDIS_REPLY_INTEGER)
     return failureOf(r);
@@ -256,7 +265,10 @@ KXLONG getDestructive(Connection& c, Object& o, const GetArgs& a, bool syncpoint
     a.gmo->ReturnedLength = 0;
     return KXRC_TRUNCATED_MSG_FAILED;
   }
-  KXLONG reason = deliver(a, text(e[2]), int64_t(e[3]->len), e[3]->str);
+  if (e[3]->type != REDIS_REPLY_STRING) return KXRC_UNEXPECTED_ERROR;
+  // A long message's data is in the caller's buffer already.
+  KXLONG reason = sink.taken ? deliver(a, text(e[2]), int64_t(sink.length), nullptr)
+                             : deliver(a, text(e[2]), int64_t(e[3]->len), e[3]->str);
   if (syncpoint) c.work[o.name].gets.emplace_back(text(e[1]));
   dropBatches(c, o.keys.c);
   return reason;
@@ -303,7 +315,8 @@ KXLONG deliverEntry(Connection& c, Object& o, const GetArgs& a, redisReply** e) 
   if ((length > a.bufferLength && !(a.gmo->Options & KXGMO_ACCEPT_TRUNCATED_MSG)) ||
       a.bufferLength == 0)
     return deliver(a, text(e[1]), length, nullptr);
-  Reply r = c.link.command({"XRANGE", o.keys.q, text(e[0]), text(e[0])});
+  BulkSink sink = sinkFor(a);
+  Reply r = c.link.command({"XRANGE", o.keys.q, text(e[0]), text(e[0])}, nullptr, &sink);
   if (!r || r->type != REDIS_REPLY_ARRAY) return failureOf(r);
   if (r->elements == 0) return kGone;
   redisReply* entry = r->element[0];
@@ -313,6 +326,11 @@ KXLONG deliverEntry(Connection& c, Object& o, const GetArgs& a, redisReply** e) 
   redisReply* f = entry->element[1];
   for (size_t i = 0; i + 1 < f->elements; i += 2) {
     if (text(f->element[i]) != "data") continue;
+    // The sink takes the first long string: the data, the descriptor before it being short.
+    if (sink.taken) {
+      if (int64_t(sink.length) != length) return kGone;
+      return deliver(a, text(e[1]), length, nullptr);
+    }
     if (int64_t(f->element[i + 1]->len) != length) return kGone;
     return deliver(a, text(e[1]), length, f->element[i + 1]->str);
   }

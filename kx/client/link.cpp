@@ -302,6 +302,15 @@ void Wire::close() {
   fd_ = -1;
   if (reader_) redisReaderFree(reader_);
   reader_ = nullptr;
+  resetScan();
+}
+
+void Wire::resetScan() {
+  scan_ = Scan::Line;
+  line_.clear();
+  left_ = 0;
+  sink_ = nullptr;
+  sunk_ = 0;
 }
 
 // Waits until the socket is ready for `events` or the deadline passes.
@@ -596,14 +605,14 @@ int32_t Wire::handshake(const ServerAddress& addr, const std::string& where, int
   return 0;
 }
 
-bool Wire::sendAll(const std::string& bytes, int64_t deadline) {
+bool Wire::sendAll(const char* bytes, size_t size, int64_t deadline) {
   size_t done = 0;
   SSL* ssl = static_cast<SSL*>(ssl_);
-  while (done < bytes.size()) {
+  while (done < size) {
     if (ssl) {
       ERR_clear_error();
-      size_t chunk = std::min<size_t>(bytes.size() - done, 1 << 30);
-      int n = SSL_write(ssl, bytes.data() + done, int(chunk));
+      size_t chunk = std::min<size_t>(size - done, 1 << 30);
+      int n = SSL_write(ssl, bytes + done, int(chunk));
       if (n > 0) {
         done += size_t(n);
         continue;
@@ -616,7 +625,7 @@ bool Wire::sendAll(const std::string& bytes, int64_t deadline) {
       tlsError_ = err == SSL_ERROR_SSL;
       return fail(err == SSL_ERROR_SSL ? sslErrors() : "connection lost");
     }
-    ssize_t n = send(fd_, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
+    ssize_t n = send(fd_, bytes + done, size - done, MSG_NOSIGNAL);
     if (n > 0) {
       done += size_t(n);
       continue;
@@ -698,7 +707,7 @@ int Wire::readSome(int64_t deadline, bool wait) {
       fail("no reply within " + std::to_string(timeoutMs_) + " ms");
       return -1;
     }
-    if (redisReaderFeed(reader_, buf, size_t(n)) != REDIS_OK) {
+    if (!feed(buf, size_t(n))) {
       fail("out of memory");
       return -1;
     }
@@ -706,8 +715,75 @@ int Wire::readSome(int64_t deadline, bool wait) {
   }
 }
 
+bool Wire::feed(const char* p, size_t size) {
+  const char* end = p + size;
+  toParser_.clear();
+  while (p < end) {
+    size_t avail = size_t(end - p);
+    if (scan_ == Scan::Payload) {
+      size_t k = size_t(std::min<uint64_t>(left_, avail));
+      toParser_.append(p, k);
+      p += k;
+      left_ -= k;
+      if (left_ == 0) scan_ = Scan::Line;
+      continue;
+    }
+    if (scan_ == Scan::Sink) {
+      size_t k = size_t(std::min<uint64_t>(left_, avail));
+      // The payload's bytes go to the buffer as far as it takes them; its CRLF is dropped.
+      uint64_t payloadLeft = left_ > 2 ? left_ - 2 : 0;
+      size_t data = size_t(std::min<uint64_t>(k, payloadLeft));
+      if (sink_ && sunk_ < sink_->capacity) {
+        size_t c = std::min(data, sink_->capacity - sunk_);
+        memcpy(sink_->buffer + sunk_, p, c);
+      }
+      sunk_ += data;
+      p += k;
+      left_ -= k;
+      if (left_ == 0) {
+        // The parser gets the empty string standing for it only now, so that the reply is not
+        // complete before its data is.
+        toParser_.append("$0\r\n\r\n");
+        scan_ = Scan::Line;
+      }
+      continue;
+    }
+    // A line: the type byte, its text or length, CRLF. Bulk strings ('$'; '=' and '!' in the
+    // third protocol version) have a payload of that length after it.
+    const char* nl = static_cast<const char*>(memchr(p, '\n', avail));
+    const char* stop = nl ? nl + 1 : end;
+    line_.append(p, size_t(stop - p));
+    p = stop;
+    if (!nl) break;
+    char type = line_[0];
+    int64_t n = -1;
+    if (type == '$' || type == '=' || type == '!') {
+      char* after = nullptr;
+      errno = 0;
+      long long v = strtoll(line_.c_str() + 1, &after, 10);
+      if (errno == 0 && after && *after == '\r') n = v;
+    }
+    if (n >= 0 && type == '$' && sink_ && !sink_->taken && uint64_t(n) >= sink_->from) {
+      sink_->taken = true;
+      sink_->length = size_t(n);
+      sunk_ = 0;
+      scan_ = Scan::Sink;
+      left_ = uint64_t(n) + 2;
+    } else {
+      toParser_.append(line_);
+      if (n >= 0) {
+        scan_ = Scan::Payload;
+        left_ = uint64_t(n) + 2;
+      }
+    }
+    line_.clear();
+  }
+  return toParser_.empty() ||
+         redisReaderFeed(reader_, toParser_.data(), toParser_.size()) == REDIS_OK;
+}
+
 std::vector<Reply> Wire::exchange(const std::vector<std::vector<std::string_view>>& commands,
-                                  int extraMs) {
+                                  int extraMs, BulkSink* sink) {
   std::vector<Reply> out;
   if (fd_ < 0 || !reader_) {
     if (lastError_.empty()) lastError_ = "not connected";
@@ -715,26 +791,33 @@ std::vector<Reply> Wire::exchange(const std::vector<std::vector<std::string_view
   }
   tlsError_ = false;
   int64_t deadline = nowMs() + timeoutMs_ + extraMs;
+  // The commands in the protocol's form; a long argument is sent from where it stands.
   std::string bytes;
-  std::vector<const char*> argv;
-  std::vector<size_t> lens;
   for (const auto& args : commands) {
-    argv.resize(args.size());
-    lens.resize(args.size());
-    for (size_t i = 0; i < args.size(); ++i) {
-      argv[i] = args[i].data();
-      lens[i] = args[i].size();
+    bytes += '*';
+    bytes += std::to_string(args.size());
+    bytes += "\r\n";
+    for (std::string_view a : args) {
+      bytes += '$';
+      bytes += std::to_string(a.size());
+      bytes += "\r\n";
+      if (a.size() >= kSendInPlaceFrom) {
+        if (!sendAll(bytes.data(), bytes.size(), deadline) || !sendAll(a.data(), a.size(), deadline))
+          return out;
+        bytes.clear();
+      } else {
+        bytes.append(a);
+      }
+      bytes += "\r\n";
     }
-    char* cmd = nullptr;
-    int len = redisFormatCommandArgv(&cmd, int(args.size()), argv.data(), lens.data());
-    if (len < 0 || !cmd) {
-      fail("out of memory");
-      return out;
-    }
-    bytes.append(cmd, size_t(len));
-    redisFreeCommand(cmd);
   }
-  if (!sendAll(bytes, deadline)) return out;
+  if (!sendAll(bytes.data(), bytes.size(), deadline)) return out;
+  sink_ = sink;
+  if (sink) sink->taken = false;
+  struct Unsink {
+    BulkSink*& s;
+    ~Unsink() { s = nullptr; }
+  } unsink{sink_};
   while (out.size() < commands.size()) {
     void* r = nullptr;
     if (redisReaderGetReply(reader_, &r) != REDIS_OK) {
@@ -812,7 +895,8 @@ bool Link::moveTo(std::string_view target, Wire& wire) {
   return true;
 }
 
-Reply Link::run(const std::vector<std::string_view>& args, int extraMs, const char* scriptText) {
+Reply Link::run(const std::vector<std::string_view>& args, int extraMs, const char* scriptText,
+                BulkSink* sink) {
   NoSigpipe guard;
   int64_t giveUp = nowMs() + addr_.timeoutMs + extraMs;
   int redirects = 0;
@@ -821,8 +905,8 @@ Reply Link::run(const std::vector<std::string_view>& args, int extraMs, const ch
   Wire* target = &node_;
   bool asking = false;
   for (;;) {
-    std::vector<Reply> rs = asking ? target->exchange({{"ASKING"}, args}, extraMs)
-                                   : target->exchange({args}, extraMs);
+    std::vector<Reply> rs = asking ? target->exchange({{"ASKING"}, args}, extraMs, sink)
+                                   : target->exchange({args}, extraMs, sink);
     if (rs.empty()) {
       lastError_ = target->lastError();
       close();
@@ -871,12 +955,13 @@ Reply Link::run(const std::vector<std::string_view>& args, int extraMs, const ch
   }
 }
 
-Reply Link::command(const std::vector<std::string_view>& args, const char* scriptText) {
+Reply Link::command(const std::vector<std::string_view>& args, const char* scriptText,
+                    BulkSink* sink) {
   if (!node_.usable()) {
     if (lastError_.empty()) lastError_ = "not connected";
     return nullptr;
   }
-  return run(args, 0, scriptText);
+  return run(args, 0, scriptText, sink);
 }
 
 Reply Link::commandWithin(const std::vector<std::string_view>& args, int extraMs) {
@@ -937,7 +1022,7 @@ bool Link::pollMessages(std::vector<std::string>& channels) {
 }
 
 Reply evalScript(Link& link, Script& script, const std::vector<std::string_view>& keys,
-                 const std::vector<std::string_view>& args) {
+                 const std::vector<std::string_view>& args, BulkSink* sink) {
   if (script.sha.empty()) {
     Reply loaded = link.command({"SCRIPT", "LOAD", script.text});
     if (!loaded || loaded->type != REDIS_REPLY_STRING) return loaded;
@@ -953,7 +1038,7 @@ Reply evalScript(Link& link, Script& script, const std::vector<std::string_view>
   argv.insert(argv.end(), args.begin(), args.end());
   // A node that does not have the script (restarted, flushed, or another node of a cluster)
   // gets it loaded and runs it again.
-  return link.command(argv, script.text);
+  return link.command(argv, script.text, sink);
 }
 
 }  // namespace kxic

@@ -61,6 +61,22 @@ using Reply = std::unique_ptr<redisReply, ReplyFree>;
 // The reason for an error reply.
 int32_t errorReason(const redisReply* r);
 
+// Where one long bulk string of a reply goes instead of into the reply: the first bulk string
+// of at least `from` bytes is written into `buffer` as it arrives from the socket (as much as
+// `capacity` takes; the rest is read and dropped) and stands in the reply as an empty string.
+// A long message is then held once, in its caller's buffer, not by the parser and the reply too.
+struct BulkSink {
+  char* buffer = nullptr;
+  size_t capacity = 0;
+  size_t from = 64 * 1024;
+  bool taken = false;  // a bulk string went to the buffer
+  size_t length = 0;   // its full length
+};
+
+// Bulk strings of a command at least this long are written from the caller's memory, not
+// copied into the formatted command first.
+constexpr size_t kSendInPlaceFrom = 64 * 1024;
+
 // One connection to one server node: the socket, the TLS session over it, the reply parser.
 class Wire {
  public:
@@ -78,15 +94,19 @@ class Wire {
   int port() const { return port_; }
 
   // Sends the commands and reads as many replies, all before now + timeout + extraMs. Empty on
-  // a failure: the connection is closed and lastError() says why.
+  // a failure: the connection is closed and lastError() says why. `sink`: where the first long
+  // bulk string of the replies goes.
   std::vector<Reply> exchange(const std::vector<std::vector<std::string_view>>& commands,
-                              int extraMs);
+                              int extraMs, BulkSink* sink = nullptr);
   // Reads the replies that have arrived, without waiting. False when the connection failed.
   bool drain(std::vector<Reply>& out);
   const std::string& lastError() const { return lastError_; }
 
  private:
-  bool sendAll(const std::string& bytes, int64_t deadline);
+  bool sendAll(const char* bytes, size_t size, int64_t deadline);
+  // Passes bytes read from the server to the reply parser, all but a sunk bulk string's.
+  bool feed(const char* bytes, size_t size);
+  void resetScan();
   // Reads what is there (waiting until the deadline when wait is set); false on failure.
   int readSome(int64_t deadline, bool wait);
   bool fail(const std::string& why);
@@ -103,6 +123,15 @@ class Wire {
   int firstByte_ = -1;     // the first byte the server sent: TLS records and replies differ
   bool tlsError_ = false;  // the last failure came from the TLS session
   std::string lastError_;
+  // Where the bytes from the server stand in the protocol: in a line (a reply's type and
+  // header), in a bulk string's payload (with its closing CRLF), or in one going to the sink.
+  enum class Scan { Line, Payload, Sink };
+  Scan scan_ = Scan::Line;
+  std::string line_;      // the line read so far
+  uint64_t left_ = 0;     // payload bytes still to come, CRLF included
+  BulkSink* sink_ = nullptr;
+  size_t sunk_ = 0;       // payload bytes of the sunk string read so far
+  std::string toParser_;  // bytes for the parser, gathered over one read
 };
 
 class Link {
@@ -120,7 +149,8 @@ class Link {
   // One command, binary safe. A null reply means the connection failed; it is closed and
   // lastError() says why. The reply may be an error reply. `scriptText`: the script an
   // EVALSHA runs, loaded on a node that does not have it.
-  Reply command(const std::vector<std::string_view>& args, const char* scriptText = nullptr);
+  Reply command(const std::vector<std::string_view>& args, const char* scriptText = nullptr,
+                BulkSink* sink = nullptr);
   // Several commands in one round trip; replies in order, or empty on a connection failure.
   std::vector<Reply> pipeline(const std::vector<std::vector<std::string_view>>& commands);
   // Runs `args` with a reply timeout extended by extraMs (blocking reads).
@@ -136,7 +166,8 @@ class Link {
   ServerAddress address() const;
 
  private:
-  Reply run(const std::vector<std::string_view>& args, int extraMs, const char* scriptText);
+  Reply run(const std::vector<std::string_view>& args, int extraMs, const char* scriptText,
+            BulkSink* sink = nullptr);
   bool moveTo(std::string_view target, Wire& wire);
 
   Wire node_;  // the node that holds the queue manager's slot, as far as we know
@@ -153,6 +184,6 @@ struct Script {
 
 // Runs `script` with `keys` and `args`. Null reply: connection failure (see Link::command).
 Reply evalScript(Link& link, Script& script, const std::vector<std::string_view>& keys,
-                 const std::vector<std::string_view>& args);
+                 const std::vector<std::string_view>& args, BulkSink* sink = nullptr);
 
 }  // namespace kxic

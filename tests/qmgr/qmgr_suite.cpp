@@ -335,6 +335,65 @@ INSTANTIATE_TEST_SUITE_P(
                       Reader{"GetUnderSyncpoint", KXGMO_SYNCPOINT, KXMO_NONE}),
     [](const ::testing::TestParamInfo<Reader>& info) { return std::string(info.param.name); });
 
+// Long messages whose pages are those freed by others got before them, interleaved in the file:
+// browsed and got back byte for byte, while a second connection puts and gets meanwhile.
+TEST_F(QmgrTest, LongMessagesOnFreedPagesComeBackWhole) {
+  KXHCONN h = connect(qmgr_);
+  KXHOBJ o = open(h, "Q1", KXOO_OUTPUT | KXOO_BROWSE | KXOO_INPUT_SHARED);
+  constexpr size_t kLong = (3 << 20) + 17;
+  for (unsigned i = 0; i < 6; ++i) ASSERT_EQ(put(h, o, patterned(kLong / 2 + i, i)).cc, KXCC_OK);
+  for (unsigned i = 0; i < 6; ++i) ASSERT_EQ(get(h, o, 0, KXLONG(kLong)).r.cc, KXCC_OK);
+  std::vector<std::string> sent;
+  for (unsigned i = 0; i < 3; ++i) {
+    sent.push_back(patterned(kLong + i, 10 + i));
+    ASSERT_EQ(put(h, o, sent.back()).cc, KXCC_OK);
+  }
+  std::vector<std::string> browsed;
+  for (KXLONG opt = KXGMO_BROWSE_FIRST;; opt = KXGMO_BROWSE_NEXT) {
+    Got g = get(h, o, opt, KXLONG(kLong + 8));
+    if (g.r.cc != KXCC_OK) break;
+    browsed.push_back(g.data);
+    // Another connection changes the file between the reads.
+    onOwnConnection(qmgr_, [](KXHCONN c) {
+      KXHOBJ q = open(c, "Q2", KXOO_OUTPUT | KXOO_INPUT_SHARED);
+      put(c, q, patterned(100000, 3));
+      return get(c, q, 0, 200000).r.cc;
+    });
+  }
+  ASSERT_EQ(browsed.size(), sent.size());
+  for (size_t i = 0; i < sent.size(); ++i) {
+    EXPECT_TRUE(browsed[i] == sent[i]) << "browsed message " << i << " differs";
+    Got g = get(h, o, 0, KXLONG(kLong + 8));
+    EXPECT_TRUE(g.data == sent[i]) << "got message " << i << " differs";
+  }
+  disconnect(h);
+}
+
+// A long message got into a buffer that takes only its start (none of it, a little, all but one
+// byte): the start and the whole length come back with the warning and the rest is dropped; the
+// get backed out gives the message back whole, counted, and the message after it is intact.
+TEST_F(QmgrTest, ALongMessageCutShortByAGetComesBackWholeAfterTheBackOut) {
+  KXHCONN h = connect(qmgr_);
+  KXHOBJ o = open(h, "Q1", KXOO_OUTPUT | KXOO_INPUT_SHARED);
+  const std::string big = patterned((4 << 20) + 1, 7);
+  for (KXLONG room : {KXLONG(0), KXLONG(1000), KXLONG(big.size() - 1)}) {
+    ASSERT_EQ(put(h, o, big).cc, KXCC_OK);
+    ASSERT_EQ(put(h, o, "after").cc, KXCC_OK);
+    Got g = get(h, o, KXGMO_SYNCPOINT | KXGMO_ACCEPT_TRUNCATED_MSG, room);
+    EXPECT_EQ(g.r.rc, KXRC_TRUNCATED_MSG_ACCEPTED) << room;
+    EXPECT_EQ(g.dataLength, KXLONG(big.size())) << room;
+    EXPECT_TRUE(g.data == big.substr(0, size_t(room))) << room;
+    EXPECT_EQ(backOut(h).cc, KXCC_OK) << room;
+    g = get(h, o, KXGMO_NO_SYNCPOINT, KXLONG(big.size()));
+    ASSERT_EQ(g.r.cc, KXCC_OK) << room << " reason " << g.r.rc;
+    EXPECT_EQ(g.md.BackoutCount, 1) << room;
+    EXPECT_TRUE(g.data == big) << room;
+    EXPECT_EQ(get(h, o, KXGMO_NO_SYNCPOINT).data, "after") << room;
+  }
+  EXPECT_EQ(depth(h, "Q1"), 0);
+  disconnect(h);
+}
+
 // Puts under syncpoint, big and small mixed: hidden until the commit, then in their order, byte
 // for byte; a back-out leaves nothing.
 TEST_F(QmgrTest, BigSyncpointPutsKeepTheirOrderAndBackOutWhole) {

@@ -120,6 +120,16 @@ $(diff "$work/$q.byjq" "$work/$q.bysum")"
     [ "$byjq" = "$bysum" ] || fail "$q: $op rows: $bysum in the summary, $byjq in the export"
   done
   [ "$(jq '.subscriptions[0].table' "$work/$q.sum.json")" = '"SHOP.ORDERS"' ] || fail "$q: summary's table"
+  # Transactions per subscription are the export's units of work with rows of it: a streamed
+  # transaction sent in several messages is one; a message without a unit of work is one.
+  byjq=$(jq -rs '[.[] | select(.rows) | (.uow_id // .uowID // "") as $u |
+          (if ($u | test("^0*$")) then "message \(.kxmd.position)" else $u end) as $t |
+          .rows[] | "\(.sub_id)|\($t)"] | unique | group_by(split("|")[0] | tonumber) |
+          .[] | "\(.[0] | split("|")[0]) \(length)"' "$work/$q.jsonl")
+  bysum=$(jq -r '.subscriptions[] | "\(.sub_id) \(.transactions)"' "$work/$q.sum.json")
+  [ -n "$bysum" ] && [ "$byjq" = "$bysum" ] || fail "$q: transactions: $bysum in the summary, $byjq in the export"
+  [ "$(jq -s '[.[] | select(.msgtype_code == 130)] | length' "$work/$q.jsonl")" -gt 1 ] ||
+    fail "$q: no transaction sent in several messages in the traffic"
 
   # --lsn: the transactions of an LSN range, by their commit LSN.
   lsns=$(jq -r 'select(.commit_LSN) | .commit_LSN' "$work/$q.jsonl")

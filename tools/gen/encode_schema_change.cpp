@@ -111,7 +111,6 @@ MsgWriter sampleAddColumnMsg(ByteOrder order, int32_t ccsid) {
   f.typeLen = 64;
   f.codepage = 1208;
   f.hasDefault = 1;
-  f.charSubtype = "S";
   f.defaultVal = "'none'";
   f.beforeColName = "STATUS";
   f.colAttribFlags = 0;

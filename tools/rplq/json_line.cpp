@@ -97,7 +97,11 @@ std::string textToUtf8(const uint8_t* data, size_t length, int32_t ccsid) {
 
 int32_t messageJson(const KXMD& md, uint8_t* data, size_t length, int64_t position, ConvMgr& cm,
                     std::string& line) {
-  JsonOut o;
+  // Kept from message to message: their text keeps its room, so a line is built without
+  // growing a fresh buffer piece by piece.
+  thread_local JsonOut o;
+  thread_local JsonOut compact;
+  o.clear();
   o.beginObject();
   descriptor(o, md, position, length);
   int32_t rc = 0;
@@ -106,7 +110,7 @@ int32_t messageJson(const KXMD& md, uint8_t* data, size_t length, int64_t positi
     enc.setup(md.CodedCharSetId);
     enc.outCcsid = kCcsidUtf8;
     enc.flags = littleEndianEncoding(md.Encoding) ? kEncMachineOrder : 0;
-    JsonOut compact;
+    compact.clear();
     rc = renderCompactJson(data, length, enc, cm, compact);
     // The compact object's members join the descriptor's object: "{...}\n" without its braces.
     const std::string& s = compact.str();

@@ -30,6 +30,7 @@
 #include "driver/xml_printer.h"
 #include "qmsg/compact.h"
 #include "qmsg/header.h"
+#include "qmsg/scan.h"
 #include "runtime/catalog.h"
 #include "runtime/conv.h"
 #include "runtime/trace.h"
@@ -52,6 +53,8 @@ constexpr KXLONG kFollowWaitMs = 250;
 // A queue manager that stays unavailable is tried for about two seconds, not ten.
 constexpr int kConnectRetryDelayMs = 200;
 constexpr uint8_t kTypeSchema = 1;
+constexpr uint8_t kTypeTrans = 128;
+constexpr uint8_t kTypeStreamedTrans = 130;
 
 volatile std::sig_atomic_t g_stopRequested = 0;
 
@@ -297,6 +300,15 @@ class Run {
   bool selected(const KXMD& md, const uint8_t* data, size_t length);
   std::set<int64_t> selectedSubs() const;
   void renderTyped(const KXMD& md, const uint8_t* data, size_t length);
+  // The light pass over a transaction or streamed transaction message (scanned_); false when
+  // it could not walk the message, which is then rendered as a whole instead.
+  bool scan(const KXMD& md, const uint8_t* data, size_t length);
+  // False when the message cannot hold a row that --where selects: the value is an integer,
+  // every column of that name in the schemas met is an integer column, and the message holds
+  // none of the value's byte forms (integers travel as they are, in the sender's byte order).
+  bool mayMatch(const KXMD& md, const uint8_t* data, size_t length);
+  // The rows of the scanned message that --where and the subscriptions select, 1-based.
+  std::vector<int> scannedMatches(const std::set<int64_t>* subs, bool byValue) const;
   bool parseTyped();
   // Decodes a subscription schema message into the schema cache and learns its names.
   void learnSchema(const KXMD& md, const uint8_t* data, size_t length);
@@ -322,6 +334,16 @@ class Run {
   nlohmann::json typed_;       // its typed fields, once read
   bool parsed_ = false;
   bool haveTyped_ = false;
+  ScanResult scan_;            // the light pass's reading of the message in hand
+  bool scanned_ = false;
+  // The --where pre-check: the schemas it was worked out for (their count of changes) and the
+  // sender's code page and byte order, whether it applies, and the value's byte forms.
+  uint64_t schemaChanges_ = 0;
+  uint64_t precheckChanges_ = ~uint64_t{0};
+  int32_t precheckCcsid_ = 0;
+  bool precheckLittle_ = false;
+  bool precheckActive_ = false;
+  std::vector<std::string> wireForms_;
   std::string prefilter_ = wherePrefilter(o_);
   int32_t typedRc_ = 0;
   std::string typedWhy_;
@@ -401,24 +423,43 @@ bool Run::grow(size_t need) {
 bool Run::selected(const KXMD& md, const uint8_t* data, size_t length) {
   matchedRows_.clear();
   haveTyped_ = false;
+  scanned_ = false;
+  typedText_.clear();
+  typedRc_ = 0;
   if (position_ < o_.from) return false;
   const bool compact = formatIs(md, KXFMT_COMPACT) && length >= kHeaderSize;
   if (o_.typeFilter && (!compact || !o_.types.test(data[4]))) return false;
   const bool rowOptions = o_.hasWhere || !o_.sub.empty() || !o_.table.empty() || o_.hasLsn;
   if (rowOptions && !compact) return false;
-  if (compact && (rowOptions || o_.hasSince || o_.hasUntil || o_.summary)) {
-    renderTyped(md, data, length);
-    // Most messages hold no row with the value: they are told by their text, unread.
-    if (!o_.summary && !prefilter_.empty() && typedText_.str().find(prefilter_) == std::string::npos)
+  const bool byTime = o_.hasSince || o_.hasUntil;
+  if (compact && (rowOptions || byTime || o_.summary)) {
+    const uint8_t type = data[4];
+    if (type == kTypeTrans || type == kTypeStreamedTrans) {
+      if (o_.hasWhere && !mayMatch(md, data, length)) return false;
+      // Transactions are read by the light pass; one it cannot walk is rendered whole.
+      if (!scan(md, data, length)) {
+        renderTyped(md, data, length);
+        if (!o_.summary && !prefilter_.empty() && typedText_.str().find(prefilter_) == std::string::npos)
+          return false;
+        if (rowOptions || byTime) parseTyped();
+      }
+    } else if (o_.hasWhere || o_.hasLsn) {
+      // Only transaction messages have rows and a commit LSN.
       return false;
-    // A summary without other typed options reads the rendering as a stream instead.
-    if (rowOptions || o_.hasSince || o_.hasUntil) parseTyped();
+    } else if (rowOptions || o_.summary) {
+      // Other messages name their subscription, or are checked for the summary, in their
+      // rendering. A commit time is a transaction's: the others are placed by their put time.
+      renderTyped(md, data, length);
+      if (rowOptions) parseTyped();
+    }
   }
 
-  if (o_.hasSince || o_.hasUntil) {
+  if (byTime) {
     Micros at = 0;
     bool known = false;
-    if (haveTyped_) {
+    if (scanned_) {
+      known = !scan_.fields.commitTime.empty() && parseIsoTime(scan_.fields.commitTime, at);
+    } else if (haveTyped_) {
       auto commit = typed_.find("commit_time");
       known = commit != typed_.end() && commit->is_string() &&
               parseIsoTime(commit->get<std::string>(), at);
@@ -428,23 +469,126 @@ bool Run::selected(const KXMD& md, const uint8_t* data, size_t length) {
     if (o_.hasUntil && at > o_.until) return false;
   }
   if (!rowOptions) return true;
-  if (!haveTyped_) return false;
+  if (!haveTyped_ && !scanned_) return false;
 
   if (o_.hasLsn) {
-    auto lsn = typed_.find("commit_LSN");
-    if (lsn == typed_.end() || !lsn->is_string()) return false;
-    const std::string key = lsnKey(lsn->get<std::string>());
+    std::string printed;
+    if (scanned_) {
+      printed = scan_.fields.commitLsn;
+    } else {
+      auto lsn = typed_.find("commit_LSN");
+      if (lsn == typed_.end() || !lsn->is_string()) return false;
+      printed = lsn->get<std::string>();
+    }
+    if (printed.empty()) return false;
+    const std::string key = lsnKey(printed);
     if (!o_.lsnFrom.empty() && key < o_.lsnFrom) return false;
     if (!o_.lsnTo.empty() && key > o_.lsnTo) return false;
   }
   const bool bySub = !o_.sub.empty() || !o_.table.empty();
   std::set<int64_t> subs;
   if (bySub) subs = selectedSubs();
+  if (scanned_) {
+    if (!o_.hasWhere && !bySub) return true;
+    matchedRows_ = scannedMatches(bySub ? &subs : nullptr, o_.hasWhere);
+    const bool any = !matchedRows_.empty();
+    if (!o_.hasWhere) matchedRows_.clear();
+    return any;
+  }
   if (o_.hasWhere) {
     matchedRows_ = matchingRows(typed_, o_.whereColumn, o_.whereValue, bySub ? &subs : nullptr);
     return !matchedRows_.empty();
   }
   return !bySub || ofSubscriptions(typed_, subs);
+}
+
+std::vector<int> Run::scannedMatches(const std::set<int64_t>* subs, bool byValue) const {
+  std::vector<int> hits;
+  int index = 0;
+  for (const ScanRow& row : scan_.rows) {
+    ++index;
+    if (subs != nullptr && subs->count(row.subId) == 0) continue;
+    bool hit = !byValue;
+    for (uint32_t v = 0; v < row.valueCount && !hit; ++v)
+      hit = renderedValueReads(scan_.value(row.firstValue + v), o_.whereValue);
+    if (hit) hits.push_back(index);
+  }
+  return hits;
+}
+
+// The value as an integer when its text is the one the JSON rendering gives that integer.
+bool canonicalInteger(const std::string& text, int64_t& value) {
+  if (text.empty() || text.size() > 20) return false;
+  errno = 0;
+  char* end = nullptr;
+  long long v = std::strtoll(text.c_str(), &end, 10);
+  if (errno != 0 || *end != '\0' || std::to_string(v) != text) return false;
+  value = v;
+  return true;
+}
+
+bool Run::mayMatch(const KXMD& md, const uint8_t* data, size_t length) {
+  const bool little = littleEndianEncoding(md.Encoding);
+  if (precheckChanges_ != schemaChanges_ || precheckCcsid_ != md.CodedCharSetId || precheckLittle_ != little) {
+    precheckChanges_ = schemaChanges_;
+    precheckCcsid_ = md.CodedCharSetId;
+    precheckLittle_ = little;
+    precheckActive_ = false;
+    wireForms_.clear();
+    int64_t value = 0;
+    const std::string& column = o_.whereColumn;
+    // A name of digits also names the values of rows without a schema, by position.
+    const bool positional = column.find_first_not_of("0123456789") == std::string::npos;
+    if (positional || !canonicalInteger(o_.whereValue, value)) return true;
+    encodingInfo enc;
+    enc.setup(md.CodedCharSetId);
+    enc.flags = little ? kEncMachineOrder : 0;
+    unsigned forms = 0;
+    if (namedColumnForms(enc, printer_.converters(), column.c_str(), forms) != 0) {
+      reports_.take();  // the rows' own reading reports the schema
+      return true;
+    }
+    if (forms & kFormOther) return true;
+    auto add = [&](size_t width, int64_t low, int64_t high) {
+      if (value < low || value > high) return;
+      std::string bytes(width, '\0');
+      for (size_t i = 0; i < width; ++i) {
+        const size_t shift = 8 * (little ? i : width - 1 - i);
+        bytes[i] = static_cast<char>(static_cast<uint64_t>(value) >> shift);
+      }
+      wireForms_.push_back(bytes);
+    };
+    if (forms & kFormInt16) add(2, INT16_MIN, INT16_MAX);
+    if (forms & kFormInt32) add(4, INT32_MIN, INT32_MAX);
+    if (forms & kFormInt64) add(8, INT64_MIN, INT64_MAX);
+    precheckActive_ = true;
+  }
+  if (!precheckActive_) return true;
+  for (const std::string& form : wireForms_)
+    if (memmem(data, length, form.data(), form.size()) != nullptr) return true;
+  return false;
+}
+
+bool Run::scan(const KXMD& md, const uint8_t* data, size_t length) {
+  encodingInfo enc;
+  uint8_t* copy = nullptr;
+  if (littleEndianEncoding(md.Encoding) == (__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__)) {
+    // In the machine's byte order nothing is swapped in place: the message is read as it is.
+    enc.setup(md.CodedCharSetId);
+    enc.outCcsid = 1208;
+    enc.flags = littleEndianEncoding(md.Encoding) ? kEncMachineOrder : 0;
+    copy = const_cast<uint8_t*>(data);
+  } else {
+    copy = workCopy(md, data, length, enc);
+  }
+  const char* column = o_.hasWhere ? o_.whereColumn.c_str() : nullptr;
+  int32_t rc = scanCompactMsg(copy, length, enc, printer_.converters(), column, scan_);
+  if (rc != 0) {
+    reports_.take();  // the whole rendering reports what failed
+    return false;
+  }
+  scanned_ = true;
+  return true;
 }
 
 std::set<int64_t> Run::selectedSubs() const {
@@ -515,6 +659,7 @@ std::string wherePrefilter(const Options& o) {
 }
 
 void Run::learnSchema(const KXMD& md, const uint8_t* data, size_t length) {
+  ++schemaChanges_;
   encodingInfo enc;
   uint8_t* copy = workCopy(md, data, length, enc);
   char* text = nullptr;
@@ -546,6 +691,13 @@ void Run::summarize(const KXMD& md, uint8_t* data, size_t length) {
   }
   uint8_t type = data[4];
   summary_.addCompact(type, length);
+  if (scanned_) {
+    thread_local std::vector<SubSummary::RowKey> rows;
+    rows.clear();
+    for (const ScanRow& row : scan_.rows) rows.push_back({row.subId, row.operation});
+    subSummary_.add(scan_.fields.commitTime, scan_.fields.commitLsn, rows, scan_.fields.uow);
+    return;
+  }
   if (haveTyped_)
     subSummary_.add(typed_);
   else if (!subSummary_.addRendered(typedText_.str()) && typedRc_ == 0)

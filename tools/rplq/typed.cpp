@@ -103,8 +103,9 @@ bool parseWhere(const std::string& text, std::string& column, std::string& value
 }
 
 std::string lsnKey(const std::string& printed) {
-  std::string k;
-  for (char c : printed) k += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  std::string k = printed;
+  for (char& c : k)
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
   return k;
 }
 
@@ -149,6 +150,26 @@ bool valueReads(const json& value, const std::string& want) {
   }
 }
 
+bool renderedValueReads(std::string_view text, const std::string& want) {
+  if (text.size() >= 2 && text.front() == '"' && text.back() == '"' &&
+      text.find('\\') == std::string_view::npos) {
+    // A string without escapes reads as the characters between its quotes.
+    std::string_view s = text.substr(1, text.size() - 2);
+    std::string_view w = want;
+    while (!s.empty() && s.back() == ' ') s.remove_suffix(1);
+    while (!w.empty() && w.back() == ' ') w.remove_suffix(1);
+    return s == w;
+  }
+  if (text == "null") return want == "NULL" || want == "null";
+  size_t digits = !text.empty() && text.front() == '-' ? 1 : 0;
+  bool integer = text.size() > digits && text.size() < 19;
+  for (size_t i = digits; i < text.size() && integer; ++i) integer = text[i] >= '0' && text[i] <= '9';
+  // A short integer's JSON text is its one form; anything else is compared as the parser reads it.
+  if (integer) return text == want;
+  json value = json::parse(text, nullptr, false);
+  return !value.is_discarded() && valueReads(value, want);
+}
+
 std::vector<int> matchingRows(const json& msg, const std::string& column, const std::string& value,
                               const std::set<int64_t>* subs) {
   std::vector<int> hits;
@@ -182,7 +203,9 @@ void SubSummary::add(const json& msg) {
   std::vector<RowKey> keys;
   for (const json& row : *rows)
     if (row.is_object()) keys.push_back({subOf(row), stringMember(row, "operation")});
-  add(stringMember(msg, "commit_time"), stringMember(msg, "commit_LSN"), keys);
+  std::string unit = stringMember(msg, "uow_id");
+  if (unit.empty()) unit = stringMember(msg, "uowID");
+  add(stringMember(msg, "commit_time"), stringMember(msg, "commit_LSN"), keys, unit);
 }
 
 namespace {
@@ -193,7 +216,7 @@ bool isBlank(char c) { return c == ' ' || c == '\n' || c == '\t' || c == '\r'; }
 // element of its "rows" array from the JSON text in one pass, without building a document:
 // strings are skipped by their quotes and escapes, containers counted by their brackets. False
 // when the text is not balanced JSON.
-bool scanRows(const std::string& text, std::string& commit, std::string& lsn,
+bool scanRows(const std::string& text, std::string& commit, std::string& lsn, std::string& unit,
               std::vector<SubSummary::RowKey>& rows) {
   const size_t n = text.size();
   int depth = 0;
@@ -220,6 +243,7 @@ bool scanRows(const std::string& text, std::string& commit, std::string& lsn,
       }
       if (depth == 1 && key == "commit_time") commit.assign(str);
       else if (depth == 1 && key == "commit_LSN") lsn.assign(str);
+      else if (depth == 1 && (key == "uow_id" || key == "uowID")) unit.assign(str);
       else if (inRow() && key == "operation") rows.back().operation.assign(str);
       key.clear();
     } else if (c == '{' || c == '[') {
@@ -251,16 +275,30 @@ bool scanRows(const std::string& text, std::string& commit, std::string& lsn,
 }  // namespace
 
 bool SubSummary::addRendered(const std::string& text) {
-  std::string commit, lsn;
+  std::string commit, lsn, unit;
   std::vector<RowKey> rows;
-  if (!scanRows(text, commit, lsn, rows)) return false;
-  if (!rows.empty()) add(commit, lsn, rows);
+  if (!scanRows(text, commit, lsn, unit, rows)) return false;
+  if (!rows.empty()) add(commit, lsn, rows, unit);
+  return true;
+}
+
+bool SubSummary::firstInUnit(const std::string& unit, int64_t sub) {
+  if (unit.find_first_not_of('0') == std::string::npos) return true;  // no unit of work
+  const uint64_t pair = std::hash<std::string>{}(unit) * 0x9E3779B97F4A7C15ull ^ static_cast<uint64_t>(sub);
+  if (!units_.insert(pair).second) return false;
+  unitOrder_.push_back(pair);
+  if (unitOrder_.size() > kUnitsRemembered) {
+    units_.erase(unitOrder_.front());
+    unitOrder_.pop_front();
+  }
   return true;
 }
 
 void SubSummary::add(const std::string& commit, const std::string& lsn,
-                     const std::vector<RowKey>& rows) {
-  std::set<int64_t> seen;
+                     const std::vector<RowKey>& rows, const std::string& unit) {
+  // The subscriptions met in this message (few: a short list, not a set).
+  thread_local std::vector<int64_t> seen;
+  seen.clear();
   for (const RowKey& row : rows) {
     SubTally& t = subs_[row.sub];
     const std::string& op = row.operation;
@@ -272,15 +310,25 @@ void SubSummary::add(const std::string& commit, const std::string& lsn,
       ++t.deletes;
     else
       ++t.others;
-    if (!seen.insert(row.sub).second) continue;
-    ++t.transactions;
+    bool met = false;
+    for (int64_t s : seen) met = met || s == row.sub;
+    if (met) continue;
+    seen.push_back(row.sub);
+    if (firstInUnit(unit, row.sub)) ++t.transactions;
     if (!commit.empty()) {
       if (t.firstCommit.empty() || commit < t.firstCommit) t.firstCommit = commit;
       if (t.lastCommit.empty() || commit > t.lastCommit) t.lastCommit = commit;
     }
     if (!lsn.empty()) {
-      if (t.firstLsn.empty() || lsnKey(lsn) < lsnKey(t.firstLsn)) t.firstLsn = lsn;
-      if (t.lastLsn.empty() || lsnKey(lsn) > lsnKey(t.lastLsn)) t.lastLsn = lsn;
+      const std::string key = lsnKey(lsn);
+      if (t.firstLsn.empty() || key < t.firstLsnKey) {
+        t.firstLsn = lsn;
+        t.firstLsnKey = key;
+      }
+      if (t.lastLsn.empty() || key > t.lastLsnKey) {
+        t.lastLsn = lsn;
+        t.lastLsnKey = key;
+      }
     }
   }
 }

@@ -5,8 +5,11 @@
 
 #include <cstdint>
 #include <map>
+#include <deque>
 #include <set>
 #include <string>
+#include <string_view>
+#include <unordered_set>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -48,6 +51,8 @@ std::string lsnKey(const std::string& printed);
 // with their trailing blanks ignored, numbers and booleans by their JSON text, null as "NULL"
 // or "null". A LOB value reads as its data.
 bool valueReads(const nlohmann::json& value, const std::string& want);
+// The same for a value's JSON text as the rendering writes it.
+bool renderedValueReads(std::string_view json, const std::string& want);
 
 // The 1-based indexes of the rows of `msg` ("rows" array) that have column `column` (case
 // ignored) reading `value` in a before or an after value set; when `subs` is given, only rows
@@ -63,6 +68,7 @@ struct SubTally {
   uint64_t inserts = 0, updates = 0, deletes = 0, others = 0;
   std::string firstCommit, lastCommit;  // ISO-8601 as rendered
   std::string firstLsn, lastLsn;        // printed form
+  std::string firstLsnKey, lastLsnKey;  // their lsnKey
 };
 
 class SubSummary {
@@ -80,10 +86,23 @@ class SubSummary {
     int64_t sub;
     std::string operation;
   };
-  void add(const std::string& commit, const std::string& lsn, const std::vector<RowKey>& rows);
+  // The rows of one message; `unit` is its unit of work as hex ("uow_id", "uowID"): the
+  // messages of one unit of work count as one transaction of each subscription they hold rows
+  // of. Without a unit of work (empty or all zeros) the message counts as a transaction.
+  void add(const std::string& commit, const std::string& lsn, const std::vector<RowKey>& rows,
+           const std::string& unit = {});
+
+  // Units of work remembered to count each once: the most recent this many.
+  static constexpr size_t kUnitsRemembered = 8192;
 
  private:
+  // True the first time `sub` is met in unit of work `unit`.
+  bool firstInUnit(const std::string& unit, int64_t sub);
+
   std::map<int64_t, SubTally> subs_;
+  // The (unit of work, subscription) pairs counted, as 64-bit hashes, oldest first in the queue.
+  std::unordered_set<uint64_t> units_;
+  std::deque<uint64_t> unitOrder_;
 };
 
 }  // namespace rplq

@@ -1,0 +1,390 @@
+// The light pass over transaction messages (see scan.h): the header printers write into the
+// keeping sink, the rows are walked as the row printer walks them, and only the named column's
+// values are rendered, each by the value printer of the JSON rendering.
+#include "qmsg/scan.h"
+
+#include <strings.h>
+
+#include <cstring>
+
+#include "qmsg/compact.h"
+#include "qmsg/families.h"
+#include "qmsg/header.h"
+#include "qmsg/json.h"
+#include "qmsg/row.h"
+#include "qmsg/schema.h"
+#include "qmsg/values.h"
+
+void ScanSink::keepTime(const UtcTime& t) {
+  JsonOut j;
+  j.utc(nullptr, t.seconds, t.micros);
+  const std::string& s = j.str();
+  commitTime = s.size() >= 2 && s.front() == '"' ? s.substr(1, s.size() - 2) : std::string();
+}
+
+void ScanSink::keepHex(const HexBytes& h) {
+  uow.resize(2 * h.n);
+  hexRun(h.p, h.n, false, uow.data());
+}
+
+namespace {
+
+constexpr uint8_t kTypeTransMsg = 128;
+constexpr uint8_t kTypeStreamedTransMsg = 130;
+constexpr uint8_t kOpMassiveStmt = 160;
+constexpr uint8_t kBafterBatchedHeader = 16;
+constexpr uint16_t kLongOffset = 0x8000;
+constexpr size_t kSetHeaderSize = 6;
+constexpr size_t kLobRefSize = 10;
+constexpr const char* kSetStep = "qRowColSet::printMe";
+
+// The column sets in stored order: their bafter bit, and whether they hold the key columns.
+struct SetKind {
+  uint8_t bit;
+  bool key;
+};
+constexpr SetKind kSetKinds[] = {{2, true}, {4, false}, {8, true}, {1, false}};
+
+// The marker entries and the text the rendering gives them (0x8001 is null).
+const char* markerText(uint16_t entry) {
+  switch (entry) {
+    case 0x8000: return "SUPPRESSED";
+    case 0x8002: return "P2P MODIFIED";
+    case 0x8004: return "OVERSIZED/NOT MODIFIED";
+    default: return nullptr;
+  }
+}
+bool isMarker(uint16_t entry) { return entry == 0x8001 || markerText(entry) != nullptr; }
+
+bool isLobType(uint16_t type) {
+  uint16_t t = type & ~1u;
+  return t == kColBlob || t == kColClob || t == kColDbclob || t == kColXml;
+}
+
+size_t roundUp4(size_t n) { return (n + 3) & ~size_t{3}; }
+
+// The columns of a cached schema that carry the wanted name, once per schema copy, wanted
+// name and conversion context.
+struct NamedColumns {
+  uint64_t serial = 0;
+  std::string name;
+  int32_t msgCcsid = 0, outCcsid = 0, flags = 0;
+  uint16_t nColsInKey = 0;
+  size_t arrayAt = 0;
+  std::vector<int> matches;          // schema column indexes whose name reads `name`
+  std::vector<ColumnInfo> infos;     // by index in `matches`
+};
+
+thread_local NamedColumns g_named;
+thread_local bool g_namedReady = false;
+
+// Reads the columns of `cached` named `column` into `n`, their names converted as the row
+// printer converts them (with the row message's context).
+int32_t readNamedColumns(const CachedSchema& cached, const QMsg& m, const char* column, NamedColumns& n) {
+  const int32_t msgCcsid = m.enc->msgCcsid, outCcsid = m.enc->outCcsid, flags = m.enc->flags;
+  n = NamedColumns{};
+  n.serial = cached.serial;
+  n.name = column;
+  n.msgCcsid = msgCcsid;
+  n.outCcsid = outCcsid;
+  n.flags = flags;
+  n.arrayAt = schemaColumnArrayOffset(cached.version);
+  if (n.arrayAt == 0) return kRcBadSchemaVersion;
+  uint8_t* copy = const_cast<uint8_t*>(cached.msg);
+  QMsg s(copy, cached.length, nullptr, m.enc, m.cm);
+  s.r = MsgReader(copy, cached.length, cached.senderSwapped);
+  Cursor c(s.r);
+  n.nColsInKey = c.machine<uint16_t>(508, "qSubSchemaMsg.nColsInKey");
+  uint16_t nCols = c.machine<uint16_t>(510, "qSubSchemaMsg.nCols");
+  if (!c) return c.rc();
+  for (size_t i = 0; i < nCols; ++i) {
+    uint16_t desc = c.machine<uint16_t>(n.arrayAt + 2 * i, "qSubSchemaMsg column offset");
+    ColumnInfo col;
+    col.type = c.machine<uint16_t>(desc, "qColSchema.coltype");
+    uint32_t codePage = c.machine<uint32_t>(desc + 8, "qColSchema.codepage");
+    const uint8_t* stored = c.bytes(desc + 4, 4, "qColSchema.typelen");
+    uint16_t nameLen = c.u16(desc + 12, "qColSchema.colname length");
+    const uint8_t* chars = c.bytes(desc + 14, nameLen, "qColSchema.colname");
+    if (!c) return c.rc();
+    col.precision = s.swap() ? stored[3] : stored[0];
+    col.scale = s.swap() ? stored[2] : stored[1];
+    col.codePage = static_cast<int32_t>(codePage);
+    ConvText text;
+    int32_t rc = convertText(s, chars, nameLen, text, kSetStep, "ConvMgr::cpcvl", "colname");
+    if (rc != 0) return rc;
+    if (static_cast<size_t>(text.size()) == n.name.size() &&
+        strncasecmp(text.data(), n.name.data(), n.name.size()) == 0) {
+      n.matches.push_back(static_cast<int>(i));
+      n.infos.push_back(col);
+    }
+  }
+  return 0;
+}
+
+int32_t namedColumns(const CachedSchema& cached, const QMsg& m, const char* column, NamedColumns*& out) {
+  NamedColumns& n = g_named;
+  if (g_namedReady && n.serial == cached.serial && n.msgCcsid == m.enc->msgCcsid &&
+      n.outCcsid == m.enc->outCcsid && n.flags == m.enc->flags && n.name == column) {
+    out = &n;
+    return 0;
+  }
+  g_namedReady = false;
+  int32_t rc = readNamedColumns(cached, m, column, n);
+  if (rc != 0) return rc;
+  g_namedReady = true;
+  out = &n;
+  return 0;
+}
+
+// Appends a rendered value to the result.
+std::string& nextValue(ScanResult& out) {
+  if (out.valuesUsed == out.values.size()) out.values.emplace_back();
+  std::string& v = out.values[out.valuesUsed++];
+  v.clear();
+  return v;
+}
+
+// The JSON text of one value, as the row printer's JSON branch writes it.
+int32_t renderValue(QMsg& m, const ColumnInfo& col, const uint8_t* p, size_t n, bool swapped,
+                    JsonOut& j) {
+  j.clear();
+  if (!isLobType(col.type)) {
+    JsonValue v{j, nullptr};
+    return jsonColumnValue(m, v, col, n > 0 ? p : nullptr, n, kSetStep);
+  }
+  // A LOB value reads as its data: the bytes that follow the reference inline (row 1).
+  MsgReader value(const_cast<uint8_t*>(p), n, swapped);
+  uint32_t rowNum = 0, dataLen = 0;
+  uint16_t colNum = 0;
+  int32_t rc = value.u32(0, rowNum, "qLobRef.rowNum");
+  if (rc == 0) rc = value.u16(4, colNum, "qLobRef.colNum");
+  if (rc == 0) rc = value.u32(6, dataLen, "qLobRef.dataLen");
+  if (rc != 0) return rc;
+  ColumnInfo lob = col;
+  uint16_t type = col.type & ~1u;
+  if (m.converting()) lob.codePage = type == kColDbclob ? m.enc->dbcsCcsid : m.enc->msgCcsid;
+  const uint8_t* data = nullptr;
+  size_t len = rowNum == 1 ? n - kLobRefSize : 0;
+  if (len > dataLen) len = dataLen;
+  if (len > 0) value.bytes(kLobRefSize, len, data, "qLobRef data");
+  JsonValue v{j, nullptr};
+  return jsonColumnValue(m, v, lob, data, len, kSetStep);
+}
+
+// One column set at `at` of the row: its structure checked as the row printer checks it, and
+// the values of the wanted columns rendered. `wanted` gives for each set column the index in
+// `named` (-1 when not wanted); `positional` is the set column wanted by position (no schema).
+int32_t scanColSet(QMsg& m, const MsgReader& row, size_t at, const NamedColumns* named, bool key,
+                   long positional, ScanResult& out, ScanRow& r) {
+  uint32_t length = 0;
+  uint16_t nCols = 0;
+  MsgReader set;
+  int32_t rc = row.machine(at, length, "qRowColSet.length");
+  if (rc == 0) rc = row.sub(at, length, set, "qRowColSet");
+  if (rc == 0) rc = set.machine(4, nCols, "qRowColSet.nCols");
+  if (rc != 0) return rc;
+
+  thread_local std::vector<int64_t> start;
+  thread_local std::vector<uint16_t> entry;
+  start.assign(nCols, -1);
+  entry.assign(nCols, 0);
+  for (size_t i = 0; i < nCols; ++i) {
+    rc = set.machine(kSetHeaderSize + 2 * i, entry[i], "qRowColSet column offset");
+    if (rc != 0) return rc;
+    if (entry[i] < kLongOffset) {
+      start[i] = entry[i];
+    } else if (!isMarker(entry[i])) {
+      uint32_t real = 0;
+      rc = set.u32(entry[i] & 0x7FFF, real, "qRowColSet long offset");
+      if (rc != 0) return rc;
+      start[i] = real;
+    }
+  }
+  int64_t end = length;
+  for (size_t i = nCols; i-- > 0;) {
+    if (start[i] < 0) continue;
+    if (start[i] > end) return kRcShortRead;  // the rendering says which value
+    end = start[i];
+  }
+
+  auto wantedIndex = [&](size_t i) -> int {
+    if (named == nullptr) return static_cast<long>(i) + 1 == positional ? 0 : -1;
+    const size_t index = (key ? 0 : named->nColsInKey) + i;
+    for (size_t k = 0; k < named->matches.size(); ++k)
+      if (static_cast<size_t>(named->matches[k]) == index) return static_cast<int>(k);
+    return -1;
+  };
+  if (named == nullptr && positional <= 0) return 0;
+  if (named != nullptr && named->matches.empty()) return 0;
+  thread_local JsonOut j;
+  for (size_t i = 0; i < nCols; ++i) {
+    const int k = wantedIndex(i);
+    if (k < 0) continue;
+    std::string& v = nextValue(out);
+    ++r.valueCount;
+    if (start[i] < 0) {
+      const char* marker = markerText(entry[i]);
+      if (marker == nullptr) v = "null";
+      else v.append("\"").append(marker).append("\"");
+      continue;
+    }
+    int64_t next = length;
+    for (size_t k2 = i + 1; k2 < nCols; ++k2)
+      if (start[k2] >= 0) {
+        next = start[k2];
+        break;
+      }
+    const size_t size = static_cast<size_t>(next - start[i]);
+    const uint8_t* p = nullptr;
+    rc = set.bytes(static_cast<size_t>(start[i]), size, p, "qRowColSet column value");
+    if (rc != 0) return rc;
+    // The value printers read from an aligned copy, as the row printer gives them.
+    thread_local std::vector<uint64_t> work;
+    if (work.size() * 8 < size + 8) work.resize(size / 8 + 2);
+    uint8_t* copy = reinterpret_cast<uint8_t*>(work.data());
+    if (size > 0) std::memcpy(copy, p, size);
+    if (named == nullptr) {
+      j.clear();
+      j.hex(nullptr, copy, size);
+    } else {
+      rc = renderValue(m, named->infos[static_cast<size_t>(k)], copy, size, set.swapped(), j);
+      if (rc != 0) return rc;
+    }
+    v = j.str();
+  }
+  return 0;
+}
+
+// A column name the rendering uses for a value by position (rows without a schema): "1", "2", ...
+long positionalName(const char* column) {
+  if (column == nullptr || column[0] < '1' || column[0] > '9') return 0;
+  long n = 0;
+  for (const char* c = column; *c != '\0'; ++c) {
+    if (*c < '0' || *c > '9' || n > 100000) return 0;
+    n = n * 10 + (*c - '0');
+  }
+  return n;
+}
+
+int32_t scanRow(QMsg& m, size_t at, uint16_t version, const char* column, ScanResult& out) {
+  uint32_t length = 0;
+  MsgReader row;
+  int32_t rc = m.r.machine(at, length, "qTransRow.length");
+  if (rc == 0) rc = m.r.sub(at, length, row, "qTransRow");
+  uint8_t operation = 0, bafter = 0;
+  uint32_t subId = 0;
+  uint16_t partitionNo = 0;
+  const uint8_t* intent = nullptr;
+  if (rc == 0) rc = row.has(4, 2) ? 0 : row.shortRead(4, 2, "qTransRow.encodever");
+  if (rc == 0) rc = row.u8(6, operation, "qTransRow.operation");
+  if (rc == 0) rc = row.u8(7, bafter, "qTransRow.bafter");
+  if (rc == 0) rc = row.machine(8, subId, "qTransRow.sub_id");
+  if (rc == 0 && version >= 7) rc = row.machine(30, partitionNo, "qTransRow.partitionNo");
+  if (rc == 0 && version >= 2) rc = row.bytes(12, version >= 7 ? 16 : 10, intent, "qTransRow.intentseq");
+  if (rc != 0) return rc;
+
+  ScanRow& r = out.rows.emplace_back();
+  r.subId = static_cast<int32_t>(subId);
+  r.operation = rowOperationName(operation);
+  r.firstValue = static_cast<uint32_t>(out.valuesUsed);
+  const size_t firstSet = rowColumnSetsOffset(version);
+  // Rows with a batched transaction header or a statement chunk are left to the full
+  // rendering when a column is wanted (their values are not walked here).
+  if (operation == kOpMassiveStmt) return column != nullptr ? kRcUnknownType : 0;
+  if (version >= 8 && (bafter & kBafterBatchedHeader) && column != nullptr) return kRcUnknownType;
+
+  const NamedColumns* named = nullptr;
+  long positional = 0;
+  if (column != nullptr) {
+    if (const CachedSchema* cached = findSchema(subId)) {
+      NamedColumns* n = nullptr;
+      rc = namedColumns(*cached, m, column, n);
+      if (rc != 0) return rc;
+      named = n;
+    } else {
+      positional = positionalName(column);
+    }
+  }
+  size_t pos = firstSet;
+  for (const SetKind& kind : kSetKinds) {
+    if (!(bafter & kind.bit)) continue;
+    uint32_t setLen = 0;
+    rc = scanColSet(m, row, pos, named, kind.key, positional, out, out.rows.back());
+    if (rc == 0) rc = row.machine(pos, setLen, "qRowColSet.length");
+    if (rc == 0 && setLen < kSetHeaderSize) rc = row.shortRead(pos, kSetHeaderSize, "qRowColSet.length");
+    if (rc != 0) return rc;
+    pos += roundUp4(setLen);
+  }
+  return 0;
+}
+
+}  // namespace
+
+int32_t scanCompactMsg(uint8_t* msg, size_t length, const encodingInfo& enc, ConvMgr& cm,
+                       const char* column, ScanResult& out) {
+  out.clear();
+  if (column != nullptr && column[0] == '\0') column = nullptr;
+  encodingInfo utf8 = enc;
+  utf8.outCcsid = 1208;
+  cm.dropExpired();
+  QMsg m(msg, length, nullptr, &utf8, &cm);
+  uint8_t type = 0;
+  int32_t rc = m.r.u8(4, type, "qMsgHeader.msgtype");
+  if (rc == 0) rc = m.r.has(0, kHeaderSize) ? 0 : m.r.shortRead(0, kHeaderSize, "qMsgHeader");
+  if (rc != 0) return rc;
+  uint16_t version = 0;
+  size_t at = 0;
+  int64_t rows = 0;
+  if (type == kTypeTransMsg) {
+    rc = printTransMsgHeader(m, out.fields, false);
+    int32_t n = 0;
+    if (rc == 0) rc = m.version(version);
+    if (rc == 0) rc = m.r.machine(28, n, "qTransMsgHeader.nRows");
+    rows = n;
+    at = version < 2 ? 32 : version <= 5 ? 116 : version == 6 ? 144 : 152;
+  } else if (type == kTypeStreamedTransMsg) {
+    rc = printStreamedTransMsgHeader(m, out.fields, false);
+    uint32_t single = 0, chunks = 0;
+    if (rc == 0) rc = m.version(version);
+    if (rc == 0) rc = m.r.machine(144, single, "qStreamedTransMsgHeader.numSingleRowOps");
+    if (rc == 0) rc = m.r.machine(148, chunks, "qStreamedTransMsgHeader.numStmtChunkFiles");
+    rows = int64_t{single} + chunks;
+    at = 160;
+  } else {
+    return kRcUnknownType;
+  }
+  if (rc != 0) return rc;
+  for (int64_t i = 0; i < rows; ++i) {
+    uint32_t len = 0;
+    rc = m.r.machine(at, len, "qTransRow.length");
+    if (rc == 0 && (len < 4 || !m.r.has(at, len))) rc = kRcShortRead;
+    if (rc == 0) rc = scanRow(m, at, version, column, out);
+    if (rc != 0) return rc;
+    at += (static_cast<size_t>(len) + 3) & ~size_t{3};
+  }
+  return 0;
+}
+
+int32_t namedColumnForms(const encodingInfo& enc, ConvMgr& cm, const char* column, unsigned& forms) {
+  forms = 0;
+  encodingInfo utf8 = enc;
+  utf8.outCcsid = 1208;
+  uint8_t none = 0;
+  QMsg m(&none, 0, nullptr, &utf8, &cm);
+  for (size_t i = 0; i < schemaCacheSize(); ++i) {
+    const CachedSchema* cached = findSchema(schemaCacheKeyAt(i));
+    if (cached == nullptr) continue;
+    NamedColumns n;
+    int32_t rc = readNamedColumns(*cached, m, column, n);
+    if (rc != 0) return rc;
+    for (const ColumnInfo& col : n.infos) {
+      switch (col.type & ~1u) {
+        case kColSmallint: forms |= kFormInt16; break;
+        case kColInteger: forms |= kFormInt32; break;
+        case kColBigint: forms |= kFormInt64; break;
+        default: forms |= kFormOther;
+      }
+    }
+  }
+  return 0;
+}
