@@ -41,6 +41,10 @@ struct JsonValue {
 };
 int32_t jsonColumnValue(QMsg& m, JsonValue& v, const ColumnInfo& col, const uint8_t* p, size_t len,
                         const char* step);
+// The JSON number of a finite REAL (`single`) or DOUBLE into `s`, "%.9g" or "%.17g" as printf
+// writes them; returns the length (no zero byte).
+inline constexpr size_t kJsonRealRoom = 32;
+size_t jsonRealChars(double d, bool single, char* s);
 
 // Packed decimal (two digits a byte, sign in the last half-byte: 0xB or 0xD negative) as
 // digits with the point at `scale`: no leading zeros but one before the point, "-" only when
