@@ -194,6 +194,7 @@ struct JsonColumn {
   bool ready = false;
   ColumnInfo info;
   std::string name;
+  std::string key;  // the name as a member's key, JsonOut::keyText
 };
 struct JsonColumns {
   uint64_t serial = 0;
@@ -290,6 +291,7 @@ struct SchemaColumns {
       c = &json->columns[index];
     }
     rc = readJsonColumn(index, c->info, c->name);
+    if (rc == 0) c->key = JsonOut::keyText(c->name.c_str());
     c->ready = rc == 0;
     return rc == 0 ? c : nullptr;
   }
@@ -479,10 +481,11 @@ int32_t printColSet(QMsg& m, O& o, const MsgReader& row, size_t at, SchemaColumn
       }
       const Slot& c = slot[i];
       if (c.start < 0) {
-        if (c.entry == 0x8001) j.null(name);
+        JsonValue v{j, name, column != nullptr ? std::string_view(column->key) : std::string_view()};
+        if (c.entry == 0x8001) v.null();
         else {
           std::string_view marker = nameOf(kColumnMarkers, c.entry, "");
-          j.str(name, marker.substr(0, marker.size() - 1));
+          j.str(v.member(), marker.substr(0, marker.size() - 1));
         }
         continue;
       }
@@ -498,7 +501,7 @@ int32_t printColSet(QMsg& m, O& o, const MsgReader& row, size_t at, SchemaColumn
       if (isLobType(col.type)) {
         rc = jsonLobValue(m, j, name, MsgReader(work.get(), c.size, set.swapped()), col);
       } else {
-        JsonValue v{j, name};
+        JsonValue v{j, name, column->key};
         rc = jsonColumnValue(m, v, col, c.size > 0 ? work.get() : nullptr, c.size, kSetStep);
       }
       if (rc != 0) return rplTrace_.ret(rc);

@@ -528,17 +528,22 @@ int32_t columnValue(QMsg& m, V& out, const ColumnInfo& col, const uint8_t* p, si
 
 }  // namespace
 
-void JsonValue::null() { j.null(key); }
-void JsonValue::integer(int64_t v) { j.num(key, v); }
+const char* JsonValue::member() {
+  if (keyText.empty()) return key;
+  j.memberKey(keyText);
+  return nullptr;
+}
+void JsonValue::null() { j.null(member()); }
+void JsonValue::integer(int64_t v) { j.num(member(), v); }
 void JsonValue::real(double d, bool single) {
   // Enough digits to read back as the same value ("%.9g" for a REAL, "%.17g" for a DOUBLE),
   // as a JSON number; infinities and NaN have none and are null.
   if (!std::isfinite(d)) {
-    j.null(key);
+    j.null(member());
     return;
   }
   char s[kJsonRealRoom];
-  j.raw(key, std::string_view(s, jsonRealChars(d, single, s)));
+  j.raw(member(), std::string_view(s, jsonRealChars(d, single, s)));
 }
 
 size_t jsonRealChars(double d, bool single, char* s) {
@@ -546,7 +551,7 @@ size_t jsonRealChars(double d, bool single, char* s) {
   std::to_chars_result r = std::to_chars(s, s + kJsonRealRoom, d, std::chars_format::general, single ? 9 : 17);
   return static_cast<size_t>(r.ptr - s);
 }
-void JsonValue::digits(const char* p, size_t n) { j.str(key, std::string_view(p, n)); }
-void JsonValue::text(const char* p, int n) { j.str(key, std::string_view(p, static_cast<size_t>(n))); }
-void JsonValue::boolean(bool b) { j.boolean(key, b); }
-void JsonValue::hex(const uint8_t* p, size_t n) { j.hex(key, p, n); }
+void JsonValue::digits(const char* p, size_t n) { j.str(member(), std::string_view(p, n)); }
+void JsonValue::text(const char* p, int n) { j.str(member(), std::string_view(p, static_cast<size_t>(n))); }
+void JsonValue::boolean(bool b) { j.boolean(member(), b); }
+void JsonValue::hex(const uint8_t* p, size_t n) { j.hex(member(), p, n); }

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "qmsg/msg.h"
 
@@ -31,6 +32,7 @@ class JsonOut;
 struct JsonValue {
   JsonOut& j;
   const char* key;
+  std::string_view keyText = {};  // the key as JsonOut::keyText writes it, when it is kept
   void null();
   void integer(int64_t v);
   void real(double d, bool single);
@@ -38,6 +40,8 @@ struct JsonValue {
   void text(const char* p, int n);
   void boolean(bool b);
   void hex(const uint8_t* p, size_t n);
+  // Starts the member: the kept key text written, or the key handed on.
+  const char* member();
 };
 int32_t jsonColumnValue(QMsg& m, JsonValue& v, const ColumnInfo& col, const uint8_t* p, size_t len,
                         const char* step);
