@@ -645,8 +645,21 @@ int32_t printTransRow(QMsg& m, O& o, size_t at, uint16_t version) {
     o.hidden("encodever", nameOf(kEncodeVersions, encodeVer, "Unknown"));
     o.hidden("operation", nameOf(kRowOperations, operation, "Unexpected"));
     o.hidden("operation_code", operation);
-    if (version >= 2) o.hidden("intentseq", std::string(intent));
-    o.hidden("bafter", joinFlags(kBafterBits, bafter));
+    if (version >= 2) o.hidden("intentseq", std::string_view(intent));
+    // The texts of the set bits in table order, joined on the stack.
+    char flags[256];
+    static_assert([] {
+      size_t all = 0;
+      for (std::string_view name : kBafterViews.name) all += name.size();
+      return all;
+    }() <= sizeof flags);
+    size_t nFlags = 0;
+    for (size_t i = 0; i < std::size(kBafterBits); ++i)
+      if (bafter & kBafterViews.value[i]) {
+        std::memcpy(flags + nFlags, kBafterViews.name[i].data(), kBafterViews.name[i].size());
+        nFlags += kBafterViews.name[i].size();
+      }
+    o.hidden("bafter", std::string_view(flags, nFlags));
     o.hidden("sub_id", static_cast<int32_t>(subId));
     o.hidden("partitionNo", partitionNo);
   } else {
