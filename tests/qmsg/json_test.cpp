@@ -502,7 +502,7 @@ TEST(JsonOutText, StringsAreEscapedAndParseBackToTheirText) {
 
 // REAL and DOUBLE values are JSON numbers with the digits "%.9g" and "%.17g" give: the exact
 // text at the extremes, the same text as printf over every power of ten, and null for the
-// infinities and NaN, which JSON has no number for. Each written value parses back to its bits.
+// infinities and NaN, which JSON has no number for. Each written number reads back as its value.
 TEST(JsonOutText, RealsHavePrintfDigitsAndReadBackExactly) {
   struct Row {
     double value;
@@ -521,7 +521,8 @@ TEST(JsonOutText, RealsHavePrintfDigitsAndReadBackExactly) {
       {1e17, false, "1e+17"},
       {123456789012345678.0, false, "1.2345678901234568e+17"},
       {1e-5, false, "1.0000000000000001e-05"},
-      {1e100, false, "1.0000000000000000e+100"},
+      {1e100, false, "1e+100"},
+      {1.5e-300, false, "1.5000000000000001e-300"},
       {DBL_MAX, false, "1.7976931348623157e+308"},
       {-DBL_MAX, false, "-1.7976931348623157e+308"},
       {DBL_MIN, false, "2.2250738585072014e-308"},
@@ -552,8 +553,8 @@ TEST(JsonOutText, RealsHavePrintfDigitsAndReadBackExactly) {
     const std::string text = written(row.value, row.single);
     EXPECT_EQ(text, row.written) << std::hexfloat << row.value;
     if (!std::isfinite(row.value)) continue;
-    Json doc = Json::parse("[" + text + "]");
-    const double back = doc[0].get<double>();
+    EXPECT_TRUE(Json::parse(text, nullptr, false).is_number()) << text;
+    const double back = std::strtod(text.c_str(), nullptr);
     if (row.single) EXPECT_EQ(static_cast<float>(back), static_cast<float>(row.value)) << text;
     else EXPECT_EQ(back, row.value) << text;
     EXPECT_EQ(std::signbit(back), std::signbit(row.value)) << text;
