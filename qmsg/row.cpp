@@ -431,7 +431,6 @@ int32_t printColSet(QMsg& m, O& o, const MsgReader& row, size_t at, SchemaColumn
     }
   }
   if (rc != 0) return rplTrace_.ret(rc);
-  size_t largest = 0;
   int64_t end = length;
   for (size_t i = nCols; i-- > 0;) {
     Slot& c = slot[i];
@@ -444,25 +443,6 @@ int32_t printColSet(QMsg& m, O& o, const MsgReader& row, size_t at, SchemaColumn
     }
     c.size = static_cast<size_t>(end - c.start);
     end = c.start;
-    if (c.size > largest) largest = c.size;
-  }
-
-  // One work area for the set, sized by its largest value (a set of markers needs none).
-  struct WorkArea {
-    uint8_t* p = nullptr;
-    size_t size = 0;
-    ~WorkArea() { std::free(p); }
-    uint8_t* get() const { return p; }
-  };
-  thread_local WorkArea work;
-  if (O::kJson && largest > 0 && largest + largest % 8 > work.size) {
-    uint8_t* bigger = static_cast<uint8_t*>(std::realloc(work.p, largest + largest % 8));
-    if (bigger == nullptr) {
-      reportFailure(kSetStep, "malloc", -1, "memory aligned sqldata buffer");
-      return rplTrace_.ret(-1);
-    }
-    work.p = bigger;
-    work.size = largest + largest % 8;
   }
 
   if constexpr (O::kJson) {
@@ -492,17 +472,17 @@ int32_t printColSet(QMsg& m, O& o, const MsgReader& row, size_t at, SchemaColumn
       const uint8_t* p = nullptr;
       rc = set.bytes(static_cast<size_t>(c.start), c.size, p, "qRowColSet column value");
       if (rc != 0) return rplTrace_.ret(rc);
-      if (c.size > 0) std::memcpy(work.get(), p, c.size);
+      // Values are read from the set where they lie, as the text reads them.
       if (column == nullptr) {
-        j.hex(name, work.get(), c.size);
+        j.hex(name, p, c.size);
         continue;
       }
       const ColumnInfo& col = column->info;
       if (isLobType(col.type)) {
-        rc = jsonLobValue(m, j, name, MsgReader(work.get(), c.size, set.swapped()), col);
+        rc = jsonLobValue(m, j, name, MsgReader(const_cast<uint8_t*>(p), c.size, set.swapped()), col);
       } else {
         JsonValue v{j, name, column->key};
-        rc = jsonColumnValue(m, v, col, c.size > 0 ? work.get() : nullptr, c.size, kSetStep);
+        rc = jsonColumnValue(m, v, col, c.size > 0 ? p : nullptr, c.size, kSetStep);
       }
       if (rc != 0) return rplTrace_.ret(rc);
     }
