@@ -576,3 +576,34 @@ TEST(JsonOutText, RealsHavePrintfDigitsAndReadBackExactly) {
     }
   }
 }
+
+// The names of a schema's columns are kept from row to row: a new schema for the same
+// subscription renames the keys of the rows after it, and the names follow the schema that is
+// current as schemas and senders take turns.
+TEST(Json, RowsTakeTheNamesOfTheirSubscriptionsCurrentSchema) {
+  struct Turn {
+    const JsonSender* sender;
+    const char* nameColumn;  // what the second column is called in the schema sent
+  };
+  releaseSchemaCache();
+  const Turn turns[] = {{&kJsonSenders[0], "NAME"},      {&kJsonSenders[0], "NAME"},
+                        {&kJsonSenders[0], "CUSTOMER"},  {&kJsonSenders[1], "CUSTOMER"},
+                        {&kJsonSenders[2], "NAME"},      {&kJsonSenders[0], "NAME"},
+                        {&kJsonSenders[2], "KÄUFER"},    {&kJsonSenders[1], "KÄUFER"}};
+  for (const Turn& turn : turns) {
+    const JsonSender& s = *turn.sender;
+    SchemaMsgDef def = data::schema(s.ccsid);
+    def.columns[1].name = turn.nameColumn;
+    Rendered sch = renderAs(encodeSchemaMsg(def, s.order, s.ccsid), s.order, s.ccsid);
+    ASSERT_EQ(sch.rc, 0) << sch.reports;
+    for (int repeat = 0; repeat < 2; ++repeat) {
+      Rendered r = renderAs(encodeTransMsg(data::trans(s.order, s.ccsid), s.order, s.ccsid), s.order, s.ccsid);
+      ASSERT_FALSE(r.doc.is_discarded()) << r.text;
+      const Json& after = r.doc["rows"][0]["cols_after"];
+      EXPECT_EQ(after.size(), 7u) << s.tag << " " << r.text;
+      EXPECT_EQ(after[turn.nameColumn], "Grüße") << s.tag << " " << r.text;
+      EXPECT_EQ(after["PRICE"], "-12.50") << s.tag;
+      EXPECT_EQ(r.doc["rows"][0]["key_after"]["ID"], 7) << s.tag;
+    }
+  }
+}
