@@ -8,6 +8,7 @@
 #include <cstring>
 #include <cstdio>
 #include <ctime>
+#include <utility>
 
 namespace {
 size_t plainRun(const unsigned char* p, size_t n);
@@ -36,6 +37,12 @@ void JsonOut::prefix(const char* key) {
   if (comma) s_ += ',';
   quote(std::string_view(key, n));
   s_ += ':';
+}
+
+std::string JsonOut::keyText(const char* key) {
+  JsonOut t;
+  t.prefix(key);
+  return std::move(t.s_);
 }
 
 void JsonOut::num(const char* key, int64_t v) {

@@ -68,6 +68,14 @@ class JsonOut {
   void utc(const char* key, uint32_t seconds, int32_t micros);
   // A JSON fragment as it stands (a complete value).
   void raw(const char* key, std::string_view json) { prefix(key); s_.append(json); }
+  // What a member's key is written as (`"key":`), for keys used over and over: memberKey
+  // writes it kept, and the value follows with a null key.
+  static std::string keyText(const char* key);
+  void memberKey(std::string_view text) {
+    prefix(nullptr);
+    s_.append(text);
+    first_ = true;
+  }
 
   // Ends the line of one message: closes what is open and adds the newline.
   void endLine() {

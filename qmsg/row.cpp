@@ -2,6 +2,7 @@
 // streamed transaction or spilled-row message, with its values printed by column type.
 #include "qmsg/row.h"
 
+#include <charconv>
 #include <cinttypes>
 #include <cstdlib>
 #include <cstring>
@@ -187,6 +188,43 @@ RenderedSchema& renderedFor(uint64_t serial, const QMsg& m) {
   return r;
 }
 
+// What the JSON rendering needs of a cached schema's columns (value form, name converted to
+// UTF-8) is the same for every row that names them: read once per schema copy and code pages.
+struct JsonColumn {
+  bool ready = false;
+  ColumnInfo info;
+  std::string name;
+  std::string key;  // the name as a member's key, JsonOut::keyText
+};
+struct JsonColumns {
+  uint64_t serial = 0;
+  int32_t msgCcsid = 0, outCcsid = 0, flags = 0;
+  bool converting = false;
+  std::vector<JsonColumn> columns;
+};
+JsonColumns g_jsonColumns[kRenderedSchemas];
+size_t g_jsonColumnsNext = 0;
+
+JsonColumns& jsonColumnsFor(uint64_t serial, const QMsg& m) {
+  const bool converting = m.converting();
+  const int32_t msgCcsid = converting ? m.enc->msgCcsid : 0;
+  const int32_t outCcsid = converting ? m.enc->outCcsid : 0;
+  const int32_t flags = converting ? m.enc->flags : 0;
+  for (JsonColumns& r : g_jsonColumns)
+    if (r.serial == serial && r.converting == converting && r.msgCcsid == msgCcsid &&
+        r.outCcsid == outCcsid && r.flags == flags)
+      return r;
+  JsonColumns& r = g_jsonColumns[g_jsonColumnsNext];
+  g_jsonColumnsNext = (g_jsonColumnsNext + 1) % kRenderedSchemas;
+  r.serial = serial;
+  r.converting = converting;
+  r.msgCcsid = msgCcsid;
+  r.outCcsid = outCcsid;
+  r.flags = flags;
+  r.columns.clear();
+  return r;
+}
+
 // The cached schema of the row's subscription: its column-offset array and descriptors, in
 // machine order except the name counts.
 struct SchemaColumns {
@@ -194,6 +232,7 @@ struct SchemaColumns {
   size_t arrayAt;
   uint16_t nColsInKey;
   RenderedSchema* rendered = nullptr;
+  JsonColumns* json = nullptr;
 
   // Prints the descriptor of column `index` of the array through `e`, and after it the value's
   // label when it succeeds, and returns what the value printer needs: from the rendered lines
@@ -240,8 +279,24 @@ struct SchemaColumns {
   }
 
   // What the JSON rendering needs of column `index`: its value form and its name, converted
-  // from the schema's code page.
-  int32_t jsonColumn(size_t index, ColumnInfo& col, std::string& name) {
+  // from the schema's code page; kept in `json` when it is there (a failure is reported each
+  // time and not kept).
+  const JsonColumn* jsonColumn(size_t index, int32_t& rc) {
+    if (json != nullptr && index < json->columns.size() && json->columns[index].ready)
+      return &json->columns[index];
+    thread_local JsonColumn scratch;
+    JsonColumn* c = &scratch;
+    if (json != nullptr) {
+      if (json->columns.size() <= index) json->columns.resize(index + 1);
+      c = &json->columns[index];
+    }
+    rc = readJsonColumn(index, c->info, c->name);
+    if (rc == 0) c->key = JsonOut::keyText(c->name.c_str());
+    c->ready = rc == 0;
+    return rc == 0 ? c : nullptr;
+  }
+
+  int32_t readJsonColumn(size_t index, ColumnInfo& col, std::string& name) {
     uint16_t desc = 0, nameLen = 0;
     uint32_t codePage = 0;
     const uint8_t* stored = nullptr;
@@ -376,7 +431,6 @@ int32_t printColSet(QMsg& m, O& o, const MsgReader& row, size_t at, SchemaColumn
     }
   }
   if (rc != 0) return rplTrace_.ret(rc);
-  size_t largest = 0;
   int64_t end = length;
   for (size_t i = nCols; i-- > 0;) {
     Slot& c = slot[i];
@@ -389,60 +443,46 @@ int32_t printColSet(QMsg& m, O& o, const MsgReader& row, size_t at, SchemaColumn
     }
     c.size = static_cast<size_t>(end - c.start);
     end = c.start;
-    if (c.size > largest) largest = c.size;
-  }
-
-  // One work area for the set, sized by its largest value (a set of markers needs none).
-  struct WorkArea {
-    uint8_t* p = nullptr;
-    size_t size = 0;
-    ~WorkArea() { std::free(p); }
-    uint8_t* get() const { return p; }
-  };
-  thread_local WorkArea work;
-  if (O::kJson && largest > 0 && largest + largest % 8 > work.size) {
-    uint8_t* bigger = static_cast<uint8_t*>(std::realloc(work.p, largest + largest % 8));
-    if (bigger == nullptr) {
-      reportFailure(kSetStep, "malloc", -1, "memory aligned sqldata buffer");
-      return rplTrace_.ret(-1);
-    }
-    work.p = bigger;
-    work.size = largest + largest % 8;
   }
 
   if constexpr (O::kJson) {
     JsonOut& j = o.json();
     for (size_t i = 0; i < nCols; ++i) {
-      ColumnInfo col;
-      std::string name;
+      // The key: the column's name, or its position from 1 without a schema.
+      const JsonColumn* column = nullptr;
+      char position[24];
+      const char* name = position;
       if (schema != nullptr) {
-        rc = schema->jsonColumn((key ? 0 : schema->nColsInKey) + i, col, name);
-        if (rc != 0) return rplTrace_.ret(rc);
+        column = schema->jsonColumn((key ? 0 : schema->nColsInKey) + i, rc);
+        if (column == nullptr) return rplTrace_.ret(rc);
+        name = column->name.c_str();
       } else {
-        name = std::to_string(i + 1);
+        *std::to_chars(position, position + sizeof position - 1, i + 1).ptr = '\0';
       }
       const Slot& c = slot[i];
       if (c.start < 0) {
-        if (c.entry == 0x8001) j.null(name.c_str());
+        JsonValue v{j, name, column != nullptr ? std::string_view(column->key) : std::string_view()};
+        if (c.entry == 0x8001) v.null();
         else {
-          std::string marker = nameOf(kColumnMarkers, c.entry, "");
-          j.str(name.c_str(), marker.substr(0, marker.size() - 1));
+          std::string_view marker = nameOf(kColumnMarkers, c.entry, "");
+          j.str(v.member(), marker.substr(0, marker.size() - 1));
         }
         continue;
       }
       const uint8_t* p = nullptr;
       rc = set.bytes(static_cast<size_t>(c.start), c.size, p, "qRowColSet column value");
       if (rc != 0) return rplTrace_.ret(rc);
-      if (c.size > 0) std::memcpy(work.get(), p, c.size);
-      if (schema == nullptr) {
-        j.hex(name.c_str(), work.get(), c.size);
+      // Values are read from the set where they lie, as the text reads them.
+      if (column == nullptr) {
+        j.hex(name, p, c.size);
         continue;
       }
+      const ColumnInfo& col = column->info;
       if (isLobType(col.type)) {
-        rc = jsonLobValue(m, j, name.c_str(), MsgReader(work.get(), c.size, set.swapped()), col);
+        rc = jsonLobValue(m, j, name, MsgReader(const_cast<uint8_t*>(p), c.size, set.swapped()), col);
       } else {
-        JsonValue v{j, name.c_str()};
-        rc = jsonColumnValue(m, v, col, c.size > 0 ? work.get() : nullptr, c.size, kSetStep);
+        JsonValue v{j, name, column->key};
+        rc = jsonColumnValue(m, v, col, c.size > 0 ? p : nullptr, c.size, kSetStep);
       }
       if (rc != 0) return rplTrace_.ret(rc);
     }
@@ -585,8 +625,21 @@ int32_t printTransRow(QMsg& m, O& o, size_t at, uint16_t version) {
     o.hidden("encodever", nameOf(kEncodeVersions, encodeVer, "Unknown"));
     o.hidden("operation", nameOf(kRowOperations, operation, "Unexpected"));
     o.hidden("operation_code", operation);
-    if (version >= 2) o.hidden("intentseq", std::string(intent));
-    o.hidden("bafter", joinFlags(kBafterBits, bafter));
+    if (version >= 2) o.hidden("intentseq", std::string_view(intent));
+    // The texts of the set bits in table order, joined on the stack.
+    char flags[256];
+    static_assert([] {
+      size_t all = 0;
+      for (std::string_view name : kBafterViews.name) all += name.size();
+      return all;
+    }() <= sizeof flags);
+    size_t nFlags = 0;
+    for (size_t i = 0; i < std::size(kBafterBits); ++i)
+      if (bafter & kBafterViews.value[i]) {
+        std::memcpy(flags + nFlags, kBafterViews.name[i].data(), kBafterViews.name[i].size());
+        nFlags += kBafterViews.name[i].size();
+      }
+    o.hidden("bafter", std::string_view(flags, nFlags));
     o.hidden("sub_id", static_cast<int32_t>(subId));
     o.hidden("partitionNo", partitionNo);
   } else {
@@ -632,6 +685,7 @@ int32_t printTransRow(QMsg& m, O& o, size_t at, uint16_t version) {
     schema.emplace(SchemaColumns{QMsg(copy, cached->length, m.out, m.enc, m.cm), arrayAt, 0});
     schema->msg.r = MsgReader(copy, cached->length, cached->senderSwapped);
     if constexpr (!O::kJson) schema->rendered = &renderedFor(cached->serial, schema->msg);
+    else schema->json = &jsonColumnsFor(cached->serial, schema->msg);
     rc = schema->msg.r.machine(508, schema->nColsInKey, "qSubSchemaMsg.nColsInKey");
     if (rc != 0) return rplTrace_.ret(rc);
   }

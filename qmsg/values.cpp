@@ -528,16 +528,30 @@ int32_t columnValue(QMsg& m, V& out, const ColumnInfo& col, const uint8_t* p, si
 
 }  // namespace
 
-void JsonValue::null() { j.null(key); }
-void JsonValue::integer(int64_t v) { j.num(key, v); }
-void JsonValue::real(double d, bool single) {
-  // The shortest text that reads back as the same value, as a JSON number.
-  char s[48];
-  std::snprintf(s, sizeof s, single ? "%.9g" : "%.17g", d);
-  if (std::isfinite(d)) j.raw(key, s);
-  else j.null(key);
+const char* JsonValue::member() {
+  if (keyText.empty()) return key;
+  j.memberKey(keyText);
+  return nullptr;
 }
-void JsonValue::digits(const char* p, size_t n) { j.str(key, std::string_view(p, n)); }
-void JsonValue::text(const char* p, int n) { j.str(key, std::string_view(p, static_cast<size_t>(n))); }
-void JsonValue::boolean(bool b) { j.boolean(key, b); }
-void JsonValue::hex(const uint8_t* p, size_t n) { j.hex(key, p, n); }
+void JsonValue::null() { j.null(member()); }
+void JsonValue::integer(int64_t v) { j.num(member(), v); }
+void JsonValue::real(double d, bool single) {
+  // Enough digits to read back as the same value ("%.9g" for a REAL, "%.17g" for a DOUBLE),
+  // as a JSON number; infinities and NaN have none and are null.
+  if (!std::isfinite(d)) {
+    j.null(member());
+    return;
+  }
+  char s[kJsonRealRoom];
+  j.raw(member(), std::string_view(s, jsonRealChars(d, single, s)));
+}
+
+size_t jsonRealChars(double d, bool single, char* s) {
+  // The standard library's conversion at a given precision rounds and lays out as printf does.
+  std::to_chars_result r = std::to_chars(s, s + kJsonRealRoom, d, std::chars_format::general, single ? 9 : 17);
+  return static_cast<size_t>(r.ptr - s);
+}
+void JsonValue::digits(const char* p, size_t n) { j.str(member(), std::string_view(p, n)); }
+void JsonValue::text(const char* p, int n) { j.str(member(), std::string_view(p, static_cast<size_t>(n))); }
+void JsonValue::boolean(bool b) { j.boolean(member(), b); }
+void JsonValue::hex(const uint8_t* p, size_t n) { j.hex(member(), p, n); }

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "qmsg/msg.h"
 
@@ -31,6 +32,7 @@ class JsonOut;
 struct JsonValue {
   JsonOut& j;
   const char* key;
+  std::string_view keyText = {};  // the key as JsonOut::keyText writes it, when it is kept
   void null();
   void integer(int64_t v);
   void real(double d, bool single);
@@ -38,9 +40,15 @@ struct JsonValue {
   void text(const char* p, int n);
   void boolean(bool b);
   void hex(const uint8_t* p, size_t n);
+  // Starts the member: the kept key text written, or the key handed on.
+  const char* member();
 };
 int32_t jsonColumnValue(QMsg& m, JsonValue& v, const ColumnInfo& col, const uint8_t* p, size_t len,
                         const char* step);
+// The JSON number of a finite REAL (`single`) or DOUBLE into `s`, "%.9g" or "%.17g" as printf
+// writes them; returns the length (no zero byte).
+inline constexpr size_t kJsonRealRoom = 32;
+size_t jsonRealChars(double d, bool single, char* s);
 
 // Packed decimal (two digits a byte, sign in the last half-byte: 0xB or 0xD negative) as
 // digits with the point at `scale`: no leading zeros but one before the point, "-" only when

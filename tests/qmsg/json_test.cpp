@@ -2,6 +2,13 @@
 // its keys and typed values, and valid objects with an "error" for every cut.
 #include "tests/qmsg/json.h"
 
+#include <cfloat>
+#include <cmath>
+#include <cstdio>
+#include <limits>
+
+#include "qmsg/values.h"
+
 #include "tools/gen/encode_data.h"
 #include "tools/gen/encode_file_transfer.h"
 #include "tools/gen/encode_lifecycle.h"
@@ -523,6 +530,114 @@ TEST(JsonOutText, StringsAreEscapedAndParseBackToTheirText) {
     EXPECT_EQ(doc["v"].get<std::string>(), row.reads) << out.str();
     if (row.written != nullptr) {
       EXPECT_EQ(out.str(), std::string("{\"v\":") + row.written + "}");
+    }
+  }
+}
+
+// REAL and DOUBLE values are JSON numbers with the digits "%.9g" and "%.17g" give: the exact
+// text at the extremes, the same text as printf over every power of ten, and null for the
+// infinities and NaN, which JSON has no number for. Each written number reads back as its value.
+TEST(JsonOutText, RealsHavePrintfDigitsAndReadBackExactly) {
+  struct Row {
+    double value;
+    bool single;
+    const char* written;
+  };
+  const double inf = std::numeric_limits<double>::infinity();
+  const Row rows[] = {
+      {0.0, false, "0"},
+      {-0.0, false, "-0"},
+      {1.0, false, "1"},
+      {-42.0, false, "-42"},
+      {0.1, false, "0.10000000000000001"},
+      {1.0 / 3, false, "0.33333333333333331"},
+      {1e16, false, "10000000000000000"},
+      {1e17, false, "1e+17"},
+      {123456789012345678.0, false, "1.2345678901234568e+17"},
+      {1e-5, false, "1.0000000000000001e-05"},
+      {1e100, false, "1e+100"},
+      {1.5e-300, false, "1.5000000000000001e-300"},
+      {DBL_MAX, false, "1.7976931348623157e+308"},
+      {-DBL_MAX, false, "-1.7976931348623157e+308"},
+      {DBL_MIN, false, "2.2250738585072014e-308"},
+      {DBL_TRUE_MIN, false, "4.9406564584124654e-324"},
+      {-DBL_TRUE_MIN, false, "-4.9406564584124654e-324"},
+      {0.1f, true, "0.100000001"},
+      {1.5f, true, "1.5"},
+      {-0.0f, true, "-0"},
+      {16777216.0f, true, "16777216"},
+      {1e9f, true, "1e+09"},
+      {FLT_MAX, true, "3.40282347e+38"},
+      {FLT_MIN, true, "1.17549435e-38"},
+      {FLT_TRUE_MIN, true, "1.40129846e-45"},
+      {inf, false, "null"},
+      {-inf, true, "null"},
+      {std::nan(""), false, "null"},
+  };
+  auto written = [](double d, bool single) {
+    JsonOut out;
+    out.beginObject();
+    JsonValue v{out, "v"};
+    v.real(d, single);
+    out.endObject();
+    const std::string& s = out.str();
+    return s.substr(5, s.size() - 6);
+  };
+  for (const Row& row : rows) {
+    const std::string text = written(row.value, row.single);
+    EXPECT_EQ(text, row.written) << std::hexfloat << row.value;
+    if (!std::isfinite(row.value)) continue;
+    EXPECT_TRUE(Json::parse(text, nullptr, false).is_number()) << text;
+    const double back = std::strtod(text.c_str(), nullptr);
+    if (row.single) EXPECT_EQ(static_cast<float>(back), static_cast<float>(row.value)) << text;
+    else EXPECT_EQ(back, row.value) << text;
+    EXPECT_EQ(std::signbit(back), std::signbit(row.value)) << text;
+  }
+  for (int k = -325; k <= 309; ++k) {
+    for (const char* mantissa : {"1e", "9.999999999999995e", "1.000000000000005e", "-7.25e"}) {
+      const std::string literal = mantissa + std::to_string(k);
+      const double d = std::strtod(literal.c_str(), nullptr);
+      const float f = std::strtof(literal.c_str(), nullptr);
+      char expected[64];
+      if (std::isfinite(d)) {
+        std::snprintf(expected, sizeof expected, "%.17g", d);
+        ASSERT_EQ(written(d, false), expected) << literal;
+      }
+      if (std::isfinite(f)) {
+        std::snprintf(expected, sizeof expected, "%.9g", static_cast<double>(f));
+        ASSERT_EQ(written(f, true), expected) << literal;
+      }
+    }
+  }
+}
+
+// The names of a schema's columns are kept from row to row: a new schema for the same
+// subscription renames the keys of the rows after it, and the names follow the schema that is
+// current as schemas and senders take turns.
+TEST(Json, RowsTakeTheNamesOfTheirSubscriptionsCurrentSchema) {
+  struct Turn {
+    const JsonSender* sender;
+    const char* nameColumn;  // what the second column is called in the schema sent
+  };
+  releaseSchemaCache();
+  const Turn turns[] = {{&kJsonSenders[0], "NAME"},      {&kJsonSenders[0], "NAME"},
+                        {&kJsonSenders[0], "CUSTOMER"},  {&kJsonSenders[1], "CUSTOMER"},
+                        {&kJsonSenders[2], "NAME"},      {&kJsonSenders[0], "NAME"},
+                        {&kJsonSenders[2], "KÄUFER"},    {&kJsonSenders[1], "KÄUFER"}};
+  for (const Turn& turn : turns) {
+    const JsonSender& s = *turn.sender;
+    SchemaMsgDef def = data::schema(s.ccsid);
+    def.columns[1].name = turn.nameColumn;
+    Rendered sch = renderAs(encodeSchemaMsg(def, s.order, s.ccsid), s.order, s.ccsid);
+    ASSERT_EQ(sch.rc, 0) << sch.reports;
+    for (int repeat = 0; repeat < 2; ++repeat) {
+      Rendered r = renderAs(encodeTransMsg(data::trans(s.order, s.ccsid), s.order, s.ccsid), s.order, s.ccsid);
+      ASSERT_FALSE(r.doc.is_discarded()) << r.text;
+      const Json& after = r.doc["rows"][0]["cols_after"];
+      EXPECT_EQ(after.size(), 7u) << s.tag << " " << r.text;
+      EXPECT_EQ(after[turn.nameColumn], "Grüße") << s.tag << " " << r.text;
+      EXPECT_EQ(after["PRICE"], "-12.50") << s.tag;
+      EXPECT_EQ(r.doc["rows"][0]["key_after"]["ID"], 7) << s.tag;
     }
   }
 }
