@@ -14,6 +14,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -57,7 +58,8 @@ class ScanSink {
   std::string uow;         // "uow_id" (type 128) or "uowID" (type 130), as hex
 
  private:
-  static bool is(const char* key, const char* name) { return std::char_traits<char>::compare(key, name, std::char_traits<char>::length(name) + 1) == 0; }
+  // Compared up to the first difference: a shorter key is never read past its end.
+  static bool is(const char* key, const char* name) { return std::strcmp(key, name) == 0; }
   template <typename T>
   void keep(const char* key, const T& v) {
     if (depth_ != 0 || key == nullptr) return;
