@@ -158,27 +158,31 @@ struct RenderedColumn {
   std::string lines;
   ColumnInfo info;
 };
-struct RenderedSchema {
+// The columns of a cached schema as one rendering needs them, kept per schema copy and code
+// pages: a few schemas at a time, the oldest replaced.
+template <class Column>
+struct ColumnsFor {
   uint64_t serial = 0;
   int32_t msgCcsid = 0, outCcsid = 0, flags = 0;
   bool converting = false;
-  std::vector<RenderedColumn> columns;
+  std::vector<Column> columns;
 };
 constexpr size_t kRenderedSchemas = 8;
-RenderedSchema g_rendered[kRenderedSchemas];
-size_t g_renderedNext = 0;
 
-RenderedSchema& renderedFor(uint64_t serial, const QMsg& m) {
+template <class Column>
+ColumnsFor<Column>& columnsFor(uint64_t serial, const QMsg& m) {
+  static ColumnsFor<Column> slots[kRenderedSchemas];
+  static size_t next = 0;
   const bool converting = m.converting();
   const int32_t msgCcsid = converting ? m.enc->msgCcsid : 0;
   const int32_t outCcsid = converting ? m.enc->outCcsid : 0;
   const int32_t flags = converting ? m.enc->flags : 0;
-  for (RenderedSchema& r : g_rendered)
+  for (ColumnsFor<Column>& r : slots)
     if (r.serial == serial && r.converting == converting && r.msgCcsid == msgCcsid &&
         r.outCcsid == outCcsid && r.flags == flags)
       return r;
-  RenderedSchema& r = g_rendered[g_renderedNext];
-  g_renderedNext = (g_renderedNext + 1) % kRenderedSchemas;
+  ColumnsFor<Column>& r = slots[next];
+  next = (next + 1) % kRenderedSchemas;
   r.serial = serial;
   r.converting = converting;
   r.msgCcsid = msgCcsid;
@@ -187,6 +191,7 @@ RenderedSchema& renderedFor(uint64_t serial, const QMsg& m) {
   r.columns.clear();
   return r;
 }
+using RenderedSchema = ColumnsFor<RenderedColumn>;
 
 // What the JSON rendering needs of a cached schema's columns (value form, name converted to
 // UTF-8) is the same for every row that names them: read once per schema copy and code pages.
@@ -196,34 +201,7 @@ struct JsonColumn {
   std::string name;
   std::string key;  // the name as a member's key, JsonOut::keyText
 };
-struct JsonColumns {
-  uint64_t serial = 0;
-  int32_t msgCcsid = 0, outCcsid = 0, flags = 0;
-  bool converting = false;
-  std::vector<JsonColumn> columns;
-};
-JsonColumns g_jsonColumns[kRenderedSchemas];
-size_t g_jsonColumnsNext = 0;
-
-JsonColumns& jsonColumnsFor(uint64_t serial, const QMsg& m) {
-  const bool converting = m.converting();
-  const int32_t msgCcsid = converting ? m.enc->msgCcsid : 0;
-  const int32_t outCcsid = converting ? m.enc->outCcsid : 0;
-  const int32_t flags = converting ? m.enc->flags : 0;
-  for (JsonColumns& r : g_jsonColumns)
-    if (r.serial == serial && r.converting == converting && r.msgCcsid == msgCcsid &&
-        r.outCcsid == outCcsid && r.flags == flags)
-      return r;
-  JsonColumns& r = g_jsonColumns[g_jsonColumnsNext];
-  g_jsonColumnsNext = (g_jsonColumnsNext + 1) % kRenderedSchemas;
-  r.serial = serial;
-  r.converting = converting;
-  r.msgCcsid = msgCcsid;
-  r.outCcsid = outCcsid;
-  r.flags = flags;
-  r.columns.clear();
-  return r;
-}
+using JsonColumns = ColumnsFor<JsonColumn>;
 
 // The cached schema of the row's subscription: its column-offset array and descriptors, in
 // machine order except the name counts.
@@ -684,8 +662,8 @@ int32_t printTransRow(QMsg& m, O& o, size_t at, uint16_t version) {
     uint8_t* copy = const_cast<uint8_t*>(cached->msg);
     schema.emplace(SchemaColumns{QMsg(copy, cached->length, m.out, m.enc, m.cm), arrayAt, 0});
     schema->msg.r = MsgReader(copy, cached->length, cached->senderSwapped);
-    if constexpr (!O::kJson) schema->rendered = &renderedFor(cached->serial, schema->msg);
-    else schema->json = &jsonColumnsFor(cached->serial, schema->msg);
+    if constexpr (!O::kJson) schema->rendered = &columnsFor<RenderedColumn>(cached->serial, schema->msg);
+    else schema->json = &columnsFor<JsonColumn>(cached->serial, schema->msg);
     rc = schema->msg.r.machine(508, schema->nColsInKey, "qSubSchemaMsg.nColsInKey");
     if (rc != 0) return rplTrace_.ret(rc);
   }
