@@ -134,10 +134,7 @@ inline constexpr ValueName kColumnMarkers[] = {
     {0x8002, "P2P MODIFIED\n"},
     {0x8004, "OVERSIZED/NOT MODIFIED\n"},
 };
-inline constexpr uint16_t kLongOffset = 0x8000;
 
-inline constexpr size_t kSetHeaderSize = 6;
-inline constexpr size_t kLobRefSize = 10;  // u32 rowNum, u16 colNum, u32 data length
 
 constexpr const char* kRowStep = "qTransRow::printMe";
 // What comes before every value of a set, kept at the end of a column's rendered lines.
@@ -316,50 +313,28 @@ struct SchemaColumns {
   }
 };
 
-bool isLobType(uint16_t type) {
-  uint16_t t = type & ~1u;
-  return t == kColBlob || t == kColClob || t == kColDbclob || t == kColXml;
-}
-
 // A LOB or XML value: its reference, then the data that follows inline (rowNum 1).
 int32_t printLobValue(QMsg& m, Emit& e, const MsgReader& value, ColumnInfo col) {
-  uint32_t rowNum = 0, dataLen = 0;
-  uint16_t colNum = 0;
-  int32_t rc = value.u32(0, rowNum, "qLobRef.rowNum");
-  if (rc == 0) rc = value.u16(4, colNum, "qLobRef.colNum");
-  if (rc == 0) rc = value.u32(6, dataLen, "qLobRef.dataLen");
+  LobValue lob;
+  int32_t rc = readLobValue(m, value, col, lob);
   if (rc != 0) return rc;
-  e.lit("\n    lobId:      [ rowNum = ").num(static_cast<int32_t>(rowNum)).lit(", colNum = ").num(colNum).lit(" ]\n");
-  e.lit("    lobDataLen: ").num(static_cast<int32_t>(dataLen)).ch('\n');
-  uint16_t type = col.type & ~1u;
-  if (m.converting()) col.codePage = type == kColDbclob ? m.enc->dbcsCcsid : m.enc->msgCcsid;
-  if (type == kColXml) e.lit("    xmlDataLen: ").num(static_cast<int32_t>(dataLen)).ch('\n');
-  const uint8_t* data = nullptr;
-  size_t n = rowNum == 1 ? value.size() - kLobRefSize : 0;
-  if (n > dataLen) n = dataLen;
-  if (n > 0) value.bytes(kLobRefSize, n, data, "qLobRef data");
-  return printColumnValue(m, e, col, data, n, kSetStep);
+  e.lit("\n    lobId:      [ rowNum = ").num(static_cast<int32_t>(lob.rowNum)).lit(", colNum = ").num(lob.colNum).lit(" ]\n");
+  e.lit("    lobDataLen: ").num(static_cast<int32_t>(lob.dataLen)).ch('\n');
+  if ((col.type & ~1u) == kColXml) e.lit("    xmlDataLen: ").num(static_cast<int32_t>(lob.dataLen)).ch('\n');
+  return printColumnValue(m, e, col, lob.data, lob.n, kSetStep);
 }
 
 // The JSON form of a LOB or XML value: its reference and the data that follows inline.
 int32_t jsonLobValue(QMsg& m, JsonOut& j, const char* key, const MsgReader& value, ColumnInfo col) {
-  Cursor c(const_cast<MsgReader&>(value));
-  uint32_t rowNum = c.u32(0, "qLobRef.rowNum");
-  uint16_t colNum = c.u16(4, "qLobRef.colNum");
-  uint32_t dataLen = c.u32(6, "qLobRef.dataLen");
-  if (!c) return c.rc();
+  LobValue lob;
+  int32_t rc = readLobValue(m, value, col, lob);
+  if (rc != 0) return rc;
   j.beginObject(key);
-  j.num("rowNum", static_cast<int32_t>(rowNum));
-  j.num("colNum", colNum);
-  j.num("lobDataLen", static_cast<int32_t>(dataLen));
-  uint16_t type = col.type & ~1u;
-  if (m.converting()) col.codePage = type == kColDbclob ? m.enc->dbcsCcsid : m.enc->msgCcsid;
-  const uint8_t* data = nullptr;
-  size_t n = rowNum == 1 ? value.size() - kLobRefSize : 0;
-  if (n > dataLen) n = dataLen;
-  if (n > 0) value.bytes(kLobRefSize, n, data, "qLobRef data");
+  j.num("rowNum", static_cast<int32_t>(lob.rowNum));
+  j.num("colNum", lob.colNum);
+  j.num("lobDataLen", static_cast<int32_t>(lob.dataLen));
   JsonValue v{j, "data"};
-  int32_t rc = jsonColumnValue(m, v, col, data, n, kSetStep);
+  rc = jsonColumnValue(m, v, col, lob.data, lob.n, kSetStep);
   if (rc == 0) j.endObject();
   return rc;
 }
@@ -694,4 +669,22 @@ int32_t printTransRow(QMsg& m, size_t at, uint16_t version) {
 
 const char* rowOperationName(uint8_t operation) {
   return nameOf(kRowOperations, operation, "Unexpected");
+}
+
+bool isLobType(uint16_t type) {
+  uint16_t t = type & ~1u;
+  return t == kColBlob || t == kColClob || t == kColDbclob || t == kColXml;
+}
+
+int32_t readLobValue(const QMsg& m, const MsgReader& value, ColumnInfo& col, LobValue& lob) {
+  Cursor c(const_cast<MsgReader&>(value));
+  lob.rowNum = c.u32(0, "qLobRef.rowNum");
+  lob.colNum = c.u16(4, "qLobRef.colNum");
+  lob.dataLen = c.u32(6, "qLobRef.dataLen");
+  if (!c) return c.rc();
+  if (m.converting()) col.codePage = (col.type & ~1u) == kColDbclob ? m.enc->dbcsCcsid : m.enc->msgCcsid;
+  lob.n = lob.rowNum == 1 ? value.size() - kLobRefSize : 0;
+  if (lob.n > lob.dataLen) lob.n = lob.dataLen;
+  if (lob.n > 0) value.bytes(kLobRefSize, lob.n, lob.data, "qLobRef data");
+  return 0;
 }

@@ -5,11 +5,35 @@
 #include <cstdint>
 
 #include "qmsg/msg.h"
+#include "qmsg/values.h"
 
 // The name of a row operation as the row printer gives it ("INSERT", "KEY UPDATE", ...).
 const char* rowOperationName(uint8_t operation);
 // Offset of the first column set from the row start for a message of layout `version`.
 size_t rowColumnSetsOffset(uint16_t version);
+
+// A column set: u32 length, u16 column count, then a u16 entry per column (an offset into the
+// set, or a marker at or above kLongOffset).
+inline constexpr size_t kSetHeaderSize = 6;
+inline constexpr uint16_t kLongOffset = 0x8000;
+// A LOB or XML value starts with its reference: u32 rowNum, u16 colNum, u32 data length.
+inline constexpr size_t kLobRefSize = 10;
+
+// Whether a column of `type` holds a LOB reference (BLOB, CLOB, DBCLOB, XML).
+bool isLobType(uint16_t type);
+
+// A LOB or XML value: its reference, and the data that follows it inline in the reference's
+// first row (rowNum 1), cut to the data length.
+struct LobValue {
+  uint32_t rowNum = 0;
+  uint16_t colNum = 0;
+  uint32_t dataLen = 0;
+  const uint8_t* data = nullptr;
+  size_t n = 0;
+};
+// Reads the reference and places the inline data; when the message is converted, `col`'s
+// code page becomes the one its data is in (DBCLOB: the double-byte code page).
+int32_t readLobValue(const QMsg& m, const MsgReader& value, ColumnInfo& col, LobValue& lob);
 
 // Swaps the structural integers of the row at `at` in place: the row length, sub_id and
 // partition number, and of each present column set its length, column count and entries.

@@ -33,9 +33,6 @@ constexpr uint8_t kTypeTransMsg = 128;
 constexpr uint8_t kTypeStreamedTransMsg = 130;
 constexpr uint8_t kOpMassiveStmt = 160;
 constexpr uint8_t kBafterBatchedHeader = 16;
-constexpr uint16_t kLongOffset = 0x8000;
-constexpr size_t kSetHeaderSize = 6;
-constexpr size_t kLobRefSize = 10;
 constexpr const char* kSetStep = "qRowColSet::printMe";
 
 // The column sets in stored order: their bafter bit, and whether they hold the key columns.
@@ -55,11 +52,6 @@ const char* markerText(uint16_t entry) {
   }
 }
 bool isMarker(uint16_t entry) { return entry == 0x8001 || markerText(entry) != nullptr; }
-
-bool isLobType(uint16_t type) {
-  uint16_t t = type & ~1u;
-  return t == kColBlob || t == kColClob || t == kColDbclob || t == kColXml;
-}
 
 size_t roundUp4(size_t n) { return (n + 3) & ~size_t{3}; }
 
@@ -154,21 +146,12 @@ int32_t renderValue(QMsg& m, const ColumnInfo& col, const uint8_t* p, size_t n, 
   }
   // A LOB value reads as its data: the bytes that follow the reference inline (row 1).
   MsgReader value(const_cast<uint8_t*>(p), n, swapped);
-  uint32_t rowNum = 0, dataLen = 0;
-  uint16_t colNum = 0;
-  int32_t rc = value.u32(0, rowNum, "qLobRef.rowNum");
-  if (rc == 0) rc = value.u16(4, colNum, "qLobRef.colNum");
-  if (rc == 0) rc = value.u32(6, dataLen, "qLobRef.dataLen");
+  ColumnInfo data = col;
+  LobValue lob;
+  int32_t rc = readLobValue(m, value, data, lob);
   if (rc != 0) return rc;
-  ColumnInfo lob = col;
-  uint16_t type = col.type & ~1u;
-  if (m.converting()) lob.codePage = type == kColDbclob ? m.enc->dbcsCcsid : m.enc->msgCcsid;
-  const uint8_t* data = nullptr;
-  size_t len = rowNum == 1 ? n - kLobRefSize : 0;
-  if (len > dataLen) len = dataLen;
-  if (len > 0) value.bytes(kLobRefSize, len, data, "qLobRef data");
   JsonValue v{j, nullptr};
-  return jsonColumnValue(m, v, lob, data, len, kSetStep);
+  return jsonColumnValue(m, v, data, lob.data, lob.n, kSetStep);
 }
 
 // One column set at `at` of the row: its structure checked as the row printer checks it, and
