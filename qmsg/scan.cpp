@@ -156,10 +156,18 @@ bool textConverts(QMsg& m, const ColumnInfo& col) {
 
 // A column of a cached schema as the checks need it: its form, and whether the full rendering
 // reads its descriptor and name and converts its text.
+// What the value printer checks of a value, by the column's type: nothing (text, whose
+// converter is checked with the column, binary, BOOLEAN), a least length (integers; `size`),
+// DOUBLE (4 bytes, or at least 8), packed digits (the first `size` bytes, all of them when 0),
+// DECFLOAT (8 or 16 bytes), a length prefix within the value (`size`: bytes a character), or a
+// LOB reference (10 bytes, even when NULL would be empty).
+enum class ValueCheck : uint8_t { kNone, kAtLeast, kDouble, kPacked, kDecfloat, kPrefixed, kLobRef };
+
 struct CheckedColumn {
   bool looked = false;
   bool sure = false;
-  ColumnInfo info;
+  ValueCheck check = ValueCheck::kNone;
+  uint16_t size = 0;
 };
 
 // The checked columns of a cached schema, per schema copy and conversion context: a few
@@ -198,10 +206,16 @@ CheckedSchema& checkedSchema(const CachedSchema& cached, const QMsg& m) {
   return s;
 }
 
-const CheckedColumn& checkedColumn(CheckedSchema& s, const CachedSchema& cached, QMsg& m, size_t index) {
+const CheckedColumn& lookAtColumn(CheckedSchema& s, const CachedSchema& cached, QMsg& m, size_t index);
+
+inline const CheckedColumn& checkedColumn(CheckedSchema& s, const CachedSchema& cached, QMsg& m, size_t index) {
+  if (index < s.columns.size() && s.columns[index].looked) return s.columns[index];
+  return lookAtColumn(s, cached, m, index);
+}
+
+const CheckedColumn& lookAtColumn(CheckedSchema& s, const CachedSchema& cached, QMsg& m, size_t index) {
   if (s.columns.size() <= index) s.columns.resize(index + 1);
   CheckedColumn& c = s.columns[index];
-  if (c.looked) return c;
   c.looked = true;
   // A column past the schema's array is read from whatever follows it: left to the rendering.
   if (!s.readable || index >= s.nCols) return c;
@@ -211,9 +225,34 @@ const CheckedColumn& checkedColumn(CheckedSchema& s, const CachedSchema& cached,
   const uint8_t* chars = nullptr;
   uint16_t nameLen = 0;
   ConvText name;
-  c.sure = readSchemaColumn(schema.r, s.arrayAt, index, c.info, chars, nameLen) == 0 &&
+  ColumnInfo info;
+  c.sure = readSchemaColumn(schema.r, s.arrayAt, index, info, chars, nameLen) == 0 &&
            convertText(schema, chars, nameLen, name, kSetStep, "ConvMgr::cpcvl", "colname") == 0 &&
-           textConverts(m, c.info);
+           textConverts(m, info);
+  const uint16_t type = info.type & ~1u;
+  auto set = [&c](ValueCheck check, uint16_t size) {
+    c.check = check;
+    c.size = size;
+  };
+  if (isLobType(type)) {
+    set(ValueCheck::kLobRef, kLobRefSize);
+    return c;
+  }
+  switch (type) {
+    case kColSmallint: set(ValueCheck::kAtLeast, 2); break;
+    case kColInteger: set(ValueCheck::kAtLeast, 4); break;
+    case kColBigint: set(ValueCheck::kAtLeast, 8); break;
+    case kColDouble: set(ValueCheck::kDouble, 0); break;
+    case kColDecimal:
+    case kColDecimal504: set(ValueCheck::kPacked, info.precision > 0 ? info.precision / 2 + 1 : 0); break;
+    case kColDecfloat: set(ValueCheck::kDecfloat, 0); break;
+    case kColVarchar:
+    case kColLongVarchar:
+    case kColVarbinary: set(ValueCheck::kPrefixed, 1); break;
+    case kColVargraphic:
+    case kColLongVargraphic: set(ValueCheck::kPrefixed, 2); break;
+    default: set(ValueCheck::kNone, 0); break;
+  }
   return c;
 }
 
@@ -233,28 +272,21 @@ bool packedDigits(const uint8_t* p, size_t n) {
   return n > 0 && (p[n - 1] >> 4) <= 9;
 }
 
-// Whether the value printer reads the value of `col` (`len` bytes at `p`, `swapped` as the
+// Whether the value printer reads a value of column `c` (`len` bytes at `p`, `swapped` as the
 // row) without a failure; its text conversion is checked with the column.
-bool valueReadable(const ColumnInfo& col, const uint8_t* p, size_t len, bool swapped) {
-  const uint16_t type = col.type & ~1u;
-  if (isLobType(type)) return len >= kLobRefSize;  // the reference, then inline data
-  if (len == 0) return true;                       // NULL
-  switch (type) {
-    case kColSmallint: return len >= 2;
-    case kColInteger: return len >= 4;
-    case kColBigint: return len >= 8;
-    case kColDouble: return len == 4 || len >= 8;
-    case kColDecimal:
-    case kColDecimal504: {
-      const size_t n = col.precision > 0 ? size_t{col.precision} / 2 + 1 : len;
+inline bool valueReadable(const CheckedColumn& c, const uint8_t* p, size_t len, bool swapped) {
+  if (c.check == ValueCheck::kNone) return true;
+  if (c.check == ValueCheck::kLobRef) return len >= c.size;  // the reference, then inline data
+  if (len == 0) return true;                                  // NULL
+  switch (c.check) {
+    case ValueCheck::kAtLeast: return len >= c.size;
+    case ValueCheck::kDouble: return len == 4 || len >= 8;
+    case ValueCheck::kPacked: {
+      const size_t n = c.size > 0 ? c.size : len;
       return n <= len && packedDigits(p, n);
     }
-    case kColDecfloat: return len == 8 || len == 16;
-    case kColVarchar:
-    case kColLongVarchar:
-    case kColVarbinary: return prefixedFits(p, len, 1, swapped);
-    case kColVargraphic:
-    case kColLongVargraphic: return prefixedFits(p, len, 2, swapped);
+    case ValueCheck::kDecfloat: return len == 8 || len == 16;
+    case ValueCheck::kPrefixed: return prefixedFits(p, len, c.size, swapped);
     default: return true;
   }
 }
@@ -316,23 +348,21 @@ int32_t scanColSet(QMsg& m, const MsgReader& row, size_t at, const NamedColumns*
       start[i] = real;
     }
   }
+  // Each value runs to the next one's start, the last to the end of the set; with `checked`,
+  // each is checked as its printer reads it.
+  const size_t first = checked == nullptr ? 0 : key ? 0 : checked->nColsInKey;
   int64_t end = length;
   for (size_t i = nCols; i-- > 0;) {
+    if (checked != nullptr) {
+      const CheckedColumn& c = checkedColumn(*checked, *cached, m, first + i);
+      if (!c.sure) return kRcUnknownType;
+      if (start[i] >= 0 && start[i] <= end &&
+          !valueReadable(c, set.data() + start[i], static_cast<size_t>(end - start[i]), set.swapped()))
+        return kRcUnknownType;
+    }
     if (start[i] < 0) continue;
     if (start[i] > end) return kRcShortRead;  // the rendering says which value
     end = start[i];
-  }
-  if (checked != nullptr) {
-    const size_t first = key ? 0 : checked->nColsInKey;
-    int64_t next = length;
-    for (size_t i = nCols; i-- > 0;) {
-      const CheckedColumn& c = checkedColumn(*checked, *cached, m, first + i);
-      if (!c.sure) return kRcUnknownType;
-      if (start[i] < 0) continue;
-      const size_t size = static_cast<size_t>(next - start[i]);
-      if (!valueReadable(c.info, set.data() + start[i], size, set.swapped())) return kRcUnknownType;
-      next = start[i];
-    }
   }
 
   auto wantedIndex = [&](size_t i) -> int {
