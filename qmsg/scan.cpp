@@ -405,8 +405,11 @@ int32_t scanColSet(QMsg& m, const MsgReader& row, size_t at, const NamedColumns*
       j.clear();
       j.hex(nullptr, copy, size);
     } else {
-      rc = renderValue(m, named->infos[static_cast<size_t>(k)], copy, size, set.swapped(), j);
-      if (rc != 0) return rc;
+      // A value that cannot be rendered reads as nothing (empty); the rows go on.
+      if (renderValue(m, named->infos[static_cast<size_t>(k)], copy, size, set.swapped(), j) != 0) {
+        out.unreadValues = true;
+        continue;
+      }
     }
     v = j.str();
   }

@@ -89,15 +89,19 @@ struct ScanResult {
   ScanSink fields;
   std::vector<ScanRow> rows;
   // The named column's values of every row, before and after, each as the JSON rendering
-  // writes it (`"text"`, `12`, `null`; a LOB value as its "data").
+  // writes it (`"text"`, `12`, `null`; a LOB value as its "data"; empty when it cannot be read).
   std::vector<std::string> values;
 
   // A spilled-row message (type 33): one row, without a transaction header of its own.
   bool spilled = false;
+  // Values of the named column that could not be rendered (they read as empty, and their
+  // failures were reported).
+  bool unreadValues = false;
 
   void clear() {
     fields = ScanSink{};
     spilled = false;
+    unreadValues = false;
     rows.clear();
     valuesUsed = 0;
   }

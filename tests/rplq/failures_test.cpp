@@ -114,7 +114,8 @@ struct Case {
   std::function<void(RowDef&, const Sender&)> spoil;
   Outcome outcome;
   bool spilled = false;
-  bool cut = false;  // the message ends three bytes early
+  bool cut = false;        // the message ends three bytes early
+  bool keyCutBefore = false;  // a row whose key is two bytes comes first
 };
 
 const std::vector<Case>& cases() {
@@ -156,6 +157,7 @@ const std::vector<Case>& cases() {
        [](RowDef& r, const Sender&) { (*r.colsAfter)[kAmount] = raw({0x12, 0xA4, 0x50, 0x0C}); }, kFails, true},
       {"spilled row, every value readable", [](RowDef&, const Sender&) {}, kReads, true},
       {"message cut inside its last value", [](RowDef&, const Sender&) {}, kFails, false, true},
+      {"a row with an INTEGER key of two bytes before", [](RowDef&, const Sender&) {}, kFails, false, false, true},
   };
   return kCases;
 }
@@ -210,6 +212,11 @@ class RplqFailures : public ::testing::Test {
       } else {
         TransMsgDef trans;
         trans.rows = {row};
+        if (c.keyCutBefore) {
+          RowDef cutKey = row;
+          (*cutKey.keyAfter)[0] = raw({0, 7});
+          trans.rows.insert(trans.rows.begin(), cutKey);
+        }
         msg = encodeTransMsg(trans, s.order, s.ccsid);
       }
       if (c.cut) msg.resize(msg.size() - 3);
@@ -291,8 +298,8 @@ TEST_F(RplqFailures, SummaryListsWhatTheRenderingCannotRead) {
 }
 
 // --where reads only the named column's values: a message whose other values fail is still
-// found by its key, shown as far as it can be printed and named on standard error; one whose
-// key cannot be read is not found. Nothing ends the run.
+// found by its key, shown as far as it can be printed and named on standard error; a key that
+// cannot be read is not found, and the rows after it are still searched. Nothing ends the run.
 TEST_F(RplqFailures, WherePassesOverUnreadableValues) {
   for (const Sender& s : kSenders) {
     putCases(s);
@@ -311,13 +318,19 @@ TEST_F(RplqFailures, WherePassesOverUnreadableValues) {
       }
       ASSERT_EQ(text.status, 0) << where << ": " << text.err;
       EXPECT_NE(text.out.find("**** Message number: " + std::to_string(position) + "\n"), std::string::npos) << where;
-      EXPECT_NE(text.out.find("**** Rows with ORDER_ID=" + id + ": 1\n"), std::string::npos) << where;
+      const int row = c.keyCutBefore ? 2 : 1;
+      EXPECT_NE(text.out.find("**** Rows with ORDER_ID=" + id + ": " + std::to_string(row) + "\n"),
+                std::string::npos)
+          << where;
       EXPECT_EQ(text.err.find("rplq: message " + std::to_string(position) + ": ") != std::string::npos, fails)
           << where << ": " << text.err;
+      // The message is reported as when it is shown without --where: once, the same words.
+      const Ran alone = run(dir_, bin("rplq") + " --from " + std::to_string(position) + " --count 1 QMF " + s.queue);
+      EXPECT_EQ(text.err, alone.err) << where;
       const Ran js = run(dir_, bin("rplq") + " --json --where ORDER_ID=" + id + " QMF " + s.queue);
       ASSERT_EQ(js.status, 0) << where;
       const json doc = json::parse(js.out);
-      EXPECT_EQ(doc["matched_rows"], json::array({1})) << where;
+      EXPECT_EQ(doc["matched_rows"], json::array({row})) << where;
       EXPECT_EQ(doc.contains("error"), fails) << where;
     }
   }

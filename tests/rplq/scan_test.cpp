@@ -235,6 +235,58 @@ TEST(RplqScan, FormsOfANamedColumn) {
   releaseSchemaCache();
 }
 
+// A value of the named column that cannot be rendered reads as nothing, and the rows after it
+// are still read; with the values checked, the message is left to the full rendering.
+TEST(RplqScan, UnreadableValuesReadAsNothing) {
+  struct Row {
+    const char* column;
+    size_t index;  // in orderCols
+    Bytes bad;
+  };
+  const Row rows[] = {
+      {"NOTE", 1, {0x00, 0x50, 0x41}},      // VARCHAR count past its value
+      {"AMOUNT", 2, {0x12, 0xA4, 0x50, 0x0C}},  // a half-byte that is no digit
+      {"REMARKS", 4, {0, 0, 0, 1, 0, 6}},   // LOB reference cut short
+      {"QTY", 5, {7}},                      // SMALLINT of one byte
+  };
+  for (const Sender& s : kSenders) {
+    releaseSchemaCache();
+    rendered(encodeSchemaMsg(orderSchema(s.ccsid), s.order, s.ccsid), s);
+    for (const Row& r : rows) {
+      TransMsgDef trans;
+      RowDef bad;
+      bad.keyAfter = std::vector<ColValue>{valInteger(1, s.order)};
+      bad.colsAfter = orderCols(s, "N", "first");
+      (*bad.colsAfter)[r.index] = ColValue{0, false, r.bad};
+      RowDef good = bad;
+      good.colsAfter = orderCols(s, "N", "first");
+      trans.rows = {bad, good};
+      const Bytes msg = encodeTransMsg(trans, s.order, s.ccsid);
+      const std::string where = std::string(r.column) + " (" + s.tag + ")";
+
+      TransMsgDef alone;
+      alone.rows = {good};
+      const json doc = rendered(encodeTransMsg(alone, s.order, s.ccsid), s);
+      Bytes copy = msg;
+      ScanResult res;
+      ASSERT_EQ(scanCompactMsg(copy.data(), copy.size(), contextOf(s), converters(), r.column, res), 0) << where;
+      EXPECT_TRUE(res.unreadValues) << where;
+      ASSERT_EQ(res.rows.size(), 2u) << where;
+      ASSERT_EQ(res.rows[0].valueCount, 1u) << where;
+      EXPECT_EQ(res.value(res.rows[0].firstValue), "") << where;
+      ASSERT_EQ(res.rows[1].valueCount, 1u) << where;
+      EXPECT_EQ(json::parse(res.value(res.rows[1].firstValue)), renderedValues(doc["rows"][0], r.column)[0])
+          << where;
+
+      copy = msg;
+      EXPECT_EQ(scanCompactMsg(copy.data(), copy.size(), contextOf(s), converters(), nullptr, res, true),
+                kRcUnknownType)
+          << where << ", values checked";
+    }
+  }
+  releaseSchemaCache();
+}
+
 // A message the pass cannot walk says so; other message types are not its business.
 TEST(RplqScan, RefusesWhatItCannotWalk) {
   const Sender s = kSenders[1];

@@ -589,7 +589,8 @@ bool Run::scan(const KXMD& md, const uint8_t* data, size_t length) {
   const char* column = o_.hasWhere ? o_.whereColumn.c_str() : nullptr;
   // The summary lists the messages whose rendering fails: their values are checked too.
   int32_t rc = scanCompactMsg(copy, length, enc, printer_.converters(), column, scan_, o_.summary);
-  if (rc != 0 || o_.summary) reports_.take();  // the whole rendering reports what failed
+  // The whole rendering reports what failed.
+  if (rc != 0 || o_.summary || scan_.unreadValues) reports_.take();
   if (rc != 0) return false;
   scanned_ = true;
   return true;
