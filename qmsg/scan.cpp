@@ -154,8 +154,6 @@ bool textConverts(QMsg& m, const ColumnInfo& col) {
   return convertText(m, kProbe, sizeof kProbe, text, kSetStep, "ConvMgr::cpcvc", "text", codePage) == 0;
 }
 
-// A column of a cached schema as the checks need it: its form, and whether the full rendering
-// reads its descriptor and name and converts its text.
 // What the value printer checks of a value, by the column's type: nothing (text, whose
 // converter is checked with the column, binary, BOOLEAN), a least length (integers; `size`),
 // DOUBLE (4 bytes, or at least 8), packed digits (the first `size` bytes, all of them when 0),
@@ -163,6 +161,8 @@ bool textConverts(QMsg& m, const ColumnInfo& col) {
 // LOB reference (10 bytes, even when NULL would be empty).
 enum class ValueCheck : uint8_t { kNone, kAtLeast, kDouble, kPacked, kDecfloat, kPrefixed, kLobRef };
 
+// A column of a cached schema as the checks need it: whether the full rendering reads its
+// descriptor and name and converts its text (`sure`), and what it checks of its values.
 struct CheckedColumn {
   bool looked = false;
   bool sure = false;
