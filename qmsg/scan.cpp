@@ -208,7 +208,8 @@ CheckedSchema& checkedSchema(const CachedSchema& cached, const QMsg& m) {
 
 const CheckedColumn& lookAtColumn(CheckedSchema& s, const CachedSchema& cached, QMsg& m, size_t index);
 
-inline const CheckedColumn& checkedColumn(CheckedSchema& s, const CachedSchema& cached, QMsg& m, size_t index) {
+inline const CheckedColumn& checkedColumn(CheckedSchema& s, const CachedSchema& cached, QMsg& m,
+                                          size_t index) {
   if (index < s.columns.size() && s.columns[index].looked) return s.columns[index];
   return lookAtColumn(s, cached, m, index);
 }
@@ -525,7 +526,12 @@ int32_t scanCompactMsg(uint8_t* msg, size_t length, const encodingInfo& enc, Con
     rc = printHeaderLines(m, out.fields, true);
     if (rc == 0) rc = m.version(version);
     if (rc != 0) return rc;
-    at = version == 1 ? 16 : version <= 4 ? 110 : version <= 6 ? 128 : version == 7 ? 136 : version == 8 ? 152 : 168;
+    at = version == 1   ? 16
+         : version <= 4 ? 110
+         : version <= 6 ? 128
+         : version == 7 ? 136
+         : version == 8 ? 152
+                        : 168;
     if (m.swap()) fixTransRow(m.r, at, version);
     rows = 1;
   } else {

@@ -1,8 +1,8 @@
 // A light pass over a transaction message (type 128), a streamed transaction message (type 130)
-// or a spilled-row message (type 33) for selecting and counting: what the JSON rendering would say of the transaction (commit
-// time and LSN, unit of work) and of each row (operation, subscription, the values of one named
-// column), read without rendering the rest. The message's other fields and values are walked
-// over, not formatted.
+// or a spilled-row message (type 33) for selecting and counting: what the JSON rendering would
+// say of the transaction (commit time and LSN, unit of work) and of each row (operation,
+// subscription, the values of one named column), read without rendering the rest. The
+// message's other fields and values are walked over, not formatted.
 //
 //   ScanResult res;
 //   int32_t rc = scanCompactMsg(data, length, enc, cm, "ORDER_ID", res);

@@ -54,9 +54,10 @@ bool valueReads(const nlohmann::json& value, const std::string& want);
 // The same for a value's JSON text as the rendering writes it.
 bool renderedValueReads(std::string_view json, const std::string& want);
 
-// The 1-based indexes of the rows of `msg` ("rows" array, or the one "row" of a spilled row) that have column `column` (case
-// ignored) reading `value` in a before or an after value set; when `subs` is given, only rows
-// of those subscriptions. An empty `column` matches every row of those subscriptions.
+// The 1-based indexes of the rows of `msg` ("rows" array, or the one "row" of a spilled row)
+// that have column `column` (case ignored) reading `value` in a before or an after value set;
+// when `subs` is given, only rows of those subscriptions. An empty `column` matches every row
+// of those subscriptions.
 std::vector<int> matchingRows(const nlohmann::json& msg, const std::string& column,
                               const std::string& value, const std::set<int64_t>* subs);
 // True when the message is of one of `subs`: its own "sub_id", or a row's.
