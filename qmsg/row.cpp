@@ -272,23 +272,12 @@ struct SchemaColumns {
   }
 
   int32_t readJsonColumn(size_t index, ColumnInfo& col, std::string& name) {
-    uint16_t desc = 0, nameLen = 0;
-    uint32_t codePage = 0;
-    const uint8_t* stored = nullptr;
+    uint16_t nameLen = 0;
     const uint8_t* chars = nullptr;
-    Cursor c(msg.r);
-    desc = c.machine<uint16_t>(arrayAt + 2 * index, "qSubSchemaMsg column offset");
-    col.type = c.machine<uint16_t>(desc, "qColSchema.coltype");
-    codePage = c.machine<uint32_t>(desc + 8, "qColSchema.codepage");
-    stored = c.bytes(desc + 4, 4, "qColSchema.typelen");
-    nameLen = c.u16(desc + 12, "qColSchema.colname length");
-    chars = c.bytes(desc + 14, nameLen, "qColSchema.colname");
-    if (!c) return c.rc();
-    col.precision = msg.swap() ? stored[3] : stored[0];
-    col.scale = msg.swap() ? stored[2] : stored[1];
-    col.codePage = static_cast<int32_t>(codePage);
+    int32_t rc = readSchemaColumn(msg.r, arrayAt, index, col, chars, nameLen);
+    if (rc != 0) return rc;
     ConvText text;
-    int32_t rc = convertText(msg, chars, nameLen, text, kSetStep, "ConvMgr::cpcvl", "colname");
+    rc = convertText(msg, chars, nameLen, text, kSetStep, "ConvMgr::cpcvl", "colname");
     if (rc == 0) name.assign(text.data(), static_cast<size_t>(text.size()));
     return rc;
   }
@@ -301,13 +290,10 @@ struct SchemaColumns {
     if (rc == 0) rc = msg.r.machine(desc + 8, codePage, "qColSchema.codepage");
     if (rc == 0) rc = printColSchema(msg, desc, false);
     if (rc != 0) return rc;
-    // Precision and scale are bytes 4 and 5 as the sender wrote them; a swapped copy has
-    // them turned round with the rest of the u32.
     const uint8_t* stored = nullptr;
     rc = msg.r.bytes(desc + 4, 4, stored, "qColSchema.typelen");
     if (rc != 0) return rc;
-    col.precision = msg.swap() ? stored[3] : stored[0];
-    col.scale = msg.swap() ? stored[2] : stored[1];
+    readPrecisionScale(stored, msg.swap(), col);
     col.codePage = static_cast<int32_t>(codePage);
     return 0;
   }
@@ -669,6 +655,21 @@ int32_t printTransRow(QMsg& m, size_t at, uint16_t version) {
 
 const char* rowOperationName(uint8_t operation) {
   return nameOf(kRowOperations, operation, "Unexpected");
+}
+
+int32_t readSchemaColumn(MsgReader& schema, size_t arrayAt, size_t index, ColumnInfo& col,
+                         const uint8_t*& name, uint16_t& nameLen) {
+  Cursor c(schema);
+  const uint16_t desc = c.machine<uint16_t>(arrayAt + 2 * index, "qSubSchemaMsg column offset");
+  col.type = c.machine<uint16_t>(desc, "qColSchema.coltype");
+  const uint32_t codePage = c.machine<uint32_t>(desc + 8, "qColSchema.codepage");
+  const uint8_t* stored = c.bytes(desc + 4, 4, "qColSchema.typelen");
+  nameLen = c.u16(desc + 12, "qColSchema.colname length");
+  name = c.bytes(desc + 14, nameLen, "qColSchema.colname");
+  if (!c) return c.rc();
+  readPrecisionScale(stored, schema.swapped(), col);
+  col.codePage = static_cast<int32_t>(codePage);
+  return 0;
 }
 
 bool isLobType(uint16_t type) {

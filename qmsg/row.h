@@ -19,6 +19,19 @@ inline constexpr uint16_t kLongOffset = 0x8000;
 // A LOB or XML value starts with its reference: u32 rowNum, u16 colNum, u32 data length.
 inline constexpr size_t kLobRefSize = 10;
 
+// The descriptor (qColSchema) of column `index` of a cached subscription schema: the u16 at
+// `arrayAt` + 2 * index places it; its type, code page, precision and scale go into `col`, and
+// its name's characters (`nameLen` bytes, in the schema's code page) are placed in `name`. The
+// schema's integers are in machine order, the name's count in the sender's.
+int32_t readSchemaColumn(MsgReader& schema, size_t arrayAt, size_t index, ColumnInfo& col,
+                         const uint8_t*& name, uint16_t& nameLen);
+// Precision and scale: bytes 4 and 5 of a descriptor as the sender wrote them (`stored`); a
+// swapped copy has them turned round with the rest of their u32.
+inline void readPrecisionScale(const uint8_t* stored, bool swapped, ColumnInfo& col) {
+  col.precision = swapped ? stored[3] : stored[0];
+  col.scale = swapped ? stored[2] : stored[1];
+}
+
 // Whether a column of `type` holds a LOB reference (BLOB, CLOB, DBCLOB, XML).
 bool isLobType(uint16_t type);
 

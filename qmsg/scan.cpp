@@ -90,19 +90,13 @@ int32_t readNamedColumns(const CachedSchema& cached, const QMsg& m, const char* 
   uint16_t nCols = c.machine<uint16_t>(510, "qSubSchemaMsg.nCols");
   if (!c) return c.rc();
   for (size_t i = 0; i < nCols; ++i) {
-    uint16_t desc = c.machine<uint16_t>(n.arrayAt + 2 * i, "qSubSchemaMsg column offset");
     ColumnInfo col;
-    col.type = c.machine<uint16_t>(desc, "qColSchema.coltype");
-    uint32_t codePage = c.machine<uint32_t>(desc + 8, "qColSchema.codepage");
-    const uint8_t* stored = c.bytes(desc + 4, 4, "qColSchema.typelen");
-    uint16_t nameLen = c.u16(desc + 12, "qColSchema.colname length");
-    const uint8_t* chars = c.bytes(desc + 14, nameLen, "qColSchema.colname");
-    if (!c) return c.rc();
-    col.precision = s.swap() ? stored[3] : stored[0];
-    col.scale = s.swap() ? stored[2] : stored[1];
-    col.codePage = static_cast<int32_t>(codePage);
+    const uint8_t* chars = nullptr;
+    uint16_t nameLen = 0;
+    int32_t rc = readSchemaColumn(s.r, n.arrayAt, i, col, chars, nameLen);
+    if (rc != 0) return rc;
     ConvText text;
-    int32_t rc = convertText(s, chars, nameLen, text, kSetStep, "ConvMgr::cpcvl", "colname");
+    rc = convertText(s, chars, nameLen, text, kSetStep, "ConvMgr::cpcvl", "colname");
     if (rc != 0) return rc;
     if (static_cast<size_t>(text.size()) == n.name.size() &&
         strncasecmp(text.data(), n.name.data(), n.name.size()) == 0) {
@@ -126,6 +120,176 @@ int32_t namedColumns(const CachedSchema& cached, const QMsg& m, const char* colu
   g_namedReady = true;
   out = &n;
   return 0;
+}
+
+// ---- Whether the full rendering reads every value ----------------------------------------------
+//
+// The summary lists the messages whose full rendering fails. The light pass does not render
+// values, so it makes the checks the value printers make, without formatting: a value whose
+// check fails, or any doubt (a column the schema may not describe, a row part it does not
+// walk), leaves the message to the full rendering, which gives the exact reason.
+
+bool isTextType(uint16_t type) {
+  switch (type & ~1u) {
+    case kColDate: case kColTime: case kColTimestamp: case kColTimestampTz: case kColCString:
+    case kColChar: case kColClob: case kColXml: case kColVarchar: case kColLongVarchar:
+    case kColGraphic: case kColDbclob: case kColVargraphic: case kColLongVargraphic:
+      return true;
+    default:
+      return false;
+  }
+}
+
+// Whether the column's text converts to the output: its converter is opened by converting two
+// bytes (bytes a code page cannot decode are replaced, so the data itself cannot fail). A LOB's
+// inline data is in the message's code page (DBCLOB: its double-byte one) when converted.
+bool textConverts(QMsg& m, const ColumnInfo& col) {
+  const uint16_t type = col.type & ~1u;
+  if (!isTextType(type)) return true;
+  int32_t codePage = col.codePage;
+  if (isLobType(type) && m.converting())
+    codePage = type == kColDbclob ? m.enc->dbcsCcsid : m.enc->msgCcsid;
+  static const uint8_t kProbe[2] = {0x00, 0x41};
+  ConvText text;
+  return convertText(m, kProbe, sizeof kProbe, text, kSetStep, "ConvMgr::cpcvc", "text", codePage) == 0;
+}
+
+// What the value printer checks of a value, by the column's type: nothing (text, whose
+// converter is checked with the column, binary, BOOLEAN), a least length (integers; `size`),
+// DOUBLE (4 bytes, or at least 8), packed digits (the first `size` bytes, all of them when 0),
+// DECFLOAT (8 or 16 bytes), a length prefix within the value (`size`: bytes a character), or a
+// LOB reference (10 bytes, even when NULL would be empty).
+enum class ValueCheck : uint8_t { kNone, kAtLeast, kDouble, kPacked, kDecfloat, kPrefixed, kLobRef };
+
+// A column of a cached schema as the checks need it: whether the full rendering reads its
+// descriptor and name and converts its text (`sure`), and what it checks of its values.
+struct CheckedColumn {
+  bool looked = false;
+  bool sure = false;
+  ValueCheck check = ValueCheck::kNone;
+  uint16_t size = 0;
+};
+
+// The checked columns of a cached schema, per schema copy and conversion context: a few
+// schemas at a time, the oldest replaced.
+struct CheckedSchema {
+  uint64_t serial = 0;
+  int32_t msgCcsid = 0, outCcsid = 0, flags = 0;
+  bool used = false;
+  bool readable = false;  // its layout version and key column count read
+  uint16_t nColsInKey = 0, nCols = 0;
+  size_t arrayAt = 0;
+  std::vector<CheckedColumn> columns;
+};
+constexpr size_t kCheckedSchemas = 8;
+
+CheckedSchema& checkedSchema(const CachedSchema& cached, const QMsg& m) {
+  thread_local CheckedSchema slots[kCheckedSchemas];
+  thread_local size_t next = 0;
+  const int32_t msgCcsid = m.enc->msgCcsid, outCcsid = m.enc->outCcsid, flags = m.enc->flags;
+  for (CheckedSchema& s : slots)
+    if (s.used && s.serial == cached.serial && s.msgCcsid == msgCcsid && s.outCcsid == outCcsid &&
+        s.flags == flags)
+      return s;
+  CheckedSchema& s = slots[next];
+  next = (next + 1) % kCheckedSchemas;
+  s = CheckedSchema{};
+  s.used = true;
+  s.serial = cached.serial;
+  s.msgCcsid = msgCcsid;
+  s.outCcsid = outCcsid;
+  s.flags = flags;
+  s.arrayAt = schemaColumnArrayOffset(cached.version);
+  MsgReader r(const_cast<uint8_t*>(cached.msg), cached.length, cached.senderSwapped);
+  s.readable = s.arrayAt != 0 && r.machine(508, s.nColsInKey, "qSubSchemaMsg.nColsInKey") == 0 &&
+               r.machine(510, s.nCols, "qSubSchemaMsg.nCols") == 0;
+  return s;
+}
+
+const CheckedColumn& lookAtColumn(CheckedSchema& s, const CachedSchema& cached, QMsg& m, size_t index);
+
+inline const CheckedColumn& checkedColumn(CheckedSchema& s, const CachedSchema& cached, QMsg& m,
+                                          size_t index) {
+  if (index < s.columns.size() && s.columns[index].looked) return s.columns[index];
+  return lookAtColumn(s, cached, m, index);
+}
+
+const CheckedColumn& lookAtColumn(CheckedSchema& s, const CachedSchema& cached, QMsg& m, size_t index) {
+  if (s.columns.size() <= index) s.columns.resize(index + 1);
+  CheckedColumn& c = s.columns[index];
+  c.looked = true;
+  // A column past the schema's array is read from whatever follows it: left to the rendering.
+  if (!s.readable || index >= s.nCols) return c;
+  uint8_t* copy = const_cast<uint8_t*>(cached.msg);
+  QMsg schema(copy, cached.length, nullptr, m.enc, m.cm);
+  schema.r = MsgReader(copy, cached.length, cached.senderSwapped);
+  const uint8_t* chars = nullptr;
+  uint16_t nameLen = 0;
+  ConvText name;
+  ColumnInfo info;
+  c.sure = readSchemaColumn(schema.r, s.arrayAt, index, info, chars, nameLen) == 0 &&
+           convertText(schema, chars, nameLen, name, kSetStep, "ConvMgr::cpcvl", "colname") == 0 &&
+           textConverts(m, info);
+  const uint16_t type = info.type & ~1u;
+  auto set = [&c](ValueCheck check, uint16_t size) {
+    c.check = check;
+    c.size = size;
+  };
+  if (isLobType(type)) {
+    set(ValueCheck::kLobRef, kLobRefSize);
+    return c;
+  }
+  switch (type) {
+    case kColSmallint: set(ValueCheck::kAtLeast, 2); break;
+    case kColInteger: set(ValueCheck::kAtLeast, 4); break;
+    case kColBigint: set(ValueCheck::kAtLeast, 8); break;
+    case kColDouble: set(ValueCheck::kDouble, 0); break;
+    case kColDecimal:
+    case kColDecimal504: set(ValueCheck::kPacked, info.precision > 0 ? info.precision / 2 + 1 : 0); break;
+    case kColDecfloat: set(ValueCheck::kDecfloat, 0); break;
+    case kColVarchar:
+    case kColLongVarchar:
+    case kColVarbinary: set(ValueCheck::kPrefixed, 1); break;
+    case kColVargraphic:
+    case kColLongVargraphic: set(ValueCheck::kPrefixed, 2); break;
+    default: set(ValueCheck::kNone, 0); break;
+  }
+  return c;
+}
+
+// A u16 count in the sender's order, then that many `unit`-byte characters within `len`.
+bool prefixedFits(const uint8_t* p, size_t len, size_t unit, bool swapped) {
+  if (len < 2) return false;
+  uint16_t n = 0;
+  std::memcpy(&n, p, 2);
+  if (swapped) n = static_cast<uint16_t>(n << 8 | n >> 8);
+  return size_t{n} * unit <= len - 2;
+}
+
+// Packed decimal digits: every half-byte 0-9 but the sign's.
+bool packedDigits(const uint8_t* p, size_t n) {
+  for (size_t i = 0; i + 1 < n; ++i)
+    if ((p[i] >> 4) > 9 || (p[i] & 15) > 9) return false;
+  return n > 0 && (p[n - 1] >> 4) <= 9;
+}
+
+// Whether the value printer reads a value of column `c` (`len` bytes at `p`, `swapped` as the
+// row) without a failure; its text conversion is checked with the column.
+inline bool valueReadable(const CheckedColumn& c, const uint8_t* p, size_t len, bool swapped) {
+  if (c.check == ValueCheck::kNone) return true;
+  if (c.check == ValueCheck::kLobRef) return len >= c.size;  // the reference, then inline data
+  if (len == 0) return true;                                  // NULL
+  switch (c.check) {
+    case ValueCheck::kAtLeast: return len >= c.size;
+    case ValueCheck::kDouble: return len == 4 || len >= 8;
+    case ValueCheck::kPacked: {
+      const size_t n = c.size > 0 ? c.size : len;
+      return n <= len && packedDigits(p, n);
+    }
+    case ValueCheck::kDecfloat: return len == 8 || len == 16;
+    case ValueCheck::kPrefixed: return prefixedFits(p, len, c.size, swapped);
+    default: return true;
+  }
 }
 
 // Appends a rendered value to the result.
@@ -154,11 +318,13 @@ int32_t renderValue(QMsg& m, const ColumnInfo& col, const uint8_t* p, size_t n, 
   return jsonColumnValue(m, v, data, lob.data, lob.n, kSetStep);
 }
 
-// One column set at `at` of the row: its structure checked as the row printer checks it, and
-// the values of the wanted columns rendered. `wanted` gives for each set column the index in
-// `named` (-1 when not wanted); `positional` is the set column wanted by position (no schema).
+// One column set at `at` of the row: its structure checked as the row printer checks it, with
+// `checked` (the row's schema, when values are checked) each value checked, and the values of
+// the wanted columns rendered: those of `named`, or the set column wanted by position
+// (`positional`, rows without a schema).
 int32_t scanColSet(QMsg& m, const MsgReader& row, size_t at, const NamedColumns* named, bool key,
-                   long positional, ScanResult& out, ScanRow& r) {
+                   long positional, ScanResult& out, ScanRow& r, const CachedSchema* cached,
+                   CheckedSchema* checked) {
   uint32_t length = 0;
   uint16_t nCols = 0;
   MsgReader set;
@@ -183,8 +349,18 @@ int32_t scanColSet(QMsg& m, const MsgReader& row, size_t at, const NamedColumns*
       start[i] = real;
     }
   }
+  // Each value runs to the next one's start, the last to the end of the set; with `checked`,
+  // each is checked as its printer reads it.
+  const size_t first = checked == nullptr ? 0 : key ? 0 : checked->nColsInKey;
   int64_t end = length;
   for (size_t i = nCols; i-- > 0;) {
+    if (checked != nullptr) {
+      const CheckedColumn& c = checkedColumn(*checked, *cached, m, first + i);
+      if (!c.sure) return kRcUnknownType;
+      if (start[i] >= 0 && start[i] <= end &&
+          !valueReadable(c, set.data() + start[i], static_cast<size_t>(end - start[i]), set.swapped()))
+        return kRcUnknownType;
+    }
     if (start[i] < 0) continue;
     if (start[i] > end) return kRcShortRead;  // the rendering says which value
     end = start[i];
@@ -230,8 +406,11 @@ int32_t scanColSet(QMsg& m, const MsgReader& row, size_t at, const NamedColumns*
       j.clear();
       j.hex(nullptr, copy, size);
     } else {
-      rc = renderValue(m, named->infos[static_cast<size_t>(k)], copy, size, set.swapped(), j);
-      if (rc != 0) return rc;
+      // A value that cannot be rendered reads as nothing (empty); the rows go on.
+      if (renderValue(m, named->infos[static_cast<size_t>(k)], copy, size, set.swapped(), j) != 0) {
+        out.unreadValues = true;
+        continue;
+      }
     }
     v = j.str();
   }
@@ -249,7 +428,7 @@ long positionalName(const char* column) {
   return n;
 }
 
-int32_t scanRow(QMsg& m, size_t at, uint16_t version, const char* column, ScanResult& out) {
+int32_t scanRow(QMsg& m, size_t at, uint16_t version, const char* column, bool check, ScanResult& out) {
   uint32_t length = 0;
   MsgReader row;
   int32_t rc = m.r.machine(at, length, "qTransRow.length");
@@ -272,14 +451,21 @@ int32_t scanRow(QMsg& m, size_t at, uint16_t version, const char* column, ScanRe
   r.firstValue = static_cast<uint32_t>(out.valuesUsed);
   const size_t firstSet = rowColumnSetsOffset(version);
   // Rows with a batched transaction header or a statement chunk are left to the full
-  // rendering when a column is wanted (their values are not walked here).
-  if (operation == kOpMassiveStmt) return column != nullptr ? kRcUnknownType : 0;
-  if (version >= 8 && (bafter & kBafterBatchedHeader) && column != nullptr) return kRcUnknownType;
+  // rendering when a column is wanted or values are checked (they are not walked here).
+  const bool walk = column != nullptr || check;
+  if (operation == kOpMassiveStmt) return walk ? kRcUnknownType : 0;
+  if (version >= 8 && (bafter & kBafterBatchedHeader) && walk) return kRcUnknownType;
 
+  const CachedSchema* cached = walk ? findSchema(subId) : nullptr;
+  CheckedSchema* checked = nullptr;
+  if (check && cached != nullptr) {
+    checked = &checkedSchema(*cached, m);
+    if (!checked->readable) return kRcUnknownType;
+  }
   const NamedColumns* named = nullptr;
   long positional = 0;
   if (column != nullptr) {
-    if (const CachedSchema* cached = findSchema(subId)) {
+    if (cached != nullptr) {
       NamedColumns* n = nullptr;
       rc = namedColumns(*cached, m, column, n);
       if (rc != 0) return rc;
@@ -292,7 +478,7 @@ int32_t scanRow(QMsg& m, size_t at, uint16_t version, const char* column, ScanRe
   for (const SetKind& kind : kSetKinds) {
     if (!(bafter & kind.bit)) continue;
     uint32_t setLen = 0;
-    rc = scanColSet(m, row, pos, named, kind.key, positional, out, out.rows.back());
+    rc = scanColSet(m, row, pos, named, kind.key, positional, out, out.rows.back(), cached, checked);
     if (rc == 0) rc = row.machine(pos, setLen, "qRowColSet.length");
     if (rc == 0 && setLen < kSetHeaderSize) rc = row.shortRead(pos, kSetHeaderSize, "qRowColSet.length");
     if (rc != 0) return rc;
@@ -304,7 +490,7 @@ int32_t scanRow(QMsg& m, size_t at, uint16_t version, const char* column, ScanRe
 }  // namespace
 
 int32_t scanCompactMsg(uint8_t* msg, size_t length, const encodingInfo& enc, ConvMgr& cm,
-                       const char* column, ScanResult& out) {
+                       const char* column, ScanResult& out, bool checkValues) {
   out.clear();
   if (column != nullptr && column[0] == '\0') column = nullptr;
   encodingInfo utf8 = enc;
@@ -333,6 +519,21 @@ int32_t scanCompactMsg(uint8_t* msg, size_t length, const encodingInfo& enc, Con
     if (rc == 0) rc = m.r.machine(148, chunks, "qStreamedTransMsgHeader.numStmtChunkFiles");
     rows = int64_t{single} + chunks;
     at = 160;
+  } else if (type == kTypeSpillRow) {
+    // The header, then the one row at the offset its version gives; it is swapped here, as
+    // the row printer swaps it.
+    out.spilled = true;
+    rc = printHeaderLines(m, out.fields, true);
+    if (rc == 0) rc = m.version(version);
+    if (rc != 0) return rc;
+    at = version == 1   ? 16
+         : version <= 4 ? 110
+         : version <= 6 ? 128
+         : version == 7 ? 136
+         : version == 8 ? 152
+                        : 168;
+    if (m.swap()) fixTransRow(m.r, at, version);
+    rows = 1;
   } else {
     return kRcUnknownType;
   }
@@ -341,7 +542,7 @@ int32_t scanCompactMsg(uint8_t* msg, size_t length, const encodingInfo& enc, Con
     uint32_t len = 0;
     rc = m.r.machine(at, len, "qTransRow.length");
     if (rc == 0 && (len < 4 || !m.r.has(at, len))) rc = kRcShortRead;
-    if (rc == 0) rc = scanRow(m, at, version, column, out);
+    if (rc == 0) rc = scanRow(m, at, version, column, checkValues, out);
     if (rc != 0) return rc;
     at += (static_cast<size_t>(len) + 3) & ~size_t{3};
   }

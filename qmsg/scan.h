@@ -1,8 +1,8 @@
-// A light pass over a transaction message (type 128) or a streamed transaction message (type
-// 130) for selecting and counting: what the JSON rendering would say of the transaction (commit
-// time and LSN, unit of work) and of each row (operation, subscription, the values of one named
-// column), read without rendering the rest. The message's other fields and values are walked
-// over, not formatted.
+// A light pass over a transaction message (type 128), a streamed transaction message (type 130)
+// or a spilled-row message (type 33) for selecting and counting: what the JSON rendering would
+// say of the transaction (commit time and LSN, unit of work) and of each row (operation,
+// subscription, the values of one named column), read without rendering the rest. The
+// message's other fields and values are walked over, not formatted.
 //
 //   ScanResult res;
 //   int32_t rc = scanCompactMsg(data, length, enc, cm, "ORDER_ID", res);
@@ -89,11 +89,19 @@ struct ScanResult {
   ScanSink fields;
   std::vector<ScanRow> rows;
   // The named column's values of every row, before and after, each as the JSON rendering
-  // writes it (`"text"`, `12`, `null`; a LOB value as its "data").
+  // writes it (`"text"`, `12`, `null`; a LOB value as its "data"; empty when it cannot be read).
   std::vector<std::string> values;
+
+  // A spilled-row message (type 33): one row, without a transaction header of its own.
+  bool spilled = false;
+  // Values of the named column that could not be rendered (they read as empty, and their
+  // failures were reported).
+  bool unreadValues = false;
 
   void clear() {
     fields = ScanSink{};
+    spilled = false;
+    unreadValues = false;
     rows.clear();
     valuesUsed = 0;
   }
@@ -101,13 +109,16 @@ struct ScanResult {
   size_t valuesUsed = 0;  // values[0, valuesUsed) belong to this message (the rest are kept for reuse)
 };
 
-// Walks a transaction or streamed transaction message: its header through `fields` and each
-// row's header and column sets; with `column` (not null, not empty) the values of the column of
-// that name (case ignored) are rendered, as the JSON rendering keys them: by the schema's column
-// name, or by position from 1 without a cached schema. Returns 0, a reader's result code, or
-// kRcUnknownType for any other message type.
+// Walks a transaction, streamed transaction or spilled-row message: its header through `fields`
+// and each row's header and column sets; with `column` (not null, not empty) the values of the
+// column of that name (case ignored) are rendered, as the JSON rendering keys them: by the
+// schema's column name, or by position from 1 without a cached schema. With `checkValues`, every
+// value is checked as the value printers check it (lengths, forms, text conversion), without
+// formatting, so that 0 means the full rendering reads the whole message. Returns 0, a reader's
+// result code, or kRcUnknownType for any other message type and for what is left to the full
+// rendering (a value that may not read, a row part the pass does not walk).
 int32_t scanCompactMsg(uint8_t* msg, size_t length, const encodingInfo& enc, ConvMgr& cm,
-                       const char* column, ScanResult& out);
+                       const char* column, ScanResult& out, bool checkValues = false);
 
 // The value forms of the columns named `column` (case ignored) in every cached schema, their
 // names converted with the context of a message from `enc`: kForm* bits. Returns 0 or the

@@ -96,7 +96,7 @@ $(diff "$work/$q.byjq" "$work/$q.bysum")"
   # values are ignored; --sub and --table narrow to the subscription's rows.
   v=$(jq -r 'select(.rows) | .rows[1].key_after.ORDER_ID // empty' "$work/$q.jsonl" | sed -n 2p)
   [ -n "$v" ] || fail "$q: no ORDER_ID in the second transaction's rows"
-  jq -r --arg v "$v" 'select([.rows[]? | to_entries[] | select(.key | test("(before|after)$")) |
+  jq -r --arg v "$v" 'select([(.rows[]?, .row // empty) | to_entries[] | select(.key | test("(before|after)$")) |
           .value.ORDER_ID? | select(. != null) | tostring] | index($v)) | .kxmd.position' \
      "$work/$q.jsonl" >"$work/$q.where.jq"
   [ -s "$work/$q.where.jq" ] || fail "$q: jq finds no row with ORDER_ID $v"
@@ -107,21 +107,29 @@ $(diff "$work/$q.byjq" "$work/$q.bysum")"
   done
   rplq --where "ORDER_ID=$v" QMR "$q" | grep -q "^\*\*\*\* Rows with ORDER_ID=$v: [0-9]" || fail "$q: the matching row is not marked"
   rplq --where "STATUS=N   " --count 1 QMR "$q" >/dev/null || fail "$q: trailing blanks of a CHAR value count"
+  # The row of a spilled-row message is found as a transaction's row is, and marked as row 1.
+  s=$(jq -r 'select(.row) | .row.key_after.ORDER_ID' "$work/$q.jsonl")
+  [ -n "$s" ] || fail "$q: no spilled row in the traffic"
+  [ "$(rplq --json --where "ORDER_ID=$s" --sub 1 QMR "$q" | jq -c '[.msgtype_code, .matched_rows]')" = "[33,[1]]" ] ||
+    fail "$q: --where ORDER_ID=$s does not find the spilled row alone"
+  rplq --where "ORDER_ID=$s" QMR "$q" | grep -q "^\*\*\*\* Rows with ORDER_ID=$s: 1$" ||
+    fail "$q: the spilled row is not marked"
   rplq --where ORDER_ID=999999999 QMR "$q" >/dev/null
   [ $? = 1 ] || fail "$q: --where of no row does not exit 1"
   rplq --table NO.SUCH QMR "$q" >/dev/null
   [ $? = 1 ] || fail "$q: --table of no table does not exit 1"
 
-  # Rows by operation in the summary are those of the export.
+  # Rows by operation in the summary are those of the export, the spilled row's included.
   for op in INSERT DELETE; do
-    byjq=$(jq -s "[.[] | .rows[]? | select(.operation == \"$op\")] | length" "$work/$q.jsonl")
+    byjq=$(jq -s "[.[] | (.rows[]?, .row // empty) | select(.operation == \"$op\")] | length" "$work/$q.jsonl")
     key=$(echo "$op" | tr 'A-Z' 'a-z')
     bysum=$(jq ".subscriptions | map(.rows.$key) | add" "$work/$q.sum.json")
     [ "$byjq" = "$bysum" ] || fail "$q: $op rows: $bysum in the summary, $byjq in the export"
   done
   [ "$(jq '.subscriptions[0].table' "$work/$q.sum.json")" = '"SHOP.ORDERS"' ] || fail "$q: summary's table"
   # Transactions per subscription are the export's units of work with rows of it: a streamed
-  # transaction sent in several messages is one; a message without a unit of work is one.
+  # transaction sent in several messages is one; a message without a unit of work is one; a
+  # spilled row is none (its transaction is counted by the transaction message that holds it).
   byjq=$(jq -rs '[.[] | select(.rows) | (.uow_id // .uowID // "") as $u |
           (if ($u | test("^0*$")) then "message \(.kxmd.position)" else $u end) as $t |
           .rows[] | "\(.sub_id)|\($t)"] | unique | group_by(split("|")[0] | tonumber) |

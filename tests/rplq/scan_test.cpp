@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "qmsg/compact.h"
+#include "qmsg/header.h"
 #include "qmsg/json.h"
 #include "qmsg/scan.h"
 #include "runtime/catalog.h"
@@ -131,7 +132,17 @@ std::vector<json> renderedValues(const json& row, const std::string& column) {
 }
 
 void expectScanReadsAsRendered(const Bytes& msg, const Sender& s, const char* what) {
-  const json doc = rendered(msg, s);
+  json doc = rendered(msg, s);
+  // A spilled row's one row reads as a list of one.
+  if (doc.contains("row")) doc["rows"] = json::array({doc["row"]});
+  {
+    // Every value reads, so the checks that the summary makes leave nothing to the rendering.
+    Bytes copy = msg;
+    ScanResult res;
+    EXPECT_EQ(scanCompactMsg(copy.data(), copy.size(), contextOf(s), converters(), nullptr, res, true), 0)
+        << what << " (" << s.tag << "), values checked";
+    EXPECT_EQ(res.spilled, doc.contains("row")) << what << " (" << s.tag << ")";
+  }
   for (const char* column : {"ORDER_ID", "name", "NOTE", "AMOUNT", "RATE", "REMARKS", "QTY", "TOTAL", "2", "NOSUCH"}) {
     Bytes copy = msg;
     ScanResult res;
@@ -153,8 +164,11 @@ void expectScanReadsAsRendered(const Bytes& msg, const Sender& s, const char* wh
       EXPECT_EQ(scanned, renderedValues(row, column)) << where << ", row " << i + 1;
       compared += scanned.size();
     }
-    // Every column but the missing one is met somewhere in the rows.
-    EXPECT_EQ(compared == 0, std::string(column) == "NOSUCH") << where;
+    // Every column but the missing one is met somewhere in a transaction's rows.
+    const bool missing = std::string(column) == "NOSUCH";
+    if (!doc.contains("row") || missing) {
+      EXPECT_EQ(compared == 0, missing) << where;
+    }
   }
 }
 
@@ -180,6 +194,13 @@ TEST(RplqScan, ReadsWhatTheRenderingSays) {
     streamed.transType = 4;  // continuation
     streamed.rows = orderRows(s);
     expectScanReadsAsRendered(encodeStreamedTransMsg(streamed, s.order, s.ccsid), s, "streamed transaction");
+
+    for (const RowDef& row : orderRows(s))
+      for (uint16_t version : {uint16_t{1}, uint16_t{5}, uint16_t{7}, uint16_t{9}}) {
+        RowDef spilled = row;
+        if (version < 7) spilled.encodeVer = 3;
+        expectScanReadsAsRendered(encodeSpilledRowMsg(version, spilled, s.order, s.ccsid), s, "spilled row");
+      }
   }
   releaseSchemaCache();
 }
@@ -211,6 +232,104 @@ TEST(RplqScan, FormsOfANamedColumn) {
       ASSERT_EQ(namedColumnForms(contextOf(s), converters(), r.column, forms), 0);
       EXPECT_EQ(forms, r.forms) << r.column << " (" << s.tag << ")";
     }
+  }
+  releaseSchemaCache();
+}
+
+// A value of the named column that cannot be rendered reads as nothing, and the rows after it
+// are still read; with the values checked, the message is left to the full rendering.
+TEST(RplqScan, UnreadableValuesReadAsNothing) {
+  struct Row {
+    const char* column;
+    size_t index;  // in orderCols
+    Bytes bad;
+  };
+  const Row rows[] = {
+      {"NOTE", 1, {0x00, 0x50, 0x41}},      // VARCHAR count past its value
+      {"AMOUNT", 2, {0x12, 0xA4, 0x50, 0x0C}},  // a half-byte that is no digit
+      {"REMARKS", 4, {0, 0, 0, 1, 0, 6}},   // LOB reference cut short
+      {"QTY", 5, {7}},                      // SMALLINT of one byte
+  };
+  for (const Sender& s : kSenders) {
+    releaseSchemaCache();
+    rendered(encodeSchemaMsg(orderSchema(s.ccsid), s.order, s.ccsid), s);
+    for (const Row& r : rows) {
+      TransMsgDef trans;
+      RowDef bad;
+      bad.keyAfter = std::vector<ColValue>{valInteger(1, s.order)};
+      bad.colsAfter = orderCols(s, "N", "first");
+      (*bad.colsAfter)[r.index] = ColValue{0, false, r.bad};
+      RowDef good = bad;
+      good.colsAfter = orderCols(s, "N", "first");
+      trans.rows = {bad, good};
+      const Bytes msg = encodeTransMsg(trans, s.order, s.ccsid);
+      const std::string where = std::string(r.column) + " (" + s.tag + ")";
+
+      TransMsgDef alone;
+      alone.rows = {good};
+      const json doc = rendered(encodeTransMsg(alone, s.order, s.ccsid), s);
+      Bytes copy = msg;
+      ScanResult res;
+      ASSERT_EQ(scanCompactMsg(copy.data(), copy.size(), contextOf(s), converters(), r.column, res), 0) << where;
+      EXPECT_TRUE(res.unreadValues) << where;
+      ASSERT_EQ(res.rows.size(), 2u) << where;
+      ASSERT_EQ(res.rows[0].valueCount, 1u) << where;
+      EXPECT_EQ(res.value(res.rows[0].firstValue), "") << where;
+      ASSERT_EQ(res.rows[1].valueCount, 1u) << where;
+      EXPECT_EQ(json::parse(res.value(res.rows[1].firstValue)), renderedValues(doc["rows"][0], r.column)[0])
+          << where;
+
+      copy = msg;
+      EXPECT_EQ(scanCompactMsg(copy.data(), copy.size(), contextOf(s), converters(), nullptr, res, true),
+                kRcUnknownType)
+          << where << ", values checked";
+    }
+  }
+  releaseSchemaCache();
+}
+
+// Whatever the bytes, a message the checks pass is one the full rendering reads: corrupted
+// copies of generated messages (bytes changed at random places, the seed fixed) never slip
+// through to a summary that would not list them.
+TEST(RplqScan, ChecksPassOnlyWhatTheRenderingReads) {
+  uint32_t seed = 12345;
+  auto next = [&seed] {
+    seed = seed * 1103515245u + 12345u;
+    return seed >> 8;
+  };
+  for (const Sender& s : kSenders) {
+    releaseSchemaCache();
+    rendered(encodeSchemaMsg(orderSchema(s.ccsid), s.order, s.ccsid), s);
+    TransMsgDef trans;
+    trans.rows = orderRows(s);
+    std::vector<RowDef> spilledRows = orderRows(s);
+    const Bytes originals[] = {encodeTransMsg(trans, s.order, s.ccsid),
+                               encodeSpilledRowMsg(9, spilledRows[1], s.order, s.ccsid)};
+    size_t passed = 0, failed = 0;
+    for (const Bytes& original : originals) {
+      for (int round = 0; round < 1500; ++round) {
+        Bytes msg = original;
+        const int changes = 1 + static_cast<int>(next() % 3);
+        for (int k = 0; k < changes; ++k) {
+          const size_t at = kHeaderSize + next() % (msg.size() - kHeaderSize);
+          msg[at] = static_cast<uint8_t>(next() % 4 == 0 ? msg[at] ^ 0x80 : next());
+        }
+        Bytes copy = msg;
+        ScanResult res;
+        const int32_t scanned = scanCompactMsg(copy.data(), copy.size(), contextOf(s), converters(), nullptr, res, true);
+        copy = msg;
+        JsonOut out;
+        const int32_t whole = renderCompactJson(copy.data(), copy.size(), contextOf(s), converters(), out);
+        if (scanned == 0) {
+          EXPECT_EQ(whole, 0) << s.tag << ", round " << round << ": " << out.str();
+          ++passed;
+        }
+        failed += whole != 0;
+      }
+    }
+    // Both kinds were met.
+    EXPECT_GT(passed, 100u) << s.tag;
+    EXPECT_GT(failed, 100u) << s.tag;
   }
   releaseSchemaCache();
 }

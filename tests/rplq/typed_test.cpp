@@ -104,6 +104,14 @@ TEST(RplqTyped, MatchingRows) {
   EXPECT_TRUE(rplq::ofSubscriptions(msg, {3}));
   EXPECT_FALSE(rplq::ofSubscriptions(msg, {4}));
   EXPECT_TRUE(rplq::ofSubscriptions(json::parse(R"({"sub_id": 4})"), {4}));
+
+  // The one row of a spilled-row message is its row 1.
+  const json spilled = json::parse(
+      R"({"msgtype_code": 33, "row": {"operation": "INSERT", "sub_id": 2, "key_after": {"ORDER_ID": 8}}})");
+  EXPECT_EQ(rplq::matchingRows(spilled, "ORDER_ID", "8", nullptr), std::vector<int>{1});
+  EXPECT_TRUE(rplq::matchingRows(spilled, "ORDER_ID", "9", nullptr).empty());
+  EXPECT_TRUE(rplq::ofSubscriptions(spilled, {2}));
+  EXPECT_FALSE(rplq::ofSubscriptions(spilled, {1}));
 }
 
 TEST(RplqTyped, LsnRanges) {
@@ -224,6 +232,7 @@ TEST(RplqTyped, TransactionsCountOncePerUnitOfWork) {
   struct Message {
     const char* unit;
     std::vector<int64_t> subs;
+    bool transaction = true;  // false: a spilled row
   };
   struct Case {
     const char* what;
@@ -237,13 +246,15 @@ TEST(RplqTyped, TransactionsCountOncePerUnitOfWork) {
       {"interleaved units", {{"0d01", {1}}, {"0d02", {1}}, {"0d01", {1}}, {"0d02", {1}}}, {{1, 2}}},
       {"no unit of work", {{"", {1}}, {"", {1}}, {"0000", {1}}}, {{1, 3}}},
       {"two rows of one subscription", {{"0e01", {3, 3}}}, {{3, 1}}},
+      {"spilled rows", {{"", {5}, false}, {"", {5}, false}}, {{5, 0}}},
+      {"a spilled row and a transaction", {{"", {5}, false}, {"0f01", {5}}}, {{5, 1}}},
   };
   for (const Case& c : cases) {
     rplq::SubSummary summary;
     for (const Message& m : c.messages) {
       std::vector<rplq::SubSummary::RowKey> rows;
       for (int64_t sub : m.subs) rows.push_back({sub, "INSERT"});
-      summary.add("", "", rows, m.unit);
+      summary.add("", "", rows, m.unit, m.transaction);
     }
     char* text = nullptr;
     size_t size = 0;
@@ -280,6 +291,9 @@ TEST(RplqTyped, SummaryFromTheTextEqualsTheDocument) {
       // Quotes, brackets and keys inside strings, and an array of objects after the rows.
       R"({"rows": [{"sub_id": 7, "cols_after": {"A": "x\"}],{\"operation\":", "B": "]"},
           "operation": "UPDATE"}], "columns": [{"sub_id": 8, "operation": "INSERT"}]})",
+      // A spilled row: its row counted, no transaction.
+      R"({"msgtype_code": 33, "row": {"operation": "INSERT", "sub_id": 11,
+          "cols_after": {"operation": "DELETE", "sub_id": 12}}})",
   };
   rplq::SubSummary byDocument, byStream;
   for (const char* m : messages) {
@@ -287,6 +301,12 @@ TEST(RplqTyped, SummaryFromTheTextEqualsTheDocument) {
     EXPECT_TRUE(byStream.addRendered(m)) << m;
   }
   EXPECT_EQ(written(byStream), written(byDocument));
+  const std::string text = written(byDocument);
+  const json subs = json::parse("{" + text.substr(1) + "}").at("subscriptions");
+  const json spilledSub = subs.back();
+  EXPECT_EQ(spilledSub["sub_id"], 11);
+  EXPECT_EQ(spilledSub["transactions"], 0);
+  EXPECT_EQ(spilledSub["rows"]["insert"], 1);
   for (const char* bad : {R"({"rows": [)", R"({"a": "b)", "}{", ""})
     EXPECT_FALSE(byStream.addRendered(bad)) << bad;
 }

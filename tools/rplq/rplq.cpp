@@ -56,6 +56,7 @@ constexpr KXLONG kFollowWaitMs = 250;
 // A queue manager that stays unavailable is tried for about two seconds, not ten.
 constexpr int kConnectRetryDelayMs = 200;
 constexpr uint8_t kTypeSchema = 1;
+constexpr uint8_t kTypeSpilledRow = 33;
 constexpr uint8_t kTypeTrans = 128;
 constexpr uint8_t kTypeStreamedTrans = 130;
 
@@ -303,8 +304,9 @@ class Run {
   bool selected(const KXMD& md, const uint8_t* data, size_t length);
   std::set<int64_t> selectedSubs() const;
   void renderTyped(const KXMD& md, const uint8_t* data, size_t length);
-  // The light pass over a transaction or streamed transaction message (scanned_); false when
-  // it could not walk the message, which is then rendered as a whole instead.
+  // The light pass over a transaction, streamed transaction or spilled-row message (scanned_);
+  // false when it could not walk the message, or (for the summary) cannot tell that the whole
+  // rendering reads it, which is then rendered as a whole instead.
   bool scan(const KXMD& md, const uint8_t* data, size_t length);
   // False when the message cannot hold a row that --where selects: the value is an integer,
   // every column of that name in the schemas met is an integer column, and the message holds
@@ -437,9 +439,9 @@ bool Run::selected(const KXMD& md, const uint8_t* data, size_t length) {
   const bool byTime = o_.hasSince || o_.hasUntil;
   if (compact && (rowOptions || byTime || o_.summary)) {
     const uint8_t type = data[4];
-    if (type == kTypeTrans || type == kTypeStreamedTrans) {
+    if (type == kTypeTrans || type == kTypeStreamedTrans || type == kTypeSpilledRow) {
       if (o_.hasWhere && !mayMatch(md, data, length)) return false;
-      // Transactions are read by the light pass; one it cannot walk is rendered whole.
+      // Rows are read by the light pass; a message it cannot walk is rendered whole.
       if (!scan(md, data, length)) {
         renderTyped(md, data, length);
         if (!o_.summary && !prefilter_.empty() && typedText_.str().find(prefilter_) == std::string::npos)
@@ -447,7 +449,7 @@ bool Run::selected(const KXMD& md, const uint8_t* data, size_t length) {
         if (rowOptions || byTime) parseTyped();
       }
     } else if (o_.hasWhere || o_.hasLsn) {
-      // Only transaction messages have rows and a commit LSN.
+      // Only transaction and spilled-row messages have rows, only transactions a commit LSN.
       return false;
     } else if (rowOptions || o_.summary) {
       // Other messages name their subscription, or are checked for the summary, in their
@@ -585,11 +587,11 @@ bool Run::scan(const KXMD& md, const uint8_t* data, size_t length) {
     copy = workCopy(md, data, length, enc);
   }
   const char* column = o_.hasWhere ? o_.whereColumn.c_str() : nullptr;
-  int32_t rc = scanCompactMsg(copy, length, enc, printer_.converters(), column, scan_);
-  if (rc != 0) {
-    reports_.take();  // the whole rendering reports what failed
-    return false;
-  }
+  // The summary lists the messages whose rendering fails: their values are checked too.
+  int32_t rc = scanCompactMsg(copy, length, enc, printer_.converters(), column, scan_, o_.summary);
+  // The whole rendering reports what failed.
+  if (rc != 0 || o_.summary || scan_.unreadValues) reports_.take();
+  if (rc != 0) return false;
   scanned_ = true;
   return true;
 }
@@ -698,7 +700,8 @@ void Run::summarize(const KXMD& md, uint8_t* data, size_t length) {
     thread_local std::vector<SubSummary::RowKey> rows;
     rows.clear();
     for (const ScanRow& row : scan_.rows) rows.push_back({row.subId, row.operation});
-    subSummary_.add(scan_.fields.commitTime, scan_.fields.commitLsn, rows, scan_.fields.uow);
+    subSummary_.add(scan_.fields.commitTime, scan_.fields.commitLsn, rows, scan_.fields.uow,
+                    !scan_.spilled);
     return;
   }
   if (haveTyped_)

@@ -170,13 +170,28 @@ bool renderedValueReads(std::string_view text, const std::string& want) {
   return !value.is_discarded() && valueReads(value, want);
 }
 
+namespace {
+
+// The rows of a message: its "rows" array, or the one "row" of a spilled row (as a list of
+// one), or nothing.
+const json& rowsOf(const json& msg, json& single) {
+  static const json kNone = json::array();
+  auto rows = msg.find("rows");
+  if (rows != msg.end() && rows->is_array()) return *rows;
+  auto row = msg.find("row");
+  if (row == msg.end() || !row->is_object()) return kNone;
+  single = json::array({*row});
+  return single;
+}
+
+}  // namespace
+
 std::vector<int> matchingRows(const json& msg, const std::string& column, const std::string& value,
                               const std::set<int64_t>* subs) {
   std::vector<int> hits;
-  auto rows = msg.find("rows");
-  if (rows == msg.end() || !rows->is_array()) return hits;
+  json single;
   int index = 0;
-  for (const json& row : *rows) {
+  for (const json& row : rowsOf(msg, single)) {
     ++index;
     if (!row.is_object()) continue;
     if (subs != nullptr && subs->count(subOf(row)) == 0) continue;
@@ -198,14 +213,15 @@ bool ofSubscriptions(const json& msg, const std::set<int64_t>& subs) {
 }
 
 void SubSummary::add(const json& msg) {
-  auto rows = msg.find("rows");
-  if (rows == msg.end() || !rows->is_array()) return;
+  json single;
+  const json& rows = rowsOf(msg, single);
+  if (rows.empty()) return;
   std::vector<RowKey> keys;
-  for (const json& row : *rows)
+  for (const json& row : rows)
     if (row.is_object()) keys.push_back({subOf(row), stringMember(row, "operation")});
   std::string unit = stringMember(msg, "uow_id");
   if (unit.empty()) unit = stringMember(msg, "uowID");
-  add(stringMember(msg, "commit_time"), stringMember(msg, "commit_LSN"), keys, unit);
+  add(stringMember(msg, "commit_time"), stringMember(msg, "commit_LSN"), keys, unit, single.empty());
 }
 
 namespace {
@@ -213,18 +229,19 @@ namespace {
 bool isBlank(char c) { return c == ' ' || c == '\n' || c == '\t' || c == '\r'; }
 
 // Reads "commit_time" and "commit_LSN" of the message and "sub_id" and "operation" of each
-// element of its "rows" array from the JSON text in one pass, without building a document:
-// strings are skipped by their quotes and escapes, containers counted by their brackets. False
-// when the text is not balanced JSON.
+// element of its "rows" array, or of its one "row" (`spilled`), from the JSON text in one pass,
+// without building a document: strings are skipped by their quotes and escapes, containers
+// counted by their brackets. False when the text is not balanced JSON.
 bool scanRows(const std::string& text, std::string& commit, std::string& lsn, std::string& unit,
-              std::vector<SubSummary::RowKey>& rows) {
+              std::vector<SubSummary::RowKey>& rows, bool& spilled) {
   const size_t n = text.size();
   int depth = 0;
   bool inRows = false;  // inside the top-level "rows" array (depth 2)
+  int rowDepth = 0;     // inside a row object: the depth of its members (3 in "rows", 2 for "row")
   bool sawContainer = false;
   std::string key;
   size_t i = 0;
-  auto inRow = [&] { return inRows && depth == 3 && !rows.empty(); };
+  auto inRow = [&] { return rowDepth != 0 && depth == rowDepth; };
   while (i < n) {
     const char c = text[i];
     if (isBlank(c) || c == ',') {
@@ -248,7 +265,14 @@ bool scanRows(const std::string& text, std::string& commit, std::string& lsn, st
       key.clear();
     } else if (c == '{' || c == '[') {
       if (c == '[' && depth == 1 && key == "rows") inRows = true;
-      if (c == '{' && inRows && depth == 2) rows.push_back({-1, {}});
+      if (c == '{' && inRows && depth == 2) {
+        rows.push_back({-1, {}});
+        rowDepth = 3;
+      } else if (c == '{' && depth == 1 && key == "row") {
+        rows.push_back({-1, {}});
+        rowDepth = 2;
+        spilled = true;
+      }
       ++depth;
       sawContainer = true;
       key.clear();
@@ -256,6 +280,7 @@ bool scanRows(const std::string& text, std::string& commit, std::string& lsn, st
     } else if (c == '}' || c == ']') {
       if (--depth < 0) return false;
       if (depth == 1) inRows = false;
+      if (depth < rowDepth) rowDepth = 0;
       ++i;
     } else {
       size_t j = i;
@@ -277,8 +302,9 @@ bool scanRows(const std::string& text, std::string& commit, std::string& lsn, st
 bool SubSummary::addRendered(const std::string& text) {
   std::string commit, lsn, unit;
   std::vector<RowKey> rows;
-  if (!scanRows(text, commit, lsn, unit, rows)) return false;
-  if (!rows.empty()) add(commit, lsn, rows, unit);
+  bool spilled = false;
+  if (!scanRows(text, commit, lsn, unit, rows, spilled)) return false;
+  if (!rows.empty()) add(commit, lsn, rows, unit, !spilled);
   return true;
 }
 
@@ -295,7 +321,7 @@ bool SubSummary::firstInUnit(const std::string& unit, int64_t sub) {
 }
 
 void SubSummary::add(const std::string& commit, const std::string& lsn,
-                     const std::vector<RowKey>& rows, const std::string& unit) {
+                     const std::vector<RowKey>& rows, const std::string& unit, bool transaction) {
   // The subscriptions met in this message (few: a short list, not a set).
   thread_local std::vector<int64_t> seen;
   seen.clear();
@@ -314,7 +340,7 @@ void SubSummary::add(const std::string& commit, const std::string& lsn,
     for (int64_t s : seen) met = met || s == row.sub;
     if (met) continue;
     seen.push_back(row.sub);
-    if (firstInUnit(unit, row.sub)) ++t.transactions;
+    if (transaction && firstInUnit(unit, row.sub)) ++t.transactions;
     if (!commit.empty()) {
       if (t.firstCommit.empty() || commit < t.firstCommit) t.firstCommit = commit;
       if (t.lastCommit.empty() || commit > t.lastCommit) t.lastCommit = commit;

@@ -54,9 +54,10 @@ bool valueReads(const nlohmann::json& value, const std::string& want);
 // The same for a value's JSON text as the rendering writes it.
 bool renderedValueReads(std::string_view json, const std::string& want);
 
-// The 1-based indexes of the rows of `msg` ("rows" array) that have column `column` (case
-// ignored) reading `value` in a before or an after value set; when `subs` is given, only rows
-// of those subscriptions. An empty `column` matches every row of those subscriptions.
+// The 1-based indexes of the rows of `msg` ("rows" array, or the one "row" of a spilled row)
+// that have column `column` (case ignored) reading `value` in a before or an after value set;
+// when `subs` is given, only rows of those subscriptions. An empty `column` matches every row
+// of those subscriptions.
 std::vector<int> matchingRows(const nlohmann::json& msg, const std::string& column,
                               const std::string& value, const std::set<int64_t>* subs);
 // True when the message is of one of `subs`: its own "sub_id", or a row's.
@@ -88,9 +89,11 @@ class SubSummary {
   };
   // The rows of one message; `unit` is its unit of work as hex ("uow_id", "uowID"): the
   // messages of one unit of work count as one transaction of each subscription they hold rows
-  // of. Without a unit of work (empty or all zeros) the message counts as a transaction.
+  // of. Without a unit of work (empty or all zeros) the message counts as a transaction, unless
+  // it is no `transaction` at all: the row of a spilled-row message belongs to a transaction
+  // that its own transaction message counts.
   void add(const std::string& commit, const std::string& lsn, const std::vector<RowKey>& rows,
-           const std::string& unit = {});
+           const std::string& unit = {}, bool transaction = true);
 
   // Units of work remembered to count each once: the most recent this many.
   static constexpr size_t kUnitsRemembered = 8192;
