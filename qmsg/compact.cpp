@@ -461,9 +461,15 @@ int32_t renderCompactJson(uint8_t* msg, size_t length, const encodingInfo& enc, 
     } else if (f.field != nullptr) {
       const uintptr_t base = reinterpret_cast<uintptr_t>(msg);
       out.str("field", f.field);
-      out.unum("offset", f.at >= base ? f.at - base : 0);
-      out.str("text", f.at - base >= length ? "the field runs past the end of the message"
-                                            : "the field cannot be read");
+      if (f.start >= base && f.start - base <= length) {
+        out.unum("offset", f.at - base);
+        out.str("text", f.at - base >= length ? "the field runs past the end of the message"
+                                              : "the field cannot be read");
+      } else {
+        // A field of the subscription schema cached from an earlier message: it has no offset
+        // in this one.
+        out.str("text", "the field of the cached subscription schema cannot be read");
+      }
     } else {
       out.str("text", "the message cannot be rendered");
     }

@@ -21,7 +21,8 @@
 // clear), kept for renderings that name it in their output.
 struct ReadFailure {
   const char* field = nullptr;
-  uintptr_t at = 0;  // address where the read began (its offset from the message start follows)
+  uintptr_t at = 0;     // address where the read began (its offset from the message start follows)
+  uintptr_t start = 0;  // the reader's own bytes: inside the message, or a cached copy (a schema)
 };
 ReadFailure& lastReadFailure();
 
@@ -99,6 +100,9 @@ class MsgReader {
   int32_t tooLong(size_t at, size_t len, size_t room, const char* field) const;
 
  private:
+  // Keeps the field as this thread's last failure.
+  void fail(size_t at, const char* field) const;
+
   template <typename T>
   static T bswap(T v) {
     if constexpr (sizeof(T) == 2) return static_cast<T>(__builtin_bswap16(static_cast<uint16_t>(v)));

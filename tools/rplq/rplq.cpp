@@ -714,9 +714,11 @@ void Run::summarize(const KXMD& md, uint8_t* data, size_t length) {
     auto error = typed_.find("error");
     if (error != typed_.end() && error->is_object()) {
       reason = error->value("text", std::string());
-      if (error->contains("field"))
+      if (error->contains("offset"))
         reason += " (" + error->value("field", std::string()) + " at offset " +
                   std::to_string(error->value("offset", 0)) + ")";
+      else if (error->contains("field"))
+        reason += " (" + error->value("field", std::string()) + ")";
     }
   }
   if (reason.empty()) reason = typedWhy_.empty() ? "decoding failed" : typedWhy_;
