@@ -39,7 +39,7 @@ inline Rendered renderAs(std::vector<uint8_t> msg, ByteOrder order, int32_t ccsi
   JsonOut out;
   int32_t rc = renderCompactJson(msg.data(), msg.size(), enc, cm, out);
   logger->setOutput(saved);
-  Rendered r{rc, out.str(), Json(), reports.text()};
+  Rendered r{rc, std::string(out.str()), Json(), reports.text()};
   r.doc = Json::parse(r.text, nullptr, false);
   return r;
 }

@@ -580,8 +580,8 @@ TEST(JsonOutText, RealsHavePrintfDigitsAndReadBackExactly) {
     JsonValue v{out, "v"};
     v.real(d, single);
     out.endObject();
-    const std::string& s = out.str();
-    return s.substr(5, s.size() - 6);
+    const std::string_view s = out.str();
+    return std::string(s.substr(5, s.size() - 6));
   };
   for (const Row& row : rows) {
     const std::string text = written(row.value, row.single);

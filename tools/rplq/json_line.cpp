@@ -96,11 +96,7 @@ std::string textToUtf8(const uint8_t* data, size_t length, int32_t ccsid) {
 }
 
 int32_t messageJson(const KXMD& md, uint8_t* data, size_t length, int64_t position, ConvMgr& cm,
-                    std::string& line) {
-  // Kept from message to message: their text keeps its room, so a line is built without
-  // growing a fresh buffer piece by piece.
-  thread_local JsonOut o;
-  thread_local JsonOut compact;
+                    JsonOut& o) {
   o.clear();
   o.beginObject();
   descriptor(o, md, position, length);
@@ -110,17 +106,9 @@ int32_t messageJson(const KXMD& md, uint8_t* data, size_t length, int64_t positi
     enc.setup(md.CodedCharSetId);
     enc.outCcsid = kCcsidUtf8;
     enc.flags = littleEndianEncoding(md.Encoding) ? kEncMachineOrder : 0;
-    compact.clear();
-    rc = renderCompactJson(data, length, enc, cm, compact);
-    // The compact object's members join the descriptor's object: "{...}\n" without its braces.
-    const std::string& s = compact.str();
-    const size_t end = s.rfind('}');
-    line += o.str();  // "{"kxmd":{...}", the object still open
-    if (s.size() > 2 && s[0] == '{' && end != std::string::npos && end > 1) {
-      line += ',';
-      line.append(s, 1, end - 1);
-    }
-    line += "}\n";
+    // The compact message's members join the descriptor's object.
+    rc = renderCompactJsonMembers(data, length, enc, cm, o);
+    o.endLine();
     return rc;
   }
   if (formatIs(md, KXFMT_STRING) && length > 0 && data[0] == '<') {
@@ -141,7 +129,6 @@ int32_t messageJson(const KXMD& md, uint8_t* data, size_t length, int64_t positi
     o.hex("hex", data, length);
   }
   o.endLine();
-  line += o.str();
   return rc;
 }
 
