@@ -65,16 +65,6 @@ size_t utf8Sequence(const unsigned char* p, size_t left) {
   return n;
 }
 
-// True when one of the eight bytes of `w` needs more than a copy: a control character, a
-// quote, a backslash or a byte of a multi-byte sequence.
-inline bool specialByte(uint64_t w) {
-  constexpr uint64_t kOnes = 0x0101010101010101ull, kHigh = 0x8080808080808080ull;
-  auto zeroByte = [](uint64_t x) { return (x - kOnes) & ~x & kHigh; };
-  const uint64_t atLeast20 = (w & ~kHigh) + kOnes * (0x80 - 0x20);  // high bit: low 7 bits >= 0x20
-  return (w & kHigh) != 0 || (atLeast20 & kHigh) != kHigh || zeroByte(w ^ (kOnes * '"')) != 0 ||
-         zeroByte(w ^ (kOnes * '\\')) != 0;
-}
-
 // Bytes copied as they stand: printable ASCII but the quote and the backslash.
 struct PlainBytes {
   bool byte[256] = {};
@@ -91,7 +81,7 @@ inline size_t copyPlainRun(const unsigned char* p, size_t n, char* d) {
   while (run + 8 <= n) {
     uint64_t w;
     std::memcpy(&w, p + run, 8);
-    if (specialByte(w)) break;
+    if (jsonSpecialByte(w)) break;
     std::memcpy(d + run, &w, 8);
     run += 8;
   }
@@ -99,7 +89,7 @@ inline size_t copyPlainRun(const unsigned char* p, size_t n, char* d) {
     // The last bytes as one word that overlaps the ones copied before it.
     uint64_t w;
     std::memcpy(&w, p + n - 8, 8);
-    if (!specialByte(w)) {
+    if (!jsonSpecialByte(w)) {
       std::memcpy(d + n - 8, &w, 8);
       return n;
     }

@@ -405,14 +405,32 @@ int32_t printColSet(QMsg& m, O& o, const MsgReader& row, size_t at, SchemaColumn
 
   if constexpr (O::kJson) {
     JsonOut& j = o.json();
+    // The schema's kept columns, looked up through locals: the text written between two
+    // columns could otherwise be taken to change where they are.
+    const JsonColumn* kept = nullptr;
+    size_t nKept = 0;
+    auto keep = [&] {
+      if (schema != nullptr && schema->json != nullptr) {
+        kept = schema->json->columns.data();
+        nKept = schema->json->columns.size();
+      }
+    };
+    keep();
+    const size_t firstColumn = schema == nullptr || key ? 0 : schema->nColsInKey;
     for (size_t i = 0; i < nCols; ++i) {
       // The key: the column's name, or its position from 1 without a schema.
       const JsonColumn* column = nullptr;
       char position[24];
       JsonKey name;
       if (schema != nullptr) {
-        column = schema->jsonColumn((key ? 0 : schema->nColsInKey) + i, rc);
-        if (column == nullptr) return rplTrace_.ret(rc);
+        const size_t index = firstColumn + i;
+        if (index < nKept && kept[index].ready) {
+          column = &kept[index];
+        } else {
+          column = schema->jsonColumn(index, rc);
+          if (column == nullptr) return rplTrace_.ret(rc);
+          keep();
+        }
         name = std::string_view(column->name);
       } else {
         name = std::string_view(position, static_cast<size_t>(std::to_chars(position, position + sizeof position, i + 1).ptr - position));
