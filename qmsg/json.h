@@ -27,6 +27,7 @@
 #include <cstring>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "runtime/conv.h"
 
@@ -64,7 +65,20 @@ class JsonOut {
   JsonOut() = default;
   JsonOut(const JsonOut&) = delete;
   JsonOut& operator=(const JsonOut&) = delete;
+  JsonOut(JsonOut&& o) noexcept { swap(o); }
+  JsonOut& operator=(JsonOut&& o) noexcept {
+    swap(o);
+    return *this;
+  }
   ~JsonOut() { std::free(buf_); }
+  void swap(JsonOut& o) noexcept {
+    std::swap(buf_, o.buf_);
+    std::swap(n_, o.n_);
+    std::swap(cap_, o.cap_);
+    std::swap(stack_, o.stack_);
+    std::swap(depth_, o.depth_);
+    std::swap(first_, o.first_);
+  }
 
   // The text written so far (valid until the next write).
   std::string_view str() const { return {buf_, n_}; }

@@ -730,3 +730,20 @@ TEST(JsonOutText, RepeatedRealsKeepTheDigitsOfTheirWidth) {
   EXPECT_EQ(written(static_cast<double>(0.1f), true), "0.100000001");
   EXPECT_EQ(written(static_cast<double>(0.1f), false), "0.10000000149011612");
 }
+
+// A line handed on to another owner keeps its text and its open containers; the one it was
+// taken from starts again empty.
+TEST(JsonOutText, AMovedLineGoesOnWhereItWas) {
+  JsonOut first;
+  first.beginObject();
+  first.str("a", std::string(5000, 'x'));
+  JsonOut second(std::move(first));
+  second.num("b", 2);
+  first.clear();
+  first.num(nullptr, 1);
+  EXPECT_EQ(first.str(), "1");
+  JsonOut third;
+  third = std::move(second);
+  third.endLine();
+  EXPECT_EQ(third.str(), "{\"a\":\"" + std::string(5000, 'x') + "\",\"b\":2}\n");
+}
