@@ -434,7 +434,8 @@ int32_t processCompactMsg(uint8_t* msg, size_t length, const char* queueName, FI
   return rplTrace_.ret(decodeCompact(m, o, DecodeRun{queueName, noPosTime, headerOnly}));
 }
 
-int32_t renderCompactJson(uint8_t* msg, size_t length, const encodingInfo& enc, ConvMgr& cm, JsonOut& out) {
+int32_t renderCompactJsonMembers(uint8_t* msg, size_t length, const encodingInfo& enc, ConvMgr& cm,
+                                 JsonOut& out) {
   RPL_TRACE(kCompPrinters, 3);
   // Text fields go to UTF-8 whatever the run's output code page.
   encodingInfo utf8 = enc;
@@ -443,13 +444,12 @@ int32_t renderCompactJson(uint8_t* msg, size_t length, const encodingInfo& enc, 
   QMsg m(msg, length, nullptr, &utf8, &cm);
   JsonSink o(out);
   const size_t depth = out.depth();
-  out.beginObject();
   out.num("format", kJsonFormatVersion);
   out.unum("length", length);
   lastReadFailure() = ReadFailure{};
   const int32_t rc = decodeCompact(m, o, DecodeRun{"", false, false});
   if (rc != 0) {
-    while (out.depth() > depth + 1) {
+    while (out.depth() > depth) {
       if (out.inObject()) out.endObject();
       else out.endArray();
     }
@@ -475,9 +475,15 @@ int32_t renderCompactJson(uint8_t* msg, size_t length, const encodingInfo& enc, 
     }
     out.endObject();
   }
+  return rplTrace_.ret(rc);
+}
+
+int32_t renderCompactJson(uint8_t* msg, size_t length, const encodingInfo& enc, ConvMgr& cm, JsonOut& out) {
+  out.beginObject();
+  const int32_t rc = renderCompactJsonMembers(msg, length, enc, cm, out);
   out.endObject();
   out.endLine();
-  return rplTrace_.ret(rc);
+  return rc;
 }
 
 int32_t processSchemaMsg(uint8_t* msg, size_t length, FILE* out, encodingInfo* enc, ConvMgr* cm) {

@@ -8,66 +8,43 @@
 #include <cstring>
 #include <cstdio>
 #include <ctime>
-#include <utility>
+#include <new>
 
-namespace {
-size_t plainRun(const unsigned char* p, size_t n);
-}  // namespace
-
-void JsonOut::prefix(const char* key) {
-  const bool comma = !first_;
-  first_ = false;
-  if (key == nullptr) {
-    if (comma) s_ += ',';
-    return;
-  }
-  // A key is most often plain ASCII: `,"key":` written in one piece.
-  const size_t n = std::strlen(key);
-  if (plainRun(reinterpret_cast<const unsigned char*>(key), n) == n) {
-    const size_t at = s_.size();
-    s_.resize(at + n + 3 + comma);
-    char* d = s_.data() + at;
-    if (comma) *d++ = ',';
-    *d++ = '"';
-    std::memcpy(d, key, n);
-    d[n] = '"';
-    d[n + 1] = ':';
-    return;
-  }
-  if (comma) s_ += ',';
-  quote(std::string_view(key, n));
-  s_ += ':';
+void JsonOut::grow(size_t k) {
+  // Doubled, so that a line of any length is built in a few steps and the room is kept.
+  size_t want = cap_ < 4096 ? 4096 : cap_ * 2;
+  while (want - n_ < k) want *= 2;
+  char* bigger = static_cast<char*>(std::realloc(buf_, want));
+  if (bigger == nullptr) throw std::bad_alloc();
+  buf_ = bigger;
+  cap_ = want;
 }
 
 std::string JsonOut::keyText(const char* key) {
   JsonOut t;
   t.prefix(key);
-  return std::move(t.s_);
+  return std::string(t.str());
 }
 
-void JsonOut::num(const char* key, int64_t v) {
-  prefix(key);
-  char b[24];
-  auto [end, ec] = std::to_chars(b, b + sizeof b, v);
-  s_.append(b, static_cast<size_t>(end - b));
+void JsonOut::int64Text(int64_t v) {
+  char* d = room(20);
+  n_ += static_cast<size_t>(std::to_chars(d, d + 20, v).ptr - d);
 }
 
-void JsonOut::unum(const char* key, uint64_t v) {
-  prefix(key);
-  char b[24];
-  auto [end, ec] = std::to_chars(b, b + sizeof b, v);
-  s_.append(b, static_cast<size_t>(end - b));
+void JsonOut::uint64Text(uint64_t v) {
+  char* d = room(20);
+  n_ += static_cast<size_t>(std::to_chars(d, d + 20, v).ptr - d);
 }
 
-void JsonOut::real(const char* key, double v) {
+void JsonOut::real(JsonKey key, double v) {
   prefix(key);
   if (!std::isfinite(v)) {
-    s_ += "null";
+    put("null", 4);
     return;
   }
   char b[32];
-  std::snprintf(b, sizeof b, "%.17g", v);
-  s_ += b;
+  const int k = std::snprintf(b, sizeof b, "%.17g", v);
+  put(b, static_cast<size_t>(k));
 }
 
 namespace {
@@ -88,16 +65,6 @@ size_t utf8Sequence(const unsigned char* p, size_t left) {
   return n;
 }
 
-// True when one of the eight bytes of `w` needs more than a copy: a control character, a
-// quote, a backslash or a byte of a multi-byte sequence.
-inline bool specialByte(uint64_t w) {
-  constexpr uint64_t kOnes = 0x0101010101010101ull, kHigh = 0x8080808080808080ull;
-  auto zeroByte = [](uint64_t x) { return (x - kOnes) & ~x & kHigh; };
-  const uint64_t atLeast20 = (w & ~kHigh) + kOnes * (0x80 - 0x20);  // high bit: low 7 bits >= 0x20
-  return (w & kHigh) != 0 || (atLeast20 & kHigh) != kHigh || zeroByte(w ^ (kOnes * '"')) != 0 ||
-         zeroByte(w ^ (kOnes * '\\')) != 0;
-}
-
 // Bytes copied as they stand: printable ASCII but the quote and the backslash.
 struct PlainBytes {
   bool byte[256] = {};
@@ -107,99 +74,149 @@ struct PlainBytes {
 };
 constexpr PlainBytes kPlain;
 
-// Length of the plain ASCII run at p (nothing to escape or check), up to n.
-size_t plainRun(const unsigned char* p, size_t n) {
+// Copies the plain ASCII run at p (nothing to escape or check), up to n bytes, to d and
+// returns its length: eight bytes at a time, checked and moved together.
+inline size_t copyPlainRun(const unsigned char* p, size_t n, char* d) {
   size_t run = 0;
   while (run + 8 <= n) {
     uint64_t w;
     std::memcpy(&w, p + run, 8);
-    if (specialByte(w)) break;
+    if (jsonSpecialByte(w)) break;
+    std::memcpy(d + run, &w, 8);
     run += 8;
   }
-  while (run < n && kPlain.byte[p[run]]) ++run;
+  if (run < n && n >= 8 && run + 8 > n) {
+    // The last bytes as one word that overlaps the ones copied before it.
+    uint64_t w;
+    std::memcpy(&w, p + n - 8, 8);
+    if (!jsonSpecialByte(w)) {
+      std::memcpy(d + n - 8, &w, 8);
+      return n;
+    }
+  }
+  while (run < n && kPlain.byte[p[run]]) {
+    d[run] = static_cast<char>(p[run]);
+    ++run;
+  }
   return run;
 }
 
 }  // namespace
 
 void JsonOut::quote(std::string_view text) {
-  static const char kHex[] = "0123456789abcdef";
   const unsigned char* p = reinterpret_cast<const unsigned char*>(text.data());
-  size_t n = text.size();
-  size_t i = plainRun(p, n);
+  const size_t n = text.size();
+  // Room for the plain case, the most common value: quoted and copied in one pass.
+  char* d = room(n + 2);
+  *d++ = '"';
+  const size_t i = copyPlainRun(p, n, d);
   if (i == n) {
-    // Plain ASCII, the most common value: quoted in one piece.
-    const size_t at = s_.size();
-    s_.resize(at + n + 2);
-    char* d = s_.data() + at;
-    d[0] = '"';
-    if (n > 0) std::memcpy(d + 1, text.data(), n);
-    d[n + 1] = '"';
+    d[n] = '"';
+    n_ += n + 2;
     return;
   }
-  s_ += '"';
-  s_.append(text.data(), i);
+  n_ += 1 + i;
+  quoteSpecial(p, n, i);
+}
+
+// The rest of a string from its first byte that is not plain ASCII, written at the end of
+// the text.
+void JsonOut::quoteSpecial(const unsigned char* p, size_t n, size_t i) {
+  static const char kHex[] = "0123456789abcdef";
+  // Each byte takes at most six ("\u00XX"), and the closing quote one.
+  char* d = room((n - i) * 6 + 1);
+  char* const start = d;
   while (i < n) {
     // Plain ASCII goes over in runs: most names and values are nothing else.
-    const size_t run = i + plainRun(p + i, n - i);
-    if (run > i) {
-      s_.append(text.data() + i, run - i);
-      i = run;
+    const size_t run = copyPlainRun(p + i, n - i, d);
+    if (run > 0) {
+      i += run;
+      d += run;
       continue;
     }
     unsigned char c = p[i];
     if (c == '"' || c == '\\') {
-      s_ += '\\';
-      s_ += static_cast<char>(c);
+      *d++ = '\\';
+      *d++ = static_cast<char>(c);
       ++i;
     } else if (c < 0x20) {
+      *d++ = '\\';
       switch (c) {
-        case '\n': s_ += "\\n"; break;
-        case '\r': s_ += "\\r"; break;
-        case '\t': s_ += "\\t"; break;
+        case '\n': *d++ = 'n'; break;
+        case '\r': *d++ = 'r'; break;
+        case '\t': *d++ = 't'; break;
         default:
-          s_ += "\\u00";
-          s_ += kHex[c >> 4];
-          s_ += kHex[c & 15];
+          *d++ = 'u';
+          *d++ = '0';
+          *d++ = '0';
+          *d++ = kHex[c >> 4];
+          *d++ = kHex[c & 15];
       }
       ++i;
     } else {
       size_t len = utf8Sequence(p + i, n - i);
       if (len == 0) {
-        s_ += "\xEF\xBF\xBD";  // U+FFFD for a byte that is not UTF-8
+        // U+FFFD for a byte that is not UTF-8
+        *d++ = '\xEF';
+        *d++ = '\xBF';
+        *d++ = '\xBD';
         ++i;
       } else {
-        s_.append(reinterpret_cast<const char*>(p + i), len);
+        std::memcpy(d, p + i, len);
+        d += len;
         i += len;
       }
     }
   }
-  s_ += '"';
+  *d++ = '"';
+  n_ += static_cast<size_t>(d - start);
 }
 
-void JsonOut::hex(const char* key, const uint8_t* p, size_t n) {
+void JsonOut::hex(JsonKey key, const uint8_t* p, size_t n) {
   prefix(key);
-  s_ += '"';
-  const size_t at = s_.size();
-  s_.resize(at + 2 * n);
-  hexRun(p, n, false, s_.data() + at);
-  s_ += '"';
+  char* d = room(2 * n + 2);
+  *d++ = '"';
+  d += hexRun(p, n, false, d);
+  *d++ = '"';
+  n_ = static_cast<size_t>(d - buf_);
 }
 
-void JsonOut::utc(const char* key, uint32_t seconds, int32_t micros) {
+void JsonOut::utc(JsonKey key, uint32_t seconds, int32_t micros) {
   if (seconds == 0) {
     null(key);
     return;
   }
+  prefix(key);
   std::time_t t = seconds;
   std::tm tm{};
   gmtime_r(&t, &tm);
-  char b[48];
-  if (micros >= 0 && micros < 1000000)
-    std::snprintf(b, sizeof b, "\"%04d-%02d-%02dT%02d:%02d:%02d.%06dZ\"", tm.tm_year + 1900, tm.tm_mon + 1,
-                  tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, micros);
-  else
-    std::snprintf(b, sizeof b, "\"%04d-%02d-%02dT%02d:%02d:%02dZ\"", tm.tm_year + 1900, tm.tm_mon + 1,
-                  tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec);
-  raw(key, b);
+  // "YYYY-MM-DDTHH:MM:SS.uuuuuuZ" in quotes; the year of a 32-bit time has four digits.
+  char* const start = room(32);
+  char* d = start;
+  auto digits = [&d](unsigned v, int count) {
+    for (int k = count; k-- > 0;) {
+      d[k] = static_cast<char>('0' + v % 10);
+      v /= 10;
+    }
+    d += count;
+  };
+  *d++ = '"';
+  digits(static_cast<unsigned>(tm.tm_year + 1900), 4);
+  *d++ = '-';
+  digits(static_cast<unsigned>(tm.tm_mon + 1), 2);
+  *d++ = '-';
+  digits(static_cast<unsigned>(tm.tm_mday), 2);
+  *d++ = 'T';
+  digits(static_cast<unsigned>(tm.tm_hour), 2);
+  *d++ = ':';
+  digits(static_cast<unsigned>(tm.tm_min), 2);
+  *d++ = ':';
+  digits(static_cast<unsigned>(tm.tm_sec), 2);
+  if (micros >= 0 && micros < 1000000) {
+    *d++ = '.';
+    digits(static_cast<unsigned>(micros), 6);
+  }
+  *d++ = 'Z';
+  *d++ = '"';
+  n_ += static_cast<size_t>(d - start);
 }

@@ -194,9 +194,10 @@ using RenderedSchema = ColumnsFor<RenderedColumn>;
 // UTF-8) is the same for every row that names them: read once per schema copy and code pages.
 struct JsonColumn {
   bool ready = false;
+  bool lob = false;  // a LOB or XML column: its value is a reference and inline data
   ColumnInfo info;
-  std::string name;
-  std::string key;  // the name as a member's key, JsonOut::keyText
+  std::string name;  // up to a zero byte, as a key is written
+  std::string key;   // the name as a member's key, JsonOut::keyText
 };
 using JsonColumns = ColumnsFor<JsonColumn>;
 
@@ -266,7 +267,11 @@ struct SchemaColumns {
       c = &json->columns[index];
     }
     rc = readJsonColumn(index, c->info, c->name);
-    if (rc == 0) c->key = JsonOut::keyText(c->name.c_str());
+    if (rc == 0) {
+      c->name.resize(std::strlen(c->name.c_str()));
+      c->key = JsonOut::keyText(c->name.c_str());
+      c->lob = isLobType(c->info.type);
+    }
     c->ready = rc == 0;
     return rc == 0 ? c : nullptr;
   }
@@ -311,7 +316,7 @@ int32_t printLobValue(QMsg& m, Emit& e, const MsgReader& value, ColumnInfo col) 
 }
 
 // The JSON form of a LOB or XML value: its reference and the data that follows inline.
-int32_t jsonLobValue(QMsg& m, JsonOut& j, const char* key, const MsgReader& value, ColumnInfo col) {
+int32_t jsonLobValue(QMsg& m, JsonOut& j, JsonKey key, const MsgReader& value, ColumnInfo col) {
   LobValue lob;
   int32_t rc = readLobValue(m, value, col, lob);
   if (rc != 0) return rc;
@@ -386,17 +391,35 @@ int32_t printColSet(QMsg& m, O& o, const MsgReader& row, size_t at, SchemaColumn
 
   if constexpr (O::kJson) {
     JsonOut& j = o.json();
+    // The schema's kept columns, looked up through locals: the text written between two
+    // columns could otherwise be taken to change where they are.
+    const JsonColumn* kept = nullptr;
+    size_t nKept = 0;
+    auto keep = [&] {
+      if (schema != nullptr && schema->json != nullptr) {
+        kept = schema->json->columns.data();
+        nKept = schema->json->columns.size();
+      }
+    };
+    keep();
+    const size_t firstColumn = schema == nullptr || key ? 0 : schema->nColsInKey;
     for (size_t i = 0; i < nCols; ++i) {
       // The key: the column's name, or its position from 1 without a schema.
       const JsonColumn* column = nullptr;
       char position[24];
-      const char* name = position;
+      JsonKey name;
       if (schema != nullptr) {
-        column = schema->jsonColumn((key ? 0 : schema->nColsInKey) + i, rc);
-        if (column == nullptr) return rplTrace_.ret(rc);
-        name = column->name.c_str();
+        const size_t index = firstColumn + i;
+        if (index < nKept && kept[index].ready) {
+          column = &kept[index];
+        } else {
+          column = schema->jsonColumn(index, rc);
+          if (column == nullptr) return rplTrace_.ret(rc);
+          keep();
+        }
+        name = std::string_view(column->name);
       } else {
-        *std::to_chars(position, position + sizeof position - 1, i + 1).ptr = '\0';
+        name = std::string_view(position, static_cast<size_t>(std::to_chars(position, position + sizeof position, i + 1).ptr - position));
       }
       const Slot& c = slot[i];
       if (c.start < 0) {
@@ -417,7 +440,7 @@ int32_t printColSet(QMsg& m, O& o, const MsgReader& row, size_t at, SchemaColumn
         continue;
       }
       const ColumnInfo& col = column->info;
-      if (isLobType(col.type)) {
+      if (column->lob) {
         rc = jsonLobValue(m, j, name, MsgReader(const_cast<uint8_t*>(p), c.size, set.swapped()), col);
       } else {
         JsonValue v{j, name, column->key};
@@ -535,11 +558,15 @@ int32_t printTransRow(QMsg& m, O& o, size_t at, uint16_t version) {
   // The partition number is part of the row header from version 7.
   if (rc == 0 && version >= 7) rc = row.machine(30, partitionNo, "qTransRow.partitionNo");
   char intent[48] = "";  // sixteen bytes as hex pairs: 39 characters
+  size_t intentLength = 0;
   if (rc == 0 && version >= 2) {
     const uint8_t* p = nullptr;
     rc = row.bytes(12, version >= 7 ? 16 : 10, p, "qTransRow.intentseq");
-    if (rc == 0 && version >= 7) intent[hexPairChars(p, 16, intent)] = '\0';
-    else if (rc == 0) std::snprintf(intent, sizeof intent, "%s", formatPos10(p).c_str());
+    if (rc == 0 && version >= 7) intent[intentLength = hexPairChars(p, 16, intent)] = '\0';
+    else if (rc == 0) {
+      std::snprintf(intent, sizeof intent, "%s", formatPos10(p).c_str());
+      intentLength = std::strlen(intent);
+    }
   }
   if (rc != 0) return rplTrace_.ret(rc);
   const size_t firstSet = rowColumnSetsOffset(version);
@@ -560,11 +587,11 @@ int32_t printTransRow(QMsg& m, O& o, size_t at, uint16_t version) {
 
   if constexpr (O::kJson) {
     o.hidden("length", static_cast<int32_t>(length));
-    o.hidden("encodetype", nameOf(kEncodeTypes, encodeType, "Unsupported"));
-    o.hidden("encodever", nameOf(kEncodeVersions, encodeVer, "Unknown"));
-    o.hidden("operation", nameOf(kRowOperations, operation, "Unexpected"));
+    o.hidden("encodetype", viewOf(kEncodeTypeViews, encodeType, "Unsupported"));
+    o.hidden("encodever", viewOf(kEncodeVersionViews, encodeVer, "Unknown"));
+    o.hidden("operation", viewOf(kRowOperationViews, operation, "Unexpected"));
     o.hidden("operation_code", operation);
-    if (version >= 2) o.hidden("intentseq", std::string_view(intent));
+    if (version >= 2) o.hidden("intentseq", std::string_view(intent, intentLength));
     // The texts of the set bits in table order, joined on the stack.
     char flags[256];
     static_assert([] {

@@ -18,8 +18,8 @@
 void ScanSink::keepTime(const UtcTime& t) {
   JsonOut j;
   j.utc(nullptr, t.seconds, t.micros);
-  const std::string& s = j.str();
-  commitTime = s.size() >= 2 && s.front() == '"' ? s.substr(1, s.size() - 2) : std::string();
+  const std::string_view s = j.str();
+  commitTime = s.size() >= 2 && s.front() == '"' ? std::string(s.substr(1, s.size() - 2)) : std::string();
 }
 
 void ScanSink::keepHex(const HexBytes& h) {

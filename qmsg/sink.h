@@ -92,32 +92,36 @@ class JsonSink {
   JsonOut& json() { return j_; }
   FILE* out() const { return nullptr; }
 
+  // The members are inlined where the printers call them, so that the length of a constant
+  // key is counted when compiled.
   template <typename... A>
   void text(const char*, A...) {}
   template <typename T>
-  void field(const char* key, const T& v, const char*) {
+  [[gnu::always_inline]] void field(const char* key, const T& v, const char*) {
     put(key, v);
   }
   template <typename V, typename... A>
-  void show(const char* key, const V& v, const char*, A...) {
+  [[gnu::always_inline]] void show(const char* key, const V& v, const char*, A...) {
     put(key, v);
   }
   template <typename V>
-  void hidden(const char* key, const V& v) {
+  [[gnu::always_inline]] void hidden(const char* key, const V& v) {
     put(key, v);
   }
-  void chars(const char* key, const ConvText& t, const char*, const char* = "\n") { put(key, t); }
-  void beginList(const char* key) { j_.beginArray(key); }
+  [[gnu::always_inline]] void chars(const char* key, const ConvText& t, const char*, const char* = "\n") {
+    put(key, t);
+  }
+  [[gnu::always_inline]] void beginList(const char* key) { j_.beginArray(key); }
   void endList() { j_.endArray(); }
   void beginItem() { j_.beginObject(); }
   void endItem() { j_.endObject(); }
-  void beginGroup(const char* key) { j_.beginObject(key); }
+  [[gnu::always_inline]] void beginGroup(const char* key) { j_.beginObject(key); }
   void endGroup() { j_.endObject(); }
 
  private:
-  const char* k(const char* key) const { return j_.inObject() ? key : nullptr; }
+  [[gnu::always_inline]] JsonKey k(JsonKey key) const { return j_.inObject() ? key : JsonKey(); }
   template <typename T>
-  void put(const char* key, const T& v) {
+  [[gnu::always_inline]] void put(JsonKey key, const T& v) {
     if constexpr (std::is_same_v<T, ConvText>) j_.str(k(key), std::string_view(v.data(), static_cast<size_t>(v.size())));
     else if constexpr (std::is_same_v<T, std::string>) j_.str(k(key), v);
     else if constexpr (std::is_same_v<T, std::string_view>) j_.str(k(key), v);

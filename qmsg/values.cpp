@@ -528,13 +528,6 @@ int32_t columnValue(QMsg& m, V& out, const ColumnInfo& col, const uint8_t* p, si
 
 }  // namespace
 
-const char* JsonValue::member() {
-  if (keyText.empty()) return key;
-  j.memberKey(keyText);
-  return nullptr;
-}
-void JsonValue::null() { j.null(member()); }
-void JsonValue::integer(int64_t v) { j.num(member(), v); }
 void JsonValue::real(double d, bool single) {
   // Enough digits to read back as the same value ("%.9g" for a REAL, "%.17g" for a DOUBLE),
   // as a JSON number; infinities and NaN have none and are null.
@@ -547,11 +540,31 @@ void JsonValue::real(double d, bool single) {
 }
 
 size_t jsonRealChars(double d, bool single, char* s) {
+  // Recent values are kept by their bits, as the text's DOUBLE form keeps them: a column often
+  // repeats a value, and the conversion is the dearest step of its member.
+  struct Memo {
+    uint64_t bits = 0;
+    bool single = false;
+    bool used = false;
+    uint8_t length = 0;
+    char text[kJsonRealRoom];
+  };
+  thread_local Memo memos[64];
+  uint64_t bits = 0;
+  std::memcpy(&bits, &d, sizeof bits);
+  Memo& memo = memos[((bits ^ single) * 0x9E3779B97F4A7C15ull) >> 58];
+  if (memo.used && memo.bits == bits && memo.single == single) {
+    std::memcpy(s, memo.text, memo.length);
+    return memo.length;
+  }
   // The standard library's conversion at a given precision rounds and lays out as printf does.
   std::to_chars_result r = std::to_chars(s, s + kJsonRealRoom, d, std::chars_format::general, single ? 9 : 17);
-  return static_cast<size_t>(r.ptr - s);
+  const size_t n = static_cast<size_t>(r.ptr - s);
+  memo.bits = bits;
+  memo.single = single;
+  memo.used = true;
+  memo.length = static_cast<uint8_t>(n);
+  std::memcpy(memo.text, s, n);
+  return n;
 }
-void JsonValue::digits(const char* p, size_t n) { j.str(member(), std::string_view(p, n)); }
-void JsonValue::text(const char* p, int n) { j.str(member(), std::string_view(p, static_cast<size_t>(n))); }
-void JsonValue::boolean(bool b) { j.boolean(member(), b); }
-void JsonValue::hex(const uint8_t* p, size_t n) { j.hex(member(), p, n); }
+

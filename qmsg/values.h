@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "qmsg/json.h"
 #include "qmsg/msg.h"
 
 // What the value printer needs to know about a column.
@@ -28,20 +29,24 @@ int32_t printColumnValue(QMsg& m, Emit& e, const ColumnInfo& col, const uint8_t*
 // The JSON form of a value under `key` (or as an array element when key is null): NULL as
 // null, integers and DOUBLE as numbers, DECIMAL and DECFLOAT as strings of their digits (no
 // precision is lost), text converted to UTF-8, BOOLEAN as true/false, binary as hex.
-class JsonOut;
 struct JsonValue {
   JsonOut& j;
-  const char* key;
+  JsonKey key;
   std::string_view keyText = {};  // the key as JsonOut::keyText writes it, when it is kept
-  void null();
-  void integer(int64_t v);
+  void null() { j.null(member()); }
+  void integer(int64_t v) { j.num(member(), v); }
   void real(double d, bool single);
-  void digits(const char* p, size_t n);  // DECIMAL and DECFLOAT as a string of their digits
-  void text(const char* p, int n);
-  void boolean(bool b);
-  void hex(const uint8_t* p, size_t n);
+  // DECIMAL and DECFLOAT as a string of their digits
+  void digits(const char* p, size_t n) { j.str(member(), std::string_view(p, n)); }
+  void text(const char* p, int n) { j.str(member(), std::string_view(p, static_cast<size_t>(n))); }
+  void boolean(bool b) { j.boolean(member(), b); }
+  void hex(const uint8_t* p, size_t n) { j.hex(member(), p, n); }
   // Starts the member: the kept key text written, or the key handed on.
-  const char* member();
+  JsonKey member() {
+    if (keyText.empty()) return key;
+    j.memberKey(keyText);
+    return {};
+  }
 };
 int32_t jsonColumnValue(QMsg& m, JsonValue& v, const ColumnInfo& col, const uint8_t* p, size_t len,
                         const char* step);

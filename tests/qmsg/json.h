@@ -22,8 +22,9 @@ struct Rendered {
 };
 
 // Renders one message from `order` and `ccsid`; the run's output code page is 819 to show
-// that text still arrives as UTF-8.
-inline Rendered renderAs(std::vector<uint8_t> msg, ByteOrder order, int32_t ccsid) {
+// that text still arrives as UTF-8. With `joinTo`, the message's members are written into an
+// object already open and holding that one member (as rplq joins them to the descriptor).
+inline Rendered renderAs(std::vector<uint8_t> msg, ByteOrder order, int32_t ccsid, const char* joinTo = nullptr) {
   ConvMgr::init();
   static ConvMgr cm(6, "rplq:render");
   encodingInfo enc = senderContext(order, ccsid, 819);
@@ -37,9 +38,17 @@ inline Rendered renderAs(std::vector<uint8_t> msg, ByteOrder order, int32_t ccsi
   FILE* saved = logger->output();
   logger->setOutput(reports.file());
   JsonOut out;
-  int32_t rc = renderCompactJson(msg.data(), msg.size(), enc, cm, out);
+  int32_t rc = 0;
+  if (joinTo == nullptr) {
+    rc = renderCompactJson(msg.data(), msg.size(), enc, cm, out);
+  } else {
+    out.beginObject();
+    out.num(joinTo, 1);
+    rc = renderCompactJsonMembers(msg.data(), msg.size(), enc, cm, out);
+    out.endLine();
+  }
   logger->setOutput(saved);
-  Rendered r{rc, out.str(), Json(), reports.text()};
+  Rendered r{rc, std::string(out.str()), Json(), reports.text()};
   r.doc = Json::parse(r.text, nullptr, false);
   return r;
 }

@@ -3,9 +3,11 @@
 #include "tests/qmsg/json.h"
 
 #include <cfloat>
+#include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <limits>
+#include <vector>
 
 #include "qmsg/values.h"
 
@@ -580,8 +582,8 @@ TEST(JsonOutText, RealsHavePrintfDigitsAndReadBackExactly) {
     JsonValue v{out, "v"};
     v.real(d, single);
     out.endObject();
-    const std::string& s = out.str();
-    return s.substr(5, s.size() - 6);
+    const std::string_view s = out.str();
+    return std::string(s.substr(5, s.size() - 6));
   };
   for (const Row& row : rows) {
     const std::string text = written(row.value, row.single);
@@ -623,7 +625,8 @@ TEST(Json, RowsTakeTheNamesOfTheirSubscriptionsCurrentSchema) {
   const Turn turns[] = {{&kJsonSenders[0], "NAME"},      {&kJsonSenders[0], "NAME"},
                         {&kJsonSenders[0], "CUSTOMER"},  {&kJsonSenders[1], "CUSTOMER"},
                         {&kJsonSenders[2], "NAME"},      {&kJsonSenders[0], "NAME"},
-                        {&kJsonSenders[2], "KÄUFER"},    {&kJsonSenders[1], "KÄUFER"}};
+                        {&kJsonSenders[2], "KÄUFER"},    {&kJsonSenders[1], "KÄUFER"},
+                        {&kJsonSenders[0], "SAY \"HI\" C:\\"}, {&kJsonSenders[2], "SAY \"HI\" C:\\"}};
   for (const Turn& turn : turns) {
     const JsonSender& s = *turn.sender;
     SchemaMsgDef def = data::schema(s.ccsid);
@@ -640,4 +643,107 @@ TEST(Json, RowsTakeTheNamesOfTheirSubscriptionsCurrentSchema) {
       EXPECT_EQ(r.doc["rows"][0]["key_after"]["ID"], 7) << s.tag;
     }
   }
+}
+
+// The members of a message written into an object that is already open (rplq's line, after the
+// descriptor) are the members of the message's own object, in every sender's form and at
+// every cut, failed reads included: the object is closed at the same depth either way.
+TEST(Json, MembersJoinedToAnOpenObjectAreTheMessagesOwn) {
+  for (const JsonSender& s : kJsonSenders) {
+    releaseSchemaCache();
+    ASSERT_EQ(renderAs(encodeSchemaMsg(data::schema(s.ccsid), s.order, s.ccsid), s.order, s.ccsid).rc, 0);
+    const Bytes msg = encodeTransMsg(data::trans(s.order, s.ccsid), s.order, s.ccsid);
+    for (size_t n = 0; n <= msg.size(); ++n) {
+      const Bytes cut(msg.begin(), msg.begin() + static_cast<std::ptrdiff_t>(n));
+      Rendered own = renderAs(cut, s.order, s.ccsid);
+      Rendered joined = renderAs(cut, s.order, s.ccsid, "kxmd");
+      EXPECT_EQ(joined.rc, own.rc) << s.tag << " cut at " << n;
+      EXPECT_EQ(joined.text, "{\"kxmd\":1," + own.text.substr(1)) << s.tag << " cut at " << n;
+    }
+  }
+}
+
+// The line's buffer grows while a string is written into it: strings of every kind longer than
+// its first room, after text that leaves it nearly full, read back as they were written.
+TEST(JsonOutText, LongStringsReadBackWhereverTheBufferGrows) {
+  struct Row {
+    const char* what;
+    std::string in;
+    std::string reads;
+  };
+  const std::string e = "\xC3\xA9";
+  std::string accents, replaced;
+  for (int i = 0; i < 1500; ++i) accents += e;
+  for (int i = 0; i < 3000; ++i) replaced += "\xEF\xBF\xBD";
+  const Row rows[] = {
+      {"plain", std::string(9000, 'a'), std::string(9000, 'a')},
+      {"quote at the end", std::string(5000, 'a') + "\"", std::string(5000, 'a') + "\""},
+      {"control characters", std::string(3000, '\x01'), std::string(3000, '\x01')},
+      {"two-byte characters", accents, accents},
+      {"bytes that are not UTF-8", std::string(3000, '\xFF'), replaced},
+      {"escapes between plain runs", std::string(3000, 'a') + "\\\n" + std::string(3000, 'b'),
+       std::string(3000, 'a') + "\\\n" + std::string(3000, 'b')},
+  };
+  for (const Row& row : rows) {
+    for (size_t before : {size_t{0}, size_t{4000}, size_t{4085}, size_t{4090}, size_t{4094}}) {
+      JsonOut out;
+      out.beginObject();
+      out.str("p", std::string(before, 'p'));
+      out.str("v", row.in);
+      out.num("n", 7);
+      out.endObject();
+      Json doc = Json::parse(out.str(), nullptr, false);
+      ASSERT_FALSE(doc.is_discarded()) << row.what << " after " << before;
+      EXPECT_EQ(doc["v"].get<std::string>(), row.reads) << row.what << " after " << before;
+      EXPECT_EQ(doc["n"], 7) << row.what << " after " << before;
+    }
+  }
+}
+
+// Recently written REAL and DOUBLE values are kept by their bits: written again, and with the
+// same bits as the other width, each keeps the digits of its own width.
+TEST(JsonOutText, RepeatedRealsKeepTheDigitsOfTheirWidth) {
+  auto written = [](double d, bool single) {
+    JsonOut out;
+    out.beginArray();
+    JsonValue v{out, nullptr};
+    v.real(d, single);
+    out.endArray();
+    const std::string_view s = out.str();
+    return std::string(s.substr(1, s.size() - 2));
+  };
+  auto expected = [](double d, bool single) {
+    char b[64];
+    return std::string(b, std::to_chars(b, b + sizeof b, d, std::chars_format::general, single ? 9 : 17).ptr);
+  };
+  std::vector<double> values = {static_cast<double>(0.1f), 0.1, 0.5, -0.0, 1e300, static_cast<double>(FLT_MAX)};
+  for (int i = 1; i <= 300; ++i) values.push_back(i / 7.0);
+  for (int pass = 0; pass < 2; ++pass) {
+    for (double d : values) {
+      EXPECT_EQ(written(d, false), expected(d, false)) << std::hexfloat << d;
+      if (static_cast<double>(static_cast<float>(d)) == d) {
+        EXPECT_EQ(written(d, true), expected(d, true)) << std::hexfloat << d;
+      }
+      EXPECT_EQ(written(d, false), expected(d, false)) << std::hexfloat << d;
+    }
+  }
+  EXPECT_EQ(written(static_cast<double>(0.1f), true), "0.100000001");
+  EXPECT_EQ(written(static_cast<double>(0.1f), false), "0.10000000149011612");
+}
+
+// A line handed on to another owner keeps its text and its open containers; the one it was
+// taken from starts again empty.
+TEST(JsonOutText, AMovedLineGoesOnWhereItWas) {
+  JsonOut first;
+  first.beginObject();
+  first.str("a", std::string(5000, 'x'));
+  JsonOut second(std::move(first));
+  second.num("b", 2);
+  first.clear();
+  first.num(nullptr, 1);
+  EXPECT_EQ(first.str(), "1");
+  JsonOut third;
+  third = std::move(second);
+  third.endLine();
+  EXPECT_EQ(third.str(), "{\"a\":\"" + std::string(5000, 'x') + "\",\"b\":2}\n");
 }

@@ -4,6 +4,7 @@
 #include <unicode/ucnv.h>
 
 #include <cstring>
+#include <ctime>
 
 #include "driver/printers.h"
 #include "qmsg/json.h"
@@ -17,10 +18,36 @@ constexpr int32_t kCcsidUtf8 = 1208;
 
 bool formatIs(const KXMD& md, const char* name) { return std::memcmp(md.Format, name, 8) == 0; }
 
-std::string trimmed(const char* p, size_t n) {
-  std::string s(p, n);
-  while (!s.empty() && (s.back() == ' ' || s.back() == '\0')) s.pop_back();
-  return s;
+// The put time as isoTime writes it ("YYYY-MM-DDTHH:MM:SS.uuuuuuZ"), put together in place:
+// it is written for every message.
+void putTime(JsonOut& o, Micros at) {
+  const time_t seconds = static_cast<time_t>(at >= 0 ? at / 1000000 : (at - 999999) / 1000000);
+  const int64_t micros = at - int64_t(seconds) * 1000000;
+  std::tm tm{};
+  gmtime_r(&seconds, &tm);
+  const int year = tm.tm_year + 1900;
+  if (year < 0 || year > 9999 || micros < 0 || micros > 999999) {
+    o.str("put_time", isoTime(at));
+    return;
+  }
+  char text[32];
+  char* d = text;
+  auto put = [&d](int64_t v, int count, char after) {
+    for (int k = count; k-- > 0;) {
+      d[k] = static_cast<char>('0' + v % 10);
+      v /= 10;
+    }
+    d += count;
+    *d++ = after;
+  };
+  put(year, 4, '-');
+  put(tm.tm_mon + 1, 2, '-');
+  put(tm.tm_mday, 2, 'T');
+  put(tm.tm_hour, 2, ':');
+  put(tm.tm_min, 2, ':');
+  put(tm.tm_sec, 2, '.');
+  put(micros, 6, 'Z');
+  o.str("put_time", std::string_view(text, static_cast<size_t>(d - text)));
 }
 
 void descriptor(JsonOut& o, const KXMD& md, int64_t position, size_t length) {
@@ -30,11 +57,13 @@ void descriptor(JsonOut& o, const KXMD& md, int64_t position, size_t length) {
   o.hex("correlid", md.CorrelId, sizeof md.CorrelId);
   Micros at = 0;
   if (putTimeOf(md, at))
-    o.str("put_time", isoTime(at));
+    putTime(o, at);
   else
     o.null("put_time");
-  o.str("format", textToUtf8(reinterpret_cast<const uint8_t*>(md.Format),
-                             trimmed(md.Format, sizeof md.Format).size(), 0));
+  // The format name without its padding, as the queue manager's text (UTF-8) stands.
+  size_t format = sizeof md.Format;
+  while (format > 0 && (md.Format[format - 1] == ' ' || md.Format[format - 1] == '\0')) --format;
+  o.str("format", std::string_view(md.Format, format));
   o.num("ccsid", md.CodedCharSetId);
   o.num("encoding", md.Encoding);
   o.unum("length", length);
@@ -96,11 +125,7 @@ std::string textToUtf8(const uint8_t* data, size_t length, int32_t ccsid) {
 }
 
 int32_t messageJson(const KXMD& md, uint8_t* data, size_t length, int64_t position, ConvMgr& cm,
-                    std::string& line) {
-  // Kept from message to message: their text keeps its room, so a line is built without
-  // growing a fresh buffer piece by piece.
-  thread_local JsonOut o;
-  thread_local JsonOut compact;
+                    JsonOut& o) {
   o.clear();
   o.beginObject();
   descriptor(o, md, position, length);
@@ -110,17 +135,9 @@ int32_t messageJson(const KXMD& md, uint8_t* data, size_t length, int64_t positi
     enc.setup(md.CodedCharSetId);
     enc.outCcsid = kCcsidUtf8;
     enc.flags = littleEndianEncoding(md.Encoding) ? kEncMachineOrder : 0;
-    compact.clear();
-    rc = renderCompactJson(data, length, enc, cm, compact);
-    // The compact object's members join the descriptor's object: "{...}\n" without its braces.
-    const std::string& s = compact.str();
-    const size_t end = s.rfind('}');
-    line += o.str();  // "{"kxmd":{...}", the object still open
-    if (s.size() > 2 && s[0] == '{' && end != std::string::npos && end > 1) {
-      line += ',';
-      line.append(s, 1, end - 1);
-    }
-    line += "}\n";
+    // The compact message's members join the descriptor's object.
+    rc = renderCompactJsonMembers(data, length, enc, cm, o);
+    o.endLine();
     return rc;
   }
   if (formatIs(md, KXFMT_STRING) && length > 0 && data[0] == '<') {
@@ -141,7 +158,6 @@ int32_t messageJson(const KXMD& md, uint8_t* data, size_t length, int64_t positi
     o.hex("hex", data, length);
   }
   o.endLine();
-  line += o.str();
   return rc;
 }
 

@@ -333,7 +333,8 @@ class Run {
   MessagePrinter printer_;
   ReportCapture reports_;
   Summary summary_;
-  std::string line_;  // the JSON line of the message in hand
+  std::string line_;  // the JSON line of the message in hand, with the rows --where found
+  JsonOut jsonLine_;  // the JSON line of the message in hand, as rendered
   std::vector<uint8_t> work_;  // a copy of the message for the typed rendering
   JsonOut typedText_;          // the JSON rendering of the message in hand
   nlohmann::json typed_;       // its typed fields, once read
@@ -791,18 +792,20 @@ bool Run::show(KXHCONN hconn, const KXMD& md, uint8_t* data, size_t length) {
 
   int32_t rc = 0;
   if (o_.json) {
-    line_.clear();
-    rc = messageJson(md, data, length, position_, printer_.converters(), line_);
+    rc = messageJson(md, data, length, position_, printer_.converters(), jsonLine_);
+    std::string_view line = jsonLine_.str();
     if (!matchedRows_.empty()) {
       // The rows --where found, as 1-based indexes into "rows".
+      line_.assign(line);
       std::string rows = ",\"matched_rows\":[";
       for (size_t i = 0; i < matchedRows_.size(); ++i)
         rows += (i != 0 ? "," : "") + std::to_string(matchedRows_[i]);
       rows += "]";
       size_t close = line_.rfind('}');
       if (close != std::string::npos) line_.insert(close, rows);
+      line = line_;
     }
-    std::fwrite(line_.data(), 1, line_.size(), out_);
+    std::fwrite(line.data(), 1, line.size(), out_);
   } else {
     int32_t counter = static_cast<int32_t>(position_ - 1);
     bool stop = false;

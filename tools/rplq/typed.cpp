@@ -4,6 +4,7 @@
 #include <strings.h>
 
 #include <cctype>
+#include <charconv>
 #include <cinttypes>
 #include <cstdlib>
 #include <cstring>
@@ -232,7 +233,7 @@ bool isBlank(char c) { return c == ' ' || c == '\n' || c == '\t' || c == '\r'; }
 // element of its "rows" array, or of its one "row" (`spilled`), from the JSON text in one pass,
 // without building a document: strings are skipped by their quotes and escapes, containers
 // counted by their brackets. False when the text is not balanced JSON.
-bool scanRows(const std::string& text, std::string& commit, std::string& lsn, std::string& unit,
+bool scanRows(std::string_view text, std::string& commit, std::string& lsn, std::string& unit,
               std::vector<SubSummary::RowKey>& rows, bool& spilled) {
   const size_t n = text.size();
   int depth = 0;
@@ -286,9 +287,9 @@ bool scanRows(const std::string& text, std::string& commit, std::string& lsn, st
       size_t j = i;
       while (j < n && !isBlank(text[j]) && text[j] != ',' && text[j] != '}' && text[j] != ']') ++j;
       if (inRow() && key == "sub_id") {
-        char* end = nullptr;
-        long long v = std::strtoll(text.c_str() + i, &end, 10);
-        if (end == text.c_str() + j) rows.back().sub = v;
+        long long v = 0;
+        auto [end, ec] = std::from_chars(text.data() + i, text.data() + j, v);
+        if (ec == std::errc() && end == text.data() + j) rows.back().sub = v;
       }
       key.clear();
       i = j;
@@ -299,7 +300,7 @@ bool scanRows(const std::string& text, std::string& commit, std::string& lsn, st
 
 }  // namespace
 
-bool SubSummary::addRendered(const std::string& text) {
+bool SubSummary::addRendered(std::string_view text) {
   std::string commit, lsn, unit;
   std::vector<RowKey> rows;
   bool spilled = false;

@@ -78,7 +78,7 @@ class SubSummary {
   void add(const nlohmann::json& msg);
   // The same from the message's JSON text, read in one pass (no document is built). False when
   // the text is not balanced JSON.
-  bool addRendered(const std::string& text);
+  bool addRendered(std::string_view text);
   void writeTable(FILE* out, const SubDirectory& dir) const;
   // Members "subscriptions": [...] (with a leading comma) for the summary object.
   void writeJson(FILE* out, const SubDirectory& dir) const;
