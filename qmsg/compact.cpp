@@ -9,6 +9,7 @@
 #include "qmsg/families.h"
 #include "qmsg/header.h"
 #include "qmsg/json.h"
+#include "qmsg/schema.h"
 #include "qmsg/sink.h"
 #include "runtime/catalog.h"
 #include "runtime/trace.h"
@@ -491,6 +492,12 @@ int32_t processSchemaMsg(uint8_t* msg, size_t length, FILE* out, encodingInfo* e
   Decode d{{"", false, false}, m};
   TextSink o(out);
   return decodeSchema(d, o);
+}
+
+int32_t learnSchemaMsg(uint8_t* msg, size_t length, encodingInfo* enc, ConvMgr* cm, SchemaNamesSink& names) {
+  QMsg m(msg, length, nullptr, enc, cm);
+  Decode d{{"", false, false}, m};
+  return decodeSchema(d, names);
 }
 
 int32_t processTransMsg(uint8_t* msg, size_t length, FILE* out, encodingInfo* enc, ConvMgr* cm,

@@ -12,6 +12,7 @@ inline constexpr int32_t kRcUnknownType = static_cast<int32_t>(0xFFFFFFFF);
 inline constexpr int32_t kRcBadSchemaVersion = 2140;
 
 struct QMsg;
+class SchemaNamesSink;
 
 // How a run prints: the queue named in the unknown-type lines, the transaction lines without
 // their log position and time, the transactions without their rows.
@@ -42,6 +43,10 @@ void printBanner(FILE* out, int32_t number, size_t length, bool sizeLine);
 
 // Prints a subscription schema message and keeps a copy in the schema cache (type 1).
 int32_t processSchemaMsg(uint8_t* msg, size_t length, FILE* out, encodingInfo* enc, ConvMgr* cm);
+// Decodes a subscription schema message (type 1) into the schema cache as processSchemaMsg
+// does, the same failures reported, through the sink that keeps its names instead of a
+// rendering. The buffer is read-write (integers are swapped in place).
+int32_t learnSchemaMsg(uint8_t* msg, size_t length, encodingInfo* enc, ConvMgr* cm, SchemaNamesSink& names);
 // Prints a transaction message and its rows (type 128).
 int32_t processTransMsg(uint8_t* msg, size_t length, FILE* out, encodingInfo* enc, ConvMgr* cm,
                         bool noPosTime, bool headerOnly);

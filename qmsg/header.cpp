@@ -3,6 +3,7 @@
 
 #include "qmsg/compact.h"
 #include "qmsg/scan.h"
+#include "qmsg/schema.h"
 #include "qmsg/sink.h"
 #include "runtime/trace.h"
 
@@ -40,6 +41,8 @@ int32_t printHeader(QMsg& m, O& o, const char* step) {
 RPL_FOR_EACH_SINK(RPL_HEADER_PRINTERS)
 // The light pass of selection and counting reads the header's fields too.
 template int32_t printHeaderLines(QMsg&, ScanSink&, bool);
+// So does the pass that learns a subscription schema's names.
+template int32_t printHeader(QMsg&, SchemaNamesSink&, const char*);
 
 int32_t qMsgHeader::printLines(QMsg& m, bool ddlLine) {
   TextSink o(m.out);

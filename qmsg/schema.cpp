@@ -76,6 +76,7 @@ int32_t printColSchema(QMsg& m, O& o, size_t at, bool partKey) {
 
 #define RPL_COLUMN_PRINTER(O) template int32_t printColSchema(QMsg&, O&, size_t, bool);
 RPL_FOR_EACH_SINK(RPL_COLUMN_PRINTER)
+RPL_COLUMN_PRINTER(SchemaNamesSink)
 
 int32_t printColSchema(QMsg& m, size_t at, bool partKey) {
   TextSink o(m.out);
@@ -345,3 +346,5 @@ int32_t printSubSchemaMsg(QMsg& m, O& o) {
 
 #define RPL_SCHEMA_PRINTER(O) template int32_t printSubSchemaMsg(QMsg&, O&);
 RPL_FOR_EACH_SINK(RPL_SCHEMA_PRINTER)
+// The schema's names alone, learnt on the way by the tools that select by subscription.
+RPL_SCHEMA_PRINTER(SchemaNamesSink)

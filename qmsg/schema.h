@@ -7,6 +7,10 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <type_traits>
 
 #include "qmsg/msg.h"
 #include "qmsg/names.h"
@@ -41,3 +45,65 @@ template <class O>
 int32_t printColSchema(QMsg& m, O& o, size_t at, bool partKey);
 // The same in text, to the message's stream.
 int32_t printColSchema(QMsg& m, size_t at, bool partKey);
+
+// The field sink that learns who a subscription schema message (type 1) names: its sub_id,
+// subname and source table's owner and name, kept as the JSON rendering writes them (the texts
+// converted to the run's output code page, nothing trimmed). Every other field is dropped
+// unformatted, so decoding a schema into the cache costs no rendering:
+//
+//   SchemaNamesSink names;
+//   if (learnSchemaMsg(copy, length, &enc, &cm, names) == 0 && names.hasSubId) ...
+class SchemaNamesSink {
+ public:
+  static constexpr bool kJson = true;
+  FILE* out() const { return nullptr; }
+
+  template <typename... A>
+  void text(const char*, A...) {}
+  template <typename T>
+  void field(const char* key, const T& v, const char*) {
+    keep(key, v);
+  }
+  template <typename V, typename... A>
+  void show(const char* key, const V& v, const char*, A...) {
+    keep(key, v);
+  }
+  template <typename V>
+  void hidden(const char* key, const V& v) {
+    keep(key, v);
+  }
+  void chars(const char*, const ConvText&, const char*, const char* = "\n") {}
+  void beginList(const char*) { ++depth_; }
+  void endList() { --depth_; }
+  void beginItem() { ++depth_; }
+  void endItem() { --depth_; }
+  void beginGroup(const char*) { ++depth_; }
+  void endGroup() { --depth_; }
+
+  bool hasSubId = false;
+  int32_t subId = 0;      // as "sub_id" reads
+  std::string subname;    // "subname"
+  std::string srcOwner;   // "src_owner"
+  std::string srcName;    // "src_name"
+
+ private:
+  template <typename T>
+  void keep(const char* key, const T& v) {
+    // Fields of the columns, partitioning keys and transaction context lie deeper.
+    if (depth_ != 0 || key == nullptr) return;
+    if constexpr (std::is_same_v<T, ConvText>) {
+      std::string* to = std::strcmp(key, "subname") == 0     ? &subname
+                        : std::strcmp(key, "src_owner") == 0 ? &srcOwner
+                        : std::strcmp(key, "src_name") == 0  ? &srcName
+                                                             : nullptr;
+      if (to != nullptr) to->assign(v.data(), static_cast<size_t>(v.size()));
+    } else if constexpr (std::is_same_v<T, int32_t>) {
+      if (std::strcmp(key, "sub_id") == 0) {
+        subId = v;
+        hasSubId = true;
+      }
+    }
+  }
+
+  int depth_ = 0;
+};

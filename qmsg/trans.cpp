@@ -10,6 +10,7 @@
 #include "qmsg/header.h"
 #include "qmsg/row.h"
 #include "qmsg/scan.h"
+#include "qmsg/schema.h"
 #include "qmsg/sink.h"
 #include "qmsg/trans.h"
 #include "runtime/trace.h"
@@ -99,6 +100,7 @@ int32_t printGenericTransInfo(QMsg& m, O& o, size_t at) {
 
 template int32_t printGenericTransInfo(QMsg&, TextSink&, size_t);
 template int32_t printGenericTransInfo(QMsg&, JsonSink&, size_t);
+template int32_t printGenericTransInfo(QMsg&, SchemaNamesSink&, size_t);
 
 int32_t printGenericTransInfo(QMsg& m, size_t at) {
   TextSink o(m.out);

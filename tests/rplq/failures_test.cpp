@@ -14,49 +14,18 @@
 #include <string>
 #include <vector>
 
+#include "tests/rplq/programs.h"
 #include "tools/gen/encode_data.h"
 
 namespace {
 
 using nlohmann::json;
 
-struct Sender {
-  ByteOrder order;
-  int32_t ccsid;
-  const char* queue;
-};
-constexpr Sender kSenders[] = {
-    {ByteOrder::Little, 1208, "LE"},
-    {ByteOrder::Big, 1208, "BE"},
-    {ByteOrder::Big, 37, "EB"},
-};
-
-struct Ran {
-  int status = -1;  // exit status, or -1 when the program did not exit by itself
-  std::string out, err;
-};
-
-// Runs a command line of the programs with the test's queue managers; standard output and
-// error are kept.
-Ran run(const std::string& dir, const std::string& command) {
-  const std::string errFile = dir + "/stderr";
-  const std::string line = "KX_DATA_PATH='" + dir + "/kx' TZ=UTC " + command + " 2>'" + errFile + "'";
-  Ran r;
-  FILE* p = popen(line.c_str(), "r");
-  if (p == nullptr) return r;
-  char buf[65536];
-  size_t n = 0;
-  while ((n = std::fread(buf, 1, sizeof buf, p)) > 0) r.out.append(buf, n);
-  const int status = pclose(p);
-  r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  std::ifstream err(errFile);
-  std::stringstream text;
-  text << err.rdbuf();
-  r.err = text.str();
-  return r;
-}
-
-std::string bin(const char* program) { return std::string(RPLQ_BIN_DIR) + "/" + program; }
+using rplqtest::bin;
+using rplqtest::kSenders;
+using rplqtest::Ran;
+using rplqtest::run;
+using rplqtest::Sender;
 
 // The columns of the orders table: every value form whose reading can fail.
 SchemaMsgDef ordersSchema(uint32_t subId, int32_t textCcsid) {

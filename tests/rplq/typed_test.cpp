@@ -169,24 +169,38 @@ TEST(RplqTyped, WhereForms) {
   }
 }
 
-TEST(RplqTyped, SubscriptionsFromSchemaText) {
+TEST(RplqTyped, SubscriptionsByNameAndTable) {
   rplq::SubDirectory dir;
-  dir.learnFromSchemaText("schema.subname:   ORDERS0001\nschema.sub_id:    1\n"
-                          "schema.src_owner schema.src_name:  SHOP.ORDERS\n");
-  dir.learnFromSchemaText("schema.subname:   ITEMS\nschema.sub_id:    2\n"
-                          "schema.src_owner schema.src_name:  SHOP.ITEMS\n");
-  dir.learnFromSchemaText("schema.subname:   ORDERS_EU\nschema.sub_id:    3\n"
-                          "schema.src_owner schema.src_name:  SHOP.ORDERS\n");
-  dir.learnFromSchemaText("no schema lines at all\n");
-  ASSERT_EQ(dir.size(), 3u);
-  EXPECT_EQ(dir.idsNamed("orders0001"), (std::set<int64_t>{1}));
-  EXPECT_EQ(dir.idsOfTable("shop.orders"), (std::set<int64_t>{1, 3}));
-  EXPECT_TRUE(dir.idsOfTable("SHOP").empty());
-  // A later schema of the same subscription replaces its names.
-  dir.learnFromSchemaText("schema.subname:   ITEMS2\nschema.sub_id:    2\n"
-                          "schema.src_owner schema.src_name:  SHOP.ITEMS2\n");
+  dir.learn(1, "ORDERS0001", "SHOP", "ORDERS");
+  dir.learn(2, "ITEMS", "SHOP", "ITEMS");
+  dir.learn(3, "ORDERS_EU", "SHOP", "ORDERS");
+  dir.learn(4, "  PADDED  ", "SHOP  ", "  ORDERS ");
+  dir.learn(5, "Bestellungen\xc3\x84", "Lager", "Kunden.\xc3\x96st");  // UTF-8: Ä, Ö
+  dir.learn(-7, "HIGH BIT", "A", "B");
+  struct Row {
+    const char* what;
+    bool byTable;
+    const char* text;
+    std::set<int64_t> ids;
+  } rows[] = {
+      {"name, case ignored", false, "orders0001", {1}},
+      {"name padded in the schema", false, "PADDED", {4}},
+      {"name padded on the command line", false, " ITEMS ", {2}},
+      {"name folded beyond ASCII", false, "BESTELLUNGEN\xc3\xa4", {5}},
+      {"name with a blank inside", false, "high bit", {-7}},
+      {"part of a name", false, "ORDERS", {}},
+      {"table of two subscriptions and a padded one", true, "shop.orders", {1, 3, 4}},
+      {"table with a dot in its name, folded", true, "LAGER.KUNDEN.\xc3\xb6ST", {5}},
+      {"owner alone", true, "SHOP", {}},
+  };
+  for (const Row& r : rows)
+    EXPECT_EQ(r.byTable ? dir.idsOfTable(r.text) : dir.idsNamed(r.text), r.ids) << r.what;
+  // A later schema of the same subscription replaces its names; the table shows them as given.
+  dir.learn(2, "ITEMS2", "SHOP", "ITEMS2");
   ASSERT_NE(dir.find(2), nullptr);
   EXPECT_EQ(dir.find(2)->table, "SHOP.ITEMS2");
+  EXPECT_EQ(dir.find(4)->table, "SHOP  .  ORDERS ");
+  EXPECT_EQ(rplq::tableCell("TWO\nLINES\t"), "TWO?LINES?");
 }
 
 TEST(RplqTyped, SummaryBySubscription) {
@@ -199,8 +213,7 @@ TEST(RplqTyped, SummaryBySubscription) {
   summary.add(json::parse(R"({"msgtype_code": 3})"));  // no rows: not counted
 
   rplq::SubDirectory dir;
-  dir.learnFromSchemaText("schema.subname:   S1\nschema.sub_id:    1\n"
-                          "schema.src_owner schema.src_name:  A.B\n");
+  dir.learn(1, "S1", "A", "B");
   char* text = nullptr;
   size_t size = 0;
   FILE* out = open_memstream(&text, &size);

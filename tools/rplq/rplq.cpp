@@ -31,6 +31,7 @@
 #include "qmsg/compact.h"
 #include "qmsg/header.h"
 #include "qmsg/scan.h"
+#include "qmsg/schema.h"
 #include "runtime/catalog.h"
 #include "runtime/conv.h"
 #include "runtime/trace.h"
@@ -668,14 +669,9 @@ void Run::learnSchema(const KXMD& md, const uint8_t* data, size_t length) {
   ++schemaChanges_;
   encodingInfo enc;
   uint8_t* copy = workCopy(md, data, length, enc);
-  char* text = nullptr;
-  size_t size = 0;
-  FILE* mem = open_memstream(&text, &size);
-  if (mem == nullptr) return;
-  int32_t rc = processSchemaMsg(copy, length, mem, &enc, &printer_.converters());
-  std::fclose(mem);
-  if (rc == 0) directory_.learnFromSchemaText(std::string(text, size));
-  std::free(text);
+  SchemaNamesSink names;
+  const int32_t rc = learnSchemaMsg(copy, length, &enc, &printer_.converters(), names);
+  if (rc == 0 && names.hasSubId) directory_.learn(names.subId, names.subname, names.srcOwner, names.srcName);
   std::string why = reports_.take();
   if (rc != 0)
     say("message %lld: subscription schema not readable, rows of its subscription print "

@@ -2,6 +2,8 @@
 #include "tools/rplq/typed.h"
 
 #include <strings.h>
+#include <unicode/uchar.h>
+#include <unicode/unistr.h>
 
 #include <cctype>
 #include <charconv>
@@ -30,6 +32,18 @@ bool sameText(const std::string& a, const std::string& b) {
   return a.size() == b.size() && strcasecmp(a.c_str(), b.c_str()) == 0;
 }
 
+// Two names (UTF-8) equal with case folded: ASCII directly, any other script through ICU.
+bool sameName(const std::string& a, const std::string& b) {
+  if (sameText(a, b)) return true;
+  auto ascii = [](const std::string& s) {
+    for (unsigned char c : s)
+      if (c >= 0x80) return false;
+    return true;
+  };
+  if (ascii(a) && ascii(b)) return false;
+  return icu::UnicodeString::fromUTF8(a).caseCompare(icu::UnicodeString::fromUTF8(b), U_FOLD_CASE_DEFAULT) == 0;
+}
+
 // The before and after value sets of a row: objects under keys ending in "before" or "after".
 template <typename F>
 void forEachValueSet(const json& row, F&& f) {
@@ -56,24 +70,9 @@ std::string stringMember(const json& j, const char* key) {
 
 }  // namespace
 
-void SubDirectory::learnFromSchemaText(const std::string& text) {
-  std::istringstream lines(text);
-  std::string line;
-  int64_t id = -1;
-  SubInfo info;
-  auto valueAfter = [&](const std::string& l, const char* label) -> std::string {
-    return trimBlanks(l.substr(std::strlen(label)));
-  };
-  while (std::getline(lines, line)) {
-    if (line.rfind("schema.subname:", 0) == 0) {
-      info.name = valueAfter(line, "schema.subname:");
-    } else if (line.rfind("schema.sub_id:", 0) == 0) {
-      id = std::strtoll(valueAfter(line, "schema.sub_id:").c_str(), nullptr, 10);
-    } else if (line.rfind("schema.src_owner schema.src_name:", 0) == 0) {
-      info.table = valueAfter(line, "schema.src_owner schema.src_name:");
-    }
-  }
-  if (id >= 0) subs_[id] = info;
+void SubDirectory::learn(int64_t subId, const std::string& name, const std::string& owner,
+                         const std::string& tableName) {
+  subs_[subId] = SubInfo{name, owner, owner + "." + tableName};
 }
 
 const SubInfo* SubDirectory::find(int64_t subId) const {
@@ -82,17 +81,29 @@ const SubInfo* SubDirectory::find(int64_t subId) const {
 }
 
 std::set<int64_t> SubDirectory::idsNamed(const std::string& subName) const {
+  const std::string want = trimBlanks(subName);
   std::set<int64_t> ids;
   for (const auto& [id, info] : subs_)
-    if (sameText(info.name, subName)) ids.insert(id);
+    if (sameName(trimBlanks(info.name), want)) ids.insert(id);
   return ids;
 }
 
 std::set<int64_t> SubDirectory::idsOfTable(const std::string& table) const {
+  const std::string want = trimBlanks(table);
   std::set<int64_t> ids;
-  for (const auto& [id, info] : subs_)
-    if (sameText(info.table, table)) ids.insert(id);
+  for (const auto& [id, info] : subs_) {
+    // The table name is what follows the owner and its dot (a dot in either stays in place).
+    const std::string name = info.table.substr(info.owner.size() + 1);
+    if (sameName(trimBlanks(info.owner) + "." + trimBlanks(name), want)) ids.insert(id);
+  }
   return ids;
+}
+
+std::string tableCell(const std::string& text) {
+  std::string cell = text;
+  for (char& c : cell)
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '?';
+  return cell;
 }
 
 bool parseWhere(const std::string& text, std::string& column, std::string& value) {
@@ -368,8 +379,8 @@ void SubSummary::writeTable(FILE* out, const SubDirectory& dir) const {
     const SubInfo* info = dir.find(id);
     std::fprintf(out, "%-8" PRId64 " %-18s %-24s %12" PRIu64 " %10" PRIu64 " %10" PRIu64
                       " %10" PRIu64 " %8" PRIu64 "\n",
-                 id, info != nullptr ? info->name.c_str() : "?",
-                 info != nullptr ? info->table.c_str() : "?", t.transactions, t.inserts,
+                 id, info != nullptr ? tableCell(info->name).c_str() : "?",
+                 info != nullptr ? tableCell(info->table).c_str() : "?", t.transactions, t.inserts,
                  t.updates, t.deletes, t.others);
   }
   for (const auto& [id, t] : subs_) {

@@ -18,20 +18,24 @@
 
 namespace rplq {
 
-// A subscription as its schema message names it.
+// A subscription as its schema message names it, each text as the JSON rendering of the
+// schema gives it (nothing trimmed).
 struct SubInfo {
   std::string name;   // "ORDERS0001"
-  std::string table;  // "SHOP.ORDERS"
+  std::string owner;  // "SHOP"
+  std::string table;  // the source table as owner.name: "SHOP.ORDERS"
 };
 
 // The subscriptions whose schemas were met so far, by subscription id.
 class SubDirectory {
  public:
-  // Learns a subscription from the text rendering of its schema message (the lines
-  // "schema.subname:", "schema.sub_id:" and "schema.src_owner schema.src_name:").
-  void learnFromSchemaText(const std::string& text);
+  // Learns (or, for a later schema of the same subscription, replaces) a subscription's names.
+  void learn(int64_t subId, const std::string& name, const std::string& owner, const std::string& tableName);
   const SubInfo* find(int64_t subId) const;
-  // The ids of the subscriptions named `subName` (case ignored), or of table `table`.
+  // The ids of the subscriptions named `subName`, or of source table `table` (OWNER.NAME). Case
+  // is ignored (in every script ICU folds), and so are blanks at the ends of the name, of the
+  // owner and of the table name, on either side: `--sub ORDERS` finds a subscription whose
+  // schema pads its name as "ORDERS  ".
   std::set<int64_t> idsNamed(const std::string& subName) const;
   std::set<int64_t> idsOfTable(const std::string& table) const;
   size_t size() const { return subs_.size(); }
@@ -39,6 +43,10 @@ class SubDirectory {
  private:
   std::map<int64_t, SubInfo> subs_;
 };
+
+// A subscription's name or table as the summary's table shows it: control characters (a line
+// end in a name) as '?', so that each subscription keeps its one line.
+std::string tableCell(const std::string& text);
 
 // --where COL=VALUE: false when there is no '=' or no column name.
 bool parseWhere(const std::string& text, std::string& column, std::string& value);
