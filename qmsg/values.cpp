@@ -233,8 +233,31 @@ bool decfloatForm(const uint8_t* p, size_t n, Out& out) {
 bool decfloatText(const uint8_t* p, size_t n, std::string& out) { return decfloatForm(p, n, out); }
 
 size_t decfloatChars(const uint8_t* p, size_t n, char* out) {
+  if (n != 8 && n != 16) return 0;
+  // Recently printed values are kept by their bytes, as the DOUBLE forms are: a column often
+  // repeats a value, and unpacking the declets is the dearest step of its print.
+  struct Memo {
+    uint8_t bytes[16];
+    uint8_t n = 0;  // 0: unused
+    uint8_t length = 0;
+    char text[kDecfloatRoom];
+  };
+  thread_local Memo memos[64];
+  uint64_t hi = 0, lo = 0;
+  std::memcpy(&hi, p, 8);
+  if (n == 16) std::memcpy(&lo, p + 8, 8);
+  Memo& memo = memos[(((hi ^ (lo * 0x9E3779B97F4A7C15ull)) + n) * 0x9E3779B97F4A7C15ull) >> 58];
+  if (memo.n == n && std::memcmp(memo.bytes, p, n) == 0) {
+    std::memcpy(out, memo.text, memo.length);
+    return memo.length;
+  }
   CharOut o(out);
-  return decfloatForm(p, n, o) ? o.size() : 0;
+  decfloatForm(p, n, o);
+  memo.n = static_cast<uint8_t>(n);
+  std::memcpy(memo.bytes, p, n);
+  memo.length = static_cast<uint8_t>(o.size());
+  std::memcpy(memo.text, out, o.size());
+  return o.size();
 }
 
 namespace {
@@ -402,7 +425,7 @@ namespace {
 
 template <class V>
 int32_t columnValue(QMsg& m, V& out, const ColumnInfo& col, const uint8_t* p, size_t len, const char* step) {
-  RPL_TRACE(kCompPrinters, 31);
+  RPL_TRACE(kCompPrinters, kFnColumnValue);
   if (len == 0 || p == nullptr) {
     out.null();
     return 0;
@@ -527,6 +550,33 @@ int32_t columnValue(QMsg& m, V& out, const ColumnInfo& col, const uint8_t* p, si
 }
 
 }  // namespace
+
+ValueForm valueForm(const QMsg& m, const ColumnInfo& col) {
+  // Characters are printed as they stand when printText would not convert them.
+  const int32_t src = m.converting() ? (col.codePage == -1 ? m.enc->msgCcsid : col.codePage) : 0;
+  const bool asIs = !m.converting() || ConvMgr::ckcpcv(src, m.enc->outCcsid, m.enc->flags) != kRcConvNeeded;
+  // UTF-16 to UTF-8 output: convertText's own conversion without ICU.
+  const bool utf16 = !asIs && (src == kCcsidUtf16 || src == kCcsidUtf16Alt) && m.enc->outCcsid == kCcsidUtf8;
+  switch (col.type & ~1u) {
+    case kColSmallint: return ValueForm::Int16;
+    case kColInteger: return ValueForm::Int32;
+    case kColBigint: return ValueForm::Int64;
+    case kColDouble: return ValueForm::Real;
+    case kColDate:
+    case kColTime:
+    case kColTimestamp:
+    case kColTimestampTz:
+    case kColCString:
+    case kColChar: return asIs ? ValueForm::Text : ValueForm::General;
+    case kColVarchar:
+    case kColLongVarchar: return asIs ? ValueForm::VarText : ValueForm::General;
+    case kColBoolean: return ValueForm::Boolean;
+    case kColGraphic: return utf16 ? ValueForm::Graphic : ValueForm::General;
+    case kColVargraphic:
+    case kColLongVargraphic: return utf16 ? ValueForm::VarGraphic : ValueForm::General;
+    default: return ValueForm::General;
+  }
+}
 
 void JsonValue::real(double d, bool single) {
   // Enough digits to read back as the same value ("%.9g" for a REAL, "%.17g" for a DOUBLE),
