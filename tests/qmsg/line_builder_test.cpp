@@ -213,11 +213,13 @@ TEST(NumberForms, BufferFormsAreTheStringForms) {
       ASSERT_EQ(std::string(room.data(), k), text);
     }
   }
+  // DECFLOAT texts are kept by their bytes: the same bytes asked again, and the 8-byte value
+  // that begins a 16-byte one, each get their own text.
   char d[kDecfloatRoom];
   for (int i = 0; i < 20000; ++i) {
     uint8_t be[16];
     for (uint8_t& b : be) b = static_cast<uint8_t>(rng());
-    for (size_t n : {8u, 16u}) {
+    for (size_t n : {8u, 16u, 8u, 16u}) {
       std::string text;
       ASSERT_TRUE(decfloatText(be, n, text));
       ASSERT_EQ(std::string(d, decfloatChars(be, n, d)), text);
