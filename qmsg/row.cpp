@@ -462,16 +462,36 @@ int32_t printColSet(QMsg& m, O& o, const MsgReader& row, size_t at, SchemaColumn
   const bool direct = !(traceLevel(kCompPrinters, kFnColumnValue) & kTraceFlow);
   const bool swap = m.swap();
   const bool lowFirst = m.converting() && (m.enc->flags & kEncLowByteFirst) != 0;
+  // The schema's kept columns through locals, as the JSON form keeps them.
+  const RenderedColumn* kept = nullptr;
+  size_t nKept = 0;
+  auto keep = [&] {
+    if (schema != nullptr && schema->rendered != nullptr) {
+      kept = schema->rendered->columns.data();
+      nKept = schema->rendered->columns.size();
+    }
+  };
+  keep();
+  const size_t firstColumn = schema == nullptr || key ? 0 : schema->nColsInKey;
   for (size_t i = 0; i < nCols; ++i) {
     const Slot& c = slot[i];
     ColumnInfo col;
     ValueForm form = ValueForm::General;
     if (schema != nullptr) {
       // The descriptor lines and the value's label.
-      rc = schema->describe((key ? 0 : schema->nColsInKey) + i, col, form, e);
-      if (rc != 0) {
-        reportFailure(kSetStep, "qSchemaCol::printMe", rc, "Cannot print column schema");
-        return rplTrace_.ret(rc);
+      const size_t index = firstColumn + i;
+      if (index < nKept && kept[index].ready) {
+        const RenderedColumn& r = kept[index];
+        e.raw(r.lines.data(), r.lines.size());
+        col = r.info;
+        form = r.form;
+      } else {
+        rc = schema->describe(index, col, form, e);
+        if (rc != 0) {
+          reportFailure(kSetStep, "qSchemaCol::printMe", rc, "Cannot print column schema");
+          return rplTrace_.ret(rc);
+        }
+        keep();
       }
     } else {
       e.lit(kValueLabel);
@@ -633,7 +653,7 @@ int32_t printTransRow(QMsg& m, O& o, size_t at, uint16_t version) {
     e.lit("rowheader.operation:   ");
     view(viewOf(kRowOperationViews, operation, "Unexpected")).ch('\n');
     if (version >= 2) {
-      e.lit("rowheader.intentseq:   ").str(intent).ch('\n');
+      e.lit("rowheader.intentseq:   ").raw(intent, intentLength).ch('\n');
       if (encodeVer > 3) e.lit("rowheader.partitionNo: ").num(partitionNo).ch('\n');  // "%d"
     }
     if ((operation & kOpLobBit) && (operation & kOpXmlBit))

@@ -275,22 +275,25 @@ constexpr size_t kDoubleMemos = 64;
 
 }  // namespace
 
-size_t doubleChars(double v, bool single, char* s) {
+std::string_view doubleView(double v, bool single) {
   thread_local DoubleMemo memos[kDoubleMemos];
   uint64_t bits = 0;
   std::memcpy(&bits, &v, sizeof bits);
   DoubleMemo& memo = memos[((bits ^ single) * 0x9E3779B97F4A7C15ull) >> 58];
-  if (memo.used && memo.bits == bits && memo.single == single) {
-    std::memcpy(s, memo.text, memo.length + size_t{1});
-    return memo.length;
+  if (!memo.used || memo.bits != bits || memo.single != single) {
+    memo.length = static_cast<uint8_t>(doubleCharsExact(v, single, memo.text));
+    memo.bits = bits;
+    memo.single = single;
+    memo.used = true;
   }
-  const size_t n = doubleCharsExact(v, single, s);
-  memo.bits = bits;
-  memo.single = single;
-  memo.used = true;
-  memo.length = static_cast<uint8_t>(n);
-  std::memcpy(memo.text, s, n + 1);
-  return n;
+  return std::string_view(memo.text, memo.length);
+}
+
+size_t doubleChars(double v, bool single, char* s) {
+  const std::string_view text = doubleView(v, single);
+  std::memcpy(s, text.data(), text.size());
+  s[text.size()] = '\0';
+  return text.size();
 }
 
 size_t doubleCharsExact(double v, bool single, char* s) {
@@ -391,8 +394,8 @@ struct TextValue {
   void null() { e.lit("NULL"); }
   void integer(int64_t v) { e.num(v); }  // "%hd", "%d", PRId64
   void real(double d, bool single) {
-    char s[kDoubleTextRoom];
-    e.raw(s, doubleChars(d, single, s));
+    const std::string_view text = doubleView(d, single);
+    e.raw(text.data(), text.size());
   }
   void digits(const char* p, size_t n) { e.raw(p, n); }  // "%s": digits, no zero byte
   void text(const char* p, int n) { e.text(p, n); }

@@ -110,6 +110,8 @@ std::string doubleText(double v, bool single);
 inline constexpr size_t kDoubleTextRoom = 48;
 // Recently printed values are kept by their bits, per thread, and copied from there.
 size_t doubleChars(double v, bool single, char* s);
+// The kept text itself, valid until the next call on the thread.
+std::string_view doubleView(double v, bool single);
 // The same, always converted.
 size_t doubleCharsExact(double v, bool single, char* s);
 
@@ -154,20 +156,21 @@ inline bool printValueAsForm(Emit& e, ValueForm form, bool swap, bool lowFirst, 
       e.num(load<int64_t>(p, swap));
       return true;
     case ValueForm::Real: {
-      char s[kDoubleTextRoom];
+      std::string_view text;
       if (len == 4) {
         const uint32_t bits = load<uint32_t>(p, swap);
         float f;
         std::memcpy(&f, &bits, 4);
-        e.raw(s, doubleChars(f, true, s));
+        text = doubleView(f, true);
       } else if (len >= 8) {
         const uint64_t bits = load<uint64_t>(p, swap);
         double d;
         std::memcpy(&d, &bits, 8);
-        e.raw(s, doubleChars(d, false, s));
+        text = doubleView(d, false);
       } else {
         return false;
       }
+      e.raw(text.data(), text.size());
       return true;
     }
     case ValueForm::Text:
