@@ -11,16 +11,39 @@ std::string formatPos10(const uint8_t* p) {
   return s;
 }
 
+namespace {
+
+// Two hex digits per byte value, upper case (the bytes) and lower case (the row offset, the
+// hex-pair positions).
+struct HexPairs {
+  char upper[256][2];
+  char lower[256][2];
+  char shown[256];  // the character column: printable ASCII as itself, anything else "."
+  constexpr HexPairs() : upper{}, lower{}, shown{} {
+    const char* u = "0123456789ABCDEF";
+    const char* l = "0123456789abcdef";
+    for (int i = 0; i < 256; ++i) {
+      upper[i][0] = u[i >> 4];
+      upper[i][1] = u[i & 15];
+      lower[i][0] = l[i >> 4];
+      lower[i][1] = l[i & 15];
+      shown[i] = (i >= 0x20 && i < 0x7f) ? static_cast<char>(i) : '.';
+    }
+  }
+};
+constexpr HexPairs kPairs;
+
+}  // namespace
+
 size_t hexPairChars(const uint8_t* p, size_t len, char* s) {
-  static const char kHex[] = "0123456789abcdef";
   size_t n = 0;
   for (size_t i = 0; i < len; i += 2) {
     if (i > 0) s[n++] = ':';
-    s[n++] = kHex[p[i] >> 4];
-    s[n++] = kHex[p[i] & 15];
+    std::memcpy(s + n, kPairs.lower[p[i]], 2);
+    n += 2;
     if (i + 1 < len) {
-      s[n++] = kHex[p[i + 1] >> 4];
-      s[n++] = kHex[p[i + 1] & 15];
+      std::memcpy(s + n, kPairs.lower[p[i + 1]], 2);
+      n += 2;
     }
   }
   return n;
@@ -137,29 +160,6 @@ std::string formatLocal(uint32_t seconds, int32_t micros) {
   localtime_r(&t, &tm);
   return formatTime(tm, micros, micros >= 1);
 }
-
-namespace {
-
-// Two hex digits per byte value, upper case (the bytes) and lower case (the row offset).
-struct HexPairs {
-  char upper[256][2];
-  char lower[256][2];
-  char shown[256];  // the character column: printable ASCII as itself, anything else "."
-  constexpr HexPairs() : upper{}, lower{}, shown{} {
-    const char* u = "0123456789ABCDEF";
-    const char* l = "0123456789abcdef";
-    for (int i = 0; i < 256; ++i) {
-      upper[i][0] = u[i >> 4];
-      upper[i][1] = u[i & 15];
-      lower[i][0] = l[i >> 4];
-      lower[i][1] = l[i & 15];
-      shown[i] = (i >= 0x20 && i < 0x7f) ? static_cast<char>(i) : '.';
-    }
-  }
-};
-constexpr HexPairs kPairs;
-
-}  // namespace
 
 size_t hexRow(char* q, const uint8_t* bytes, size_t n, bool showAddress, size_t offset) {
   constexpr size_t kRow = 20;

@@ -152,6 +152,7 @@ bool quietFix32(MsgReader& r, size_t at) { return r.has(at, 4) && r.fix32(at, ""
 // them, and written as they stand.
 struct RenderedColumn {
   bool ready = false;
+  ValueForm form = ValueForm::General;
   std::string lines;
   ColumnInfo info;
 };
@@ -214,7 +215,9 @@ struct SchemaColumns {
   // label when it succeeds, and returns what the value printer needs: from the rendered lines
   // when they are there, else printed into a memory stream and kept (a failure is written and
   // reported as the plain print does, and not kept).
-  int32_t describe(size_t index, ColumnInfo& col, Emit& e) {
+  // `form` is how its values are printed (General when it is not kept).
+  int32_t describe(size_t index, ColumnInfo& col, ValueForm& form, Emit& e) {
+    form = ValueForm::General;
     if (rendered == nullptr) {
       int32_t rc = describePlain(index, col);
       if (rc == 0) e.lit(kValueLabel);
@@ -224,6 +227,7 @@ struct SchemaColumns {
       const RenderedColumn& c = rendered->columns[index];
       e.raw(c.lines.data(), c.lines.size());
       col = c.info;
+      form = c.form;
       return 0;
     }
     char* text = nullptr;
@@ -248,6 +252,7 @@ struct SchemaColumns {
       c.lines.assign(text, size);
       c.lines += kValueLabel;
       c.info = col;
+      c.form = isLobType(col.type) ? ValueForm::General : valueForm(msg, col);
       c.ready = true;
     }
     std::free(text);
@@ -452,16 +457,41 @@ int32_t printColSet(QMsg& m, O& o, const MsgReader& row, size_t at, SchemaColumn
     return rplTrace_.ret(0);
   }
   // The text: each value is printed from the set where it lies (its readers copy what they
-  // read, so no aligned copy is needed).
+  // read, so no aligned copy is needed). Values of the commonest forms are printed here, unless
+  // the value printer's entries and exits are traced.
+  const bool direct = !(traceLevel(kCompPrinters, kFnColumnValue) & kTraceFlow);
+  const bool swap = m.swap();
+  const bool lowFirst = m.converting() && (m.enc->flags & kEncLowByteFirst) != 0;
+  // The schema's kept columns through locals, as the JSON form keeps them.
+  const RenderedColumn* kept = nullptr;
+  size_t nKept = 0;
+  auto keep = [&] {
+    if (schema != nullptr && schema->rendered != nullptr) {
+      kept = schema->rendered->columns.data();
+      nKept = schema->rendered->columns.size();
+    }
+  };
+  keep();
+  const size_t firstColumn = schema == nullptr || key ? 0 : schema->nColsInKey;
   for (size_t i = 0; i < nCols; ++i) {
     const Slot& c = slot[i];
     ColumnInfo col;
+    ValueForm form = ValueForm::General;
     if (schema != nullptr) {
       // The descriptor lines and the value's label.
-      rc = schema->describe((key ? 0 : schema->nColsInKey) + i, col, e);
-      if (rc != 0) {
-        reportFailure(kSetStep, "qSchemaCol::printMe", rc, "Cannot print column schema");
-        return rplTrace_.ret(rc);
+      const size_t index = firstColumn + i;
+      if (index < nKept && kept[index].ready) {
+        const RenderedColumn& r = kept[index];
+        e.raw(r.lines.data(), r.lines.size());
+        col = r.info;
+        form = r.form;
+      } else {
+        rc = schema->describe(index, col, form, e);
+        if (rc != 0) {
+          reportFailure(kSetStep, "qSchemaCol::printMe", rc, "Cannot print column schema");
+          return rplTrace_.ret(rc);
+        }
+        keep();
       }
     } else {
       e.lit(kValueLabel);
@@ -478,6 +508,10 @@ int32_t printColSet(QMsg& m, O& o, const MsgReader& row, size_t at, SchemaColumn
       e.lit("  length:    ").num(static_cast<int32_t>(c.size)).ch('\n');
       e.flush();
       dumpHex(c.size, p, m.out);
+      continue;
+    }
+    if (direct && form != ValueForm::General && printValueAsForm(e, form, swap, lowFirst, p, c.size)) {
+      e.ch('\n');
       continue;
     }
     if (isLobType(col.type)) {
@@ -619,7 +653,7 @@ int32_t printTransRow(QMsg& m, O& o, size_t at, uint16_t version) {
     e.lit("rowheader.operation:   ");
     view(viewOf(kRowOperationViews, operation, "Unexpected")).ch('\n');
     if (version >= 2) {
-      e.lit("rowheader.intentseq:   ").str(intent).ch('\n');
+      e.lit("rowheader.intentseq:   ").raw(intent, intentLength).ch('\n');
       if (encodeVer > 3) e.lit("rowheader.partitionNo: ").num(partitionNo).ch('\n');  // "%d"
     }
     if ((operation & kOpLobBit) && (operation & kOpXmlBit))

@@ -233,8 +233,31 @@ bool decfloatForm(const uint8_t* p, size_t n, Out& out) {
 bool decfloatText(const uint8_t* p, size_t n, std::string& out) { return decfloatForm(p, n, out); }
 
 size_t decfloatChars(const uint8_t* p, size_t n, char* out) {
+  if (n != 8 && n != 16) return 0;
+  // Recently printed values are kept by their bytes, as the DOUBLE forms are: a column often
+  // repeats a value, and unpacking the declets is the dearest step of its print.
+  struct Memo {
+    uint8_t bytes[16];
+    uint8_t n = 0;  // 0: unused
+    uint8_t length = 0;
+    char text[kDecfloatRoom];
+  };
+  thread_local Memo memos[64];
+  uint64_t hi = 0, lo = 0;
+  std::memcpy(&hi, p, 8);
+  if (n == 16) std::memcpy(&lo, p + 8, 8);
+  Memo& memo = memos[(((hi ^ (lo * 0x9E3779B97F4A7C15ull)) + n) * 0x9E3779B97F4A7C15ull) >> 58];
+  if (memo.n == n && std::memcmp(memo.bytes, p, n) == 0) {
+    std::memcpy(out, memo.text, memo.length);
+    return memo.length;
+  }
   CharOut o(out);
-  return decfloatForm(p, n, o) ? o.size() : 0;
+  decfloatForm(p, n, o);
+  memo.n = static_cast<uint8_t>(n);
+  std::memcpy(memo.bytes, p, n);
+  memo.length = static_cast<uint8_t>(o.size());
+  std::memcpy(memo.text, out, o.size());
+  return o.size();
 }
 
 namespace {
@@ -252,22 +275,25 @@ constexpr size_t kDoubleMemos = 64;
 
 }  // namespace
 
-size_t doubleChars(double v, bool single, char* s) {
+std::string_view doubleView(double v, bool single) {
   thread_local DoubleMemo memos[kDoubleMemos];
   uint64_t bits = 0;
   std::memcpy(&bits, &v, sizeof bits);
   DoubleMemo& memo = memos[((bits ^ single) * 0x9E3779B97F4A7C15ull) >> 58];
-  if (memo.used && memo.bits == bits && memo.single == single) {
-    std::memcpy(s, memo.text, memo.length + size_t{1});
-    return memo.length;
+  if (!memo.used || memo.bits != bits || memo.single != single) {
+    memo.length = static_cast<uint8_t>(doubleCharsExact(v, single, memo.text));
+    memo.bits = bits;
+    memo.single = single;
+    memo.used = true;
   }
-  const size_t n = doubleCharsExact(v, single, s);
-  memo.bits = bits;
-  memo.single = single;
-  memo.used = true;
-  memo.length = static_cast<uint8_t>(n);
-  std::memcpy(memo.text, s, n + 1);
-  return n;
+  return std::string_view(memo.text, memo.length);
+}
+
+size_t doubleChars(double v, bool single, char* s) {
+  const std::string_view text = doubleView(v, single);
+  std::memcpy(s, text.data(), text.size());
+  s[text.size()] = '\0';
+  return text.size();
 }
 
 size_t doubleCharsExact(double v, bool single, char* s) {
@@ -368,8 +394,8 @@ struct TextValue {
   void null() { e.lit("NULL"); }
   void integer(int64_t v) { e.num(v); }  // "%hd", "%d", PRId64
   void real(double d, bool single) {
-    char s[kDoubleTextRoom];
-    e.raw(s, doubleChars(d, single, s));
+    const std::string_view text = doubleView(d, single);
+    e.raw(text.data(), text.size());
   }
   void digits(const char* p, size_t n) { e.raw(p, n); }  // "%s": digits, no zero byte
   void text(const char* p, int n) { e.text(p, n); }
@@ -402,7 +428,7 @@ namespace {
 
 template <class V>
 int32_t columnValue(QMsg& m, V& out, const ColumnInfo& col, const uint8_t* p, size_t len, const char* step) {
-  RPL_TRACE(kCompPrinters, 31);
+  RPL_TRACE(kCompPrinters, kFnColumnValue);
   if (len == 0 || p == nullptr) {
     out.null();
     return 0;
@@ -527,6 +553,33 @@ int32_t columnValue(QMsg& m, V& out, const ColumnInfo& col, const uint8_t* p, si
 }
 
 }  // namespace
+
+ValueForm valueForm(const QMsg& m, const ColumnInfo& col) {
+  // Characters are printed as they stand when printText would not convert them.
+  const int32_t src = m.converting() ? (col.codePage == -1 ? m.enc->msgCcsid : col.codePage) : 0;
+  const bool asIs = !m.converting() || ConvMgr::ckcpcv(src, m.enc->outCcsid, m.enc->flags) != kRcConvNeeded;
+  // UTF-16 to UTF-8 output: convertText's own conversion without ICU.
+  const bool utf16 = !asIs && (src == kCcsidUtf16 || src == kCcsidUtf16Alt) && m.enc->outCcsid == kCcsidUtf8;
+  switch (col.type & ~1u) {
+    case kColSmallint: return ValueForm::Int16;
+    case kColInteger: return ValueForm::Int32;
+    case kColBigint: return ValueForm::Int64;
+    case kColDouble: return ValueForm::Real;
+    case kColDate:
+    case kColTime:
+    case kColTimestamp:
+    case kColTimestampTz:
+    case kColCString:
+    case kColChar: return asIs ? ValueForm::Text : ValueForm::General;
+    case kColVarchar:
+    case kColLongVarchar: return asIs ? ValueForm::VarText : ValueForm::General;
+    case kColBoolean: return ValueForm::Boolean;
+    case kColGraphic: return utf16 ? ValueForm::Graphic : ValueForm::General;
+    case kColVargraphic:
+    case kColLongVargraphic: return utf16 ? ValueForm::VarGraphic : ValueForm::General;
+    default: return ValueForm::General;
+  }
+}
 
 void JsonValue::real(double d, bool single) {
   // Enough digits to read back as the same value ("%.9g" for a REAL, "%.17g" for a DOUBLE),

@@ -3,9 +3,11 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <string_view>
 
+#include "qmsg/emit.h"
 #include "qmsg/json.h"
 #include "qmsg/msg.h"
 
@@ -25,6 +27,32 @@ int32_t printColumnValue(QMsg& m, const ColumnInfo& col, const uint8_t* p, size_
 class Emit;
 int32_t printColumnValue(QMsg& m, Emit& e, const ColumnInfo& col, const uint8_t* p, size_t len,
                          const char* step);
+
+// The value printer's function number in traces.
+inline constexpr int kFnColumnValue = 31;
+
+// How a column's values are printed, chosen once for a cached schema's column and the
+// message's code pages: the commonest types are printed straight from the set, anything else
+// (and any value those cannot take as it stands) by printColumnValue.
+enum class ValueForm : uint8_t {
+  General,
+  Int16,    // SMALLINT
+  Int32,    // INTEGER
+  Int64,    // BIGINT
+  Real,     // DOUBLE: 4 bytes single precision, else 8
+  Text,     // DATE, TIME, TIMESTAMP (with time zone), CSTR, CHAR needing no conversion
+  VarText,  // VARCHAR, LONG VARCHAR needing no conversion: a u16 count, then the characters
+  Boolean,
+  Graphic,     // GRAPHIC from UTF-16 to UTF-8 output: the characters of an even length
+  VarGraphic,  // VARGRAPHIC, LONG VARGRAPHIC from UTF-16 to UTF-8: a u16 count of characters
+};
+ValueForm valueForm(const QMsg& m, const ColumnInfo& col);
+
+// Prints a value of `form` (not General) of `len` bytes at p, integers in the sender's order
+// (`swap`: not the machine's), UTF-16 low byte first when `lowFirst`, exactly as
+// printColumnValue prints it, and returns true; false, with nothing written, when the value is
+// empty (NULL) or not well formed for its form: the general printer prints or reports it then.
+inline bool printValueAsForm(Emit& e, ValueForm form, bool swap, bool lowFirst, const uint8_t* p, size_t len);
 
 // The JSON form of a value under `key` (or as an array element when key is null): NULL as
 // null, integers and DOUBLE as numbers, DECIMAL and DECFLOAT as strings of their digits (no
@@ -82,5 +110,93 @@ std::string doubleText(double v, bool single);
 inline constexpr size_t kDoubleTextRoom = 48;
 // Recently printed values are kept by their bits, per thread, and copied from there.
 size_t doubleChars(double v, bool single, char* s);
+// The kept text itself, valid until the next call on the thread.
+std::string_view doubleView(double v, bool single);
 // The same, always converted.
 size_t doubleCharsExact(double v, bool single, char* s);
+
+namespace valueform_detail {
+template <typename T>
+inline T load(const uint8_t* p, bool swap) {
+  T v;
+  std::memcpy(&v, p, sizeof v);
+  if (!swap) return v;
+  if constexpr (sizeof(T) == 2) return static_cast<T>(__builtin_bswap16(static_cast<uint16_t>(v)));
+  else if constexpr (sizeof(T) == 4) return static_cast<T>(__builtin_bswap32(static_cast<uint32_t>(v)));
+  else return static_cast<T>(__builtin_bswap64(static_cast<uint64_t>(v)));
+}
+}  // namespace valueform_detail
+
+// UTF-16 characters as UTF-8 when they are well formed and short enough to be converted
+// without ICU (as convertText converts them).
+inline bool printUtf16AsUtf8(Emit& e, const uint8_t* p, size_t n, bool lowFirst) {
+  constexpr size_t kRoom = ConvText::kInlineRoom;
+  char s[kRoom];
+  size_t produced = 0;
+  if (n / 2 * 3 > kRoom || !ConvMgr::utf16ToUtf8(reinterpret_cast<const char*>(p), n, lowFirst, s, kRoom, produced))
+    return false;
+  e.text(s, static_cast<int>(produced));
+  return true;
+}
+
+inline bool printValueAsForm(Emit& e, ValueForm form, bool swap, bool lowFirst, const uint8_t* p, size_t len) {
+  using valueform_detail::load;
+  if (len == 0) return false;
+  switch (form) {
+    case ValueForm::Int16:
+      if (len < 2) return false;
+      e.num(load<int16_t>(p, swap));
+      return true;
+    case ValueForm::Int32:
+      if (len < 4) return false;
+      e.num(load<int32_t>(p, swap));
+      return true;
+    case ValueForm::Int64:
+      if (len < 8) return false;
+      e.num(load<int64_t>(p, swap));
+      return true;
+    case ValueForm::Real: {
+      std::string_view text;
+      if (len == 4) {
+        const uint32_t bits = load<uint32_t>(p, swap);
+        float f;
+        std::memcpy(&f, &bits, 4);
+        text = doubleView(f, true);
+      } else if (len >= 8) {
+        const uint64_t bits = load<uint64_t>(p, swap);
+        double d;
+        std::memcpy(&d, &bits, 8);
+        text = doubleView(d, false);
+      } else {
+        return false;
+      }
+      e.raw(text.data(), text.size());
+      return true;
+    }
+    case ValueForm::Text:
+      e.text(reinterpret_cast<const char*>(p), static_cast<int>(len));
+      return true;
+    case ValueForm::VarText: {
+      if (len < 2) return false;
+      const uint16_t n = load<uint16_t>(p, swap);
+      if (n > len - 2) return false;
+      e.text(reinterpret_cast<const char*>(p + 2), n);
+      return true;
+    }
+    case ValueForm::Boolean:
+      if (p[0] != 0) e.lit("TRUE");
+      else e.lit("FALSE");
+      return true;
+    case ValueForm::Graphic:
+      return printUtf16AsUtf8(e, p, len & ~size_t{1}, lowFirst);
+    case ValueForm::VarGraphic: {
+      if (len < 2) return false;
+      const size_t n = size_t{load<uint16_t>(p, swap)} * 2;
+      if (n > len - 2) return false;
+      return printUtf16AsUtf8(e, p + 2, n, lowFirst);
+    }
+    case ValueForm::General:
+      break;
+  }
+  return false;
+}

@@ -1,8 +1,11 @@
 /* kxshim.c - a libkxm.so that forwards every call to the real local queue manager and writes
  * one line per KXGET ("KXGET <buffer length> <cc> <reason> <data length>") to the file named
  * by KXSHIM_LOG. Put first on LD_LIBRARY_PATH, it shows how rplqmfmt reads a queue.
+ * KXSHIM_FAIL_AT=N makes the N-th KXGET fail with completion code 2 and reason 2195 without
+ * taking anything; KXSHIM_FAULT_AT=N makes it fault (SIGSEGV) instead.
  */
 #include <dlfcn.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 
@@ -33,7 +36,18 @@ void KXCLOSE(KXHCONN h, KXHOBJ *ho, KXLONG o, KXLONG *cc, KXLONG *r) {
 }
 void KXGET(KXHCONN h, KXHOBJ ho, KXMD *md, KXGMO *g, KXLONG bl, void *b, KXLONG *dl, KXLONG *cc,
            KXLONG *r) {
-  FORWARD(PKXGET, KXGET)(h, ho, md, g, bl, b, dl, cc, r);
+  static long gets = 0;
+  ++gets;
+  const char *failAt = getenv("KXSHIM_FAIL_AT");
+  const char *faultAt = getenv("KXSHIM_FAULT_AT");
+  if (faultAt != NULL && atol(faultAt) == gets) raise(SIGSEGV);
+  if (failAt != NULL && atol(failAt) == gets) {
+    *dl = 0;
+    *cc = KXCC_FAILED;
+    *r = KXRC_UNEXPECTED_ERROR;
+  } else {
+    FORWARD(PKXGET, KXGET)(h, ho, md, g, bl, b, dl, cc, r);
+  }
   const char *path = getenv("KXSHIM_LOG");
   FILE *log = path != NULL ? fopen(path, "a") : NULL;
   if (log != NULL) {

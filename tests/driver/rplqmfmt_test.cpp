@@ -418,6 +418,98 @@ TEST_F(MiddlewareTest, FaultInTheMiddlewareEndsTheRunThroughTheRecoveryPoint) {
 
 namespace {
 
+// The read loop: how many gets a run makes, what is printed and reported, and how a run ends.
+
+// Ten text messages, the 2nd and the 6th of a Format the loop does not print (they do not
+// count toward the limit).
+void putTenWithTwoUnknown(QueueTest& t, void (QueueTest::*put)(const std::string&, const char*)) {
+  for (int i = 1; i <= 10; ++i)
+    (t.*put)("m" + std::to_string(i), i == 2 || i == 6 ? "WHATEVER" : KXFMT_STRING);
+}
+
+int lines(const std::string& s) { return occurrences(s, "\n"); }
+
+TEST_F(ReadLoopTest, ALimitGetsNoMoreMessagesThanItCounts) {
+  putTenWithTwoUnknown(*this, &QueueTest::put);
+  struct Row {
+    std::vector<std::string> options;
+    int gets;     // including the get that finds the queue at its end
+    int printed;  // message banners
+  };
+  const Row rows[] = {
+      {{}, 11, 8},
+      {{"-l", "0"}, 0, 0},
+      {{"-l", "1"}, 1, 1},
+      {{"-l", "2"}, 3, 2},             // the 2nd message does not count: the 3rd is got
+      {{"-l", "2", "-s", "1"}, 4, 2},  // skipped messages count
+      {{"-l", "5"}, 7, 5},
+      {{"-l", "8"}, 10, 8},            // the last message reaches the limit: no end get
+      {{"-l", "9"}, 11, 8},
+  };
+  const std::string log = dir_ + "/gets.log";
+  for (const Row& row : rows) {
+    std::remove(log.c_str());
+    std::vector<std::string> words = {"Q1", "QM1"};
+    words.insert(words.end(), row.options.begin(), row.options.end());
+    RunResult r = run(words, {"LD_LIBRARY_PATH=" KXSHIM_DIR, "KXSHIM_LOG=" + log});
+    const std::string what = ::testing::PrintToString(row.options);
+    EXPECT_EQ(r.status, 0) << what << r.err;
+    EXPECT_EQ(lines(readFile(log)), row.gets) << what;
+    EXPECT_EQ(occurrences(r.out, "**** Message number:"), row.printed) << what;
+  }
+}
+
+// A get that fails, or faults in the middleware, in the middle of the queue: every message
+// before it is printed whole, then the failure is reported and the run ends with its code.
+TEST_F(ReadLoopTest, AGetThatFailsMidQueueEndsTheRunAfterTheMessagesBeforeIt) {
+  std::string before;
+  for (int i = 1; i <= 60; ++i) {
+    put("message " + std::to_string(i));
+    if (i < 25) before += textMsg(i, "message " + std::to_string(i));
+  }
+  struct Row {
+    const char* setting;
+    bool drain;
+    int status;
+    const char* report;
+    int64_t depthAfter;
+  };
+  const Row rows[] = {
+      {"KXSHIM_FAIL_AT=25", false, 1, "KXGET on queue Q1 failed, Velora cc=2, rc=2195.", 60},
+      {"KXSHIM_FAULT_AT=25", false, 2009 & 0xFF, "\"setRecoveryPoint\"", 60},
+      {"KXSHIM_FAIL_AT=25", true, 1, "KXGET on queue Q1 failed, Velora cc=2, rc=2195.", 36},
+  };
+  for (const Row& row : rows) {
+#if defined(__SANITIZE_ADDRESS__)
+    if (row.status != 1) continue;  // the address sanitizer takes the fault itself
+#endif
+    std::vector<std::string> words = {"Q1", "QM1"};
+    if (row.drain) words.push_back("-delmsg");
+    RunResult r = run(words, {"LD_LIBRARY_PATH=" KXSHIM_DIR, row.setting});
+    EXPECT_EQ(r.status, row.status) << row.setting << r.err;
+    EXPECT_TRUE(r.out == before) << row.setting << ": " << occurrences(r.out, "**** Message number:");
+    EXPECT_EQ(occurrences(r.err, row.report), 1) << row.setting << r.err;
+    EXPECT_EQ(depth(), row.depthAfter) << row.setting;
+  }
+}
+
+// Output that cannot be written stops a browse that has many messages still to read: the
+// run ends with one report, and the queue stays whole.
+TEST_F(ReadLoopTest, AClosedPipeStopsABrowseWithMessagesStillToRead) {
+  const std::string text(1000, 'x');
+  for (int i = 0; i < 3000; ++i) put(text);
+  for (const char* limit : {"-1", "2500"}) {
+    RunResult r = run({"Q1", "QM1", "-l", limit}, {}, nullptr, true);
+    EXPECT_NE(r.status, 0) << limit;
+    EXPECT_EQ(occurrences(r.err, "Broken pipe"), 1) << limit << r.err;
+    EXPECT_EQ(depth(), 3000) << limit;
+  }
+}
+
+}  // namespace
+
+namespace {
+
 using TrafficTest = QueueTest;
 
 // The generator's demo traffic reads back whole: every message decoded, nothing reported.

@@ -50,12 +50,13 @@ TEST_P(LineBuilderBuffers, PiecesOfEveryShortLengthArriveInOrder) {
   BufferedFile out(GetParam().room);
   std::mt19937 rng(15);
   std::string expect;
-  std::string source(64, '\0');
+  std::string source(320, '\0');
   {
     Emit e(out.file());
-    // Every length from 0 to 40 at every start in the source, zero bytes included, so that
-    // each piece ends at a different place in the buffer.
-    for (size_t len = 0; len <= 40; ++len) {
+    // Every length from 0 to 300 (past the longest piece moved in blocks) at every seventh
+    // start in the source, zero bytes included, so that each piece ends at a different place
+    // in the buffer.
+    for (size_t len = 0; len <= 300; ++len) {
       for (char& c : source) c = static_cast<char>(rng());
       for (size_t at = 0; at + len <= source.size(); at += 7) {
         e.raw(source.data() + at, len);
@@ -213,11 +214,13 @@ TEST(NumberForms, BufferFormsAreTheStringForms) {
       ASSERT_EQ(std::string(room.data(), k), text);
     }
   }
+  // DECFLOAT texts are kept by their bytes: the same bytes asked again, and the 8-byte value
+  // that begins a 16-byte one, each get their own text.
   char d[kDecfloatRoom];
   for (int i = 0; i < 20000; ++i) {
     uint8_t be[16];
     for (uint8_t& b : be) b = static_cast<uint8_t>(rng());
-    for (size_t n : {8u, 16u}) {
+    for (size_t n : {8u, 16u, 8u, 16u}) {
       std::string text;
       ASSERT_TRUE(decfloatText(be, n, text));
       ASSERT_EQ(std::string(d, decfloatChars(be, n, d)), text);
