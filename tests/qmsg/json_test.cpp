@@ -301,7 +301,7 @@ SchemaMsgDef schema(int32_t ccsid) {
   d.subId = 700;
   d.subname = "ORDERS0001";
   d.nColsInKey = 1;
-  d.ext = GenericTransInfoDef{};
+  d.ext.emplace();
   d.columns = {{"ID", 496, 4, 0},         {"NAME", 449, 20, ccsid}, {"PRICE", 485, 0, 0, 7, 2},
                {"BIG", 493, 8, 0},        {"DBL", 481, 8, 0},       {"NOTE", 449, 20, ccsid},
                {"VBIN", 909, 4, 0},       {"GR", 469, 5, 1200}};

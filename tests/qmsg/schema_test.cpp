@@ -29,7 +29,7 @@ SchemaMsgDef fullSchema(int32_t ccsid) {
   s.columns = {{"ID", 496, 4, 0}, {"CODE", 453, 8, ccsid}, {"PRICE", 485, 0, 0, 9, 2}};
   s.partKeys = {{"ID", 496, 4, 0, 0, 0, 1, 3}};
   s.ranges = {{1, 2, 10, 20, {"A", "B"}, {"M"}}};
-  s.ext = GenericTransInfoDef{};
+  s.ext.emplace();
   return s;
 }
 
