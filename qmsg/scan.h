@@ -25,33 +25,8 @@
 
 // The field sink of the light pass: it keeps the transaction's commit time, commit LSN and
 // unit of work as the JSON rendering writes them, and drops every other field unformatted.
-class ScanSink {
+class ScanSink : public TopFieldSink<ScanSink> {
  public:
-  static constexpr bool kJson = true;
-  FILE* out() const { return nullptr; }
-
-  template <typename... A>
-  void text(const char*, A...) {}
-  template <typename T>
-  void field(const char* key, const T& v, const char*) {
-    keep(key, v);
-  }
-  template <typename V, typename... A>
-  void show(const char* key, const V& v, const char*, A...) {
-    keep(key, v);
-  }
-  template <typename V>
-  void hidden(const char* key, const V& v) {
-    keep(key, v);
-  }
-  void chars(const char*, const ConvText&, const char*, const char* = "\n") {}
-  void beginList(const char*) { ++depth_; }
-  void endList() { --depth_; }
-  void beginItem() { ++depth_; }
-  void endItem() { --depth_; }
-  void beginGroup(const char*) { ++depth_; }
-  void endGroup() { --depth_; }
-
   // What was kept of the message's own fields (empty when the rendering has none or null).
   std::string commitTime;  // ISO-8601, as "commit_time" reads
   std::string commitLsn;   // as "commit_LSN" reads
@@ -60,9 +35,9 @@ class ScanSink {
  private:
   // Compared up to the first difference: a shorter key is never read past its end.
   static bool is(const char* key, const char* name) { return std::strcmp(key, name) == 0; }
+  friend TopFieldSink<ScanSink>;
   template <typename T>
-  void keep(const char* key, const T& v) {
-    if (depth_ != 0 || key == nullptr) return;
+  void keepTop(const char* key, const T& v) {
     if constexpr (std::is_same_v<T, std::string>) {
       if (is(key, "commit_LSN")) commitLsn = v;
     } else if constexpr (std::is_same_v<T, UtcTime>) {
@@ -73,8 +48,6 @@ class ScanSink {
   }
   void keepTime(const UtcTime& t);
   void keepHex(const HexBytes& h);
-
-  int depth_ = 0;
 };
 
 // One row of the message, in its order.

@@ -14,6 +14,7 @@
 
 #include "qmsg/msg.h"
 #include "qmsg/names.h"
+#include "qmsg/sink.h"
 
 // SQL type codes, named with bit 0 (nullable) cleared.
 inline constexpr ValueName kColumnTypes[] = {
@@ -53,33 +54,8 @@ int32_t printColSchema(QMsg& m, size_t at, bool partKey);
 //
 //   SchemaNamesSink names;
 //   if (learnSchemaMsg(copy, length, &enc, &cm, names) == 0 && names.hasSubId) ...
-class SchemaNamesSink {
+class SchemaNamesSink : public TopFieldSink<SchemaNamesSink> {
  public:
-  static constexpr bool kJson = true;
-  FILE* out() const { return nullptr; }
-
-  template <typename... A>
-  void text(const char*, A...) {}
-  template <typename T>
-  void field(const char* key, const T& v, const char*) {
-    keep(key, v);
-  }
-  template <typename V, typename... A>
-  void show(const char* key, const V& v, const char*, A...) {
-    keep(key, v);
-  }
-  template <typename V>
-  void hidden(const char* key, const V& v) {
-    keep(key, v);
-  }
-  void chars(const char*, const ConvText&, const char*, const char* = "\n") {}
-  void beginList(const char*) { ++depth_; }
-  void endList() { --depth_; }
-  void beginItem() { ++depth_; }
-  void endItem() { --depth_; }
-  void beginGroup(const char*) { ++depth_; }
-  void endGroup() { --depth_; }
-
   bool hasSubId = false;
   int32_t subId = 0;      // as "sub_id" reads
   std::string subname;    // "subname"
@@ -87,10 +63,10 @@ class SchemaNamesSink {
   std::string srcName;    // "src_name"
 
  private:
+  friend TopFieldSink<SchemaNamesSink>;
+  // Fields of the columns, partitioning keys and transaction context lie deeper and never come.
   template <typename T>
-  void keep(const char* key, const T& v) {
-    // Fields of the columns, partitioning keys and transaction context lie deeper.
-    if (depth_ != 0 || key == nullptr) return;
+  void keepTop(const char* key, const T& v) {
     if constexpr (std::is_same_v<T, ConvText>) {
       std::string* to = std::strcmp(key, "subname") == 0     ? &subname
                         : std::strcmp(key, "src_owner") == 0 ? &srcOwner
@@ -104,6 +80,4 @@ class SchemaNamesSink {
       }
     }
   }
-
-  int depth_ = 0;
 };

@@ -138,6 +138,51 @@ class JsonSink {
   JsonOut& j_;
 };
 
+// The base of the light passes' sinks: nothing is rendered, and each field of the message's own
+// level (not of its lists, items and groups) goes to `Keeper::keepTop(key, value)` with the key
+// and typed value the JSON rendering would write, so a pass keeps the few fields it needs.
+//
+//   class NamesSink : public TopFieldSink<NamesSink> {
+//     friend TopFieldSink<NamesSink>;
+//     template <typename T> void keepTop(const char* key, const T& v);
+//   };
+template <class Keeper>
+class TopFieldSink {
+ public:
+  static constexpr bool kJson = true;
+  FILE* out() const { return nullptr; }
+
+  template <typename... A>
+  void text(const char*, A...) {}
+  template <typename T>
+  void field(const char* key, const T& v, const char*) {
+    pass(key, v);
+  }
+  template <typename V, typename... A>
+  void show(const char* key, const V& v, const char*, A...) {
+    pass(key, v);
+  }
+  template <typename V>
+  void hidden(const char* key, const V& v) {
+    pass(key, v);
+  }
+  void chars(const char*, const ConvText&, const char*, const char* = "\n") {}
+  void beginList(const char*) { ++depth_; }
+  void endList() { --depth_; }
+  void beginItem() { ++depth_; }
+  void endItem() { --depth_; }
+  void beginGroup(const char*) { ++depth_; }
+  void endGroup() { --depth_; }
+
+ private:
+  template <typename T>
+  void pass(const char* key, const T& v) {
+    if (depth_ == 0 && key != nullptr) static_cast<Keeper*>(this)->keepTop(key, v);
+  }
+
+  int depth_ = 0;
+};
+
 // Every sink the printers are instantiated for. Each family's source instantiates its printers
 // with RPL_FOR_EACH_SINK(its instantiation macro), and compact.cpp instantiates decodeCompact
 // (the dispatch by message type) the same way. A further rendering is a class with the members
