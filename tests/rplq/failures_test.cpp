@@ -23,6 +23,7 @@ using nlohmann::json;
 
 using rplqtest::bin;
 using rplqtest::kSenders;
+using rplqtest::QmgrTest;
 using rplqtest::Ran;
 using rplqtest::run;
 using rplqtest::Sender;
@@ -146,15 +147,9 @@ std::string reasonOf(const json& error) {
   return reason;
 }
 
-class RplqFailures : public ::testing::Test {
+class RplqFailures : public QmgrTest {
  protected:
-  void SetUp() override {
-    char tmpl[] = "/tmp/rplq-failures-XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
-    ASSERT_EQ(run(dir_, bin("kxq") + " create-qmgr QMF").status, 0);
-  }
-  void TearDown() override { run(dir_, "rm -rf '" + dir_ + "'"); }
+  RplqFailures() : QmgrTest("QMF") {}
 
   // Puts the schemas and one message per case on the sender's queue.
   void putCases(const Sender& s) {
@@ -216,8 +211,6 @@ class RplqFailures : public ::testing::Test {
     }
     return errors;
   }
-
-  std::string dir_;
 };
 
 TEST_F(RplqFailures, SummaryListsWhatTheRenderingCannotRead) {

@@ -20,6 +20,7 @@ namespace {
 using nlohmann::json;
 using rplqtest::bin;
 using rplqtest::kSenders;
+using rplqtest::QmgrTest;
 using rplqtest::quoted;
 using rplqtest::Ran;
 using rplqtest::run;
@@ -52,15 +53,9 @@ const std::vector<Case>& cases() {
 
 constexpr uint32_t kSubBase = 40;
 
-class RplqNames : public ::testing::Test {
+class RplqNames : public QmgrTest {
  protected:
-  void SetUp() override {
-    char tmpl[] = "/tmp/rplq-names-XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
-    ASSERT_EQ(run(dir_, bin("kxq") + " create-qmgr QMN").status, 0);
-  }
-  void TearDown() override { run(dir_, "rm -rf '" + dir_ + "'"); }
+  RplqNames() : QmgrTest("QMN") {}
 
   // Case i: its schema at position 2i+1, a transaction with one row of it at 2i+2.
   void putCases(const Sender& s) {
@@ -107,8 +102,6 @@ class RplqNames : public ::testing::Test {
     while (std::getline(lines, line)) positions.insert(json::parse(line)["kxmd"]["position"].get<int64_t>());
     return positions;
   }
-
-  std::string dir_;
 };
 
 TEST_F(RplqNames, SubscriptionsFoundByTheirSchemasNames) {

@@ -5,9 +5,12 @@
 #include <sys/wait.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <string>
+
+#include <gtest/gtest.h>
 
 #include "tools/gen/encode.h"
 
@@ -56,5 +59,21 @@ inline std::string quoted(const std::string& s) {
   for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
   return q + "'";
 }
+
+// A test with a folder of its own (removed afterwards) holding one queue manager.
+class QmgrTest : public ::testing::Test {
+ protected:
+  explicit QmgrTest(const char* qmgr) : qmgr_(qmgr) {}
+  void SetUp() override {
+    char tmpl[] = "/tmp/rplq-test-XXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    dir_ = tmpl;
+    ASSERT_EQ(run(dir_, bin("kxq") + " create-qmgr " + qmgr_).status, 0);
+  }
+  void TearDown() override { run(dir_, "rm -rf '" + dir_ + "'"); }
+
+  std::string qmgr_;
+  std::string dir_;
+};
 
 }  // namespace rplqtest
