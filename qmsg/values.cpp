@@ -262,31 +262,43 @@ size_t decfloatChars(const uint8_t* p, size_t n, char* out) {
 
 namespace {
 
-// The texts of recently printed DOUBLE values by their bits: a column often repeats a value,
-// and the exact conversion is the dearest step of a row. Direct-mapped, one per thread.
-struct DoubleMemo {
-  uint64_t bits = 0;
-  bool single = false;
-  bool used = false;
-  uint8_t length = 0;
-  char text[kDoubleTextRoom];
+// The texts of recently converted REAL and DOUBLE values, kept by their bits: a column often
+// repeats a value, and the exact conversion is the dearest step of its line or member.
+// Direct-mapped; each rendering keeps its own, one per thread.
+template <size_t Room>
+class RealTextMemo {
+ public:
+  // The text of v, made by convert(v, single, room) (which returns its length) when not kept.
+  template <class Convert>
+  std::string_view text(double v, bool single, Convert convert) {
+    uint64_t bits = 0;
+    std::memcpy(&bits, &v, sizeof bits);
+    Slot& slot = slots_[((bits ^ single) * 0x9E3779B97F4A7C15ull) >> 58];
+    if (!slot.used || slot.bits != bits || slot.single != single) {
+      slot.length = static_cast<uint8_t>(convert(v, single, slot.text));
+      slot.bits = bits;
+      slot.single = single;
+      slot.used = true;
+    }
+    return std::string_view(slot.text, slot.length);
+  }
+
+ private:
+  struct Slot {
+    uint64_t bits = 0;
+    bool single = false;
+    bool used = false;
+    uint8_t length = 0;
+    char text[Room];
+  };
+  Slot slots_[64];
 };
-constexpr size_t kDoubleMemos = 64;
 
 }  // namespace
 
 std::string_view doubleView(double v, bool single) {
-  thread_local DoubleMemo memos[kDoubleMemos];
-  uint64_t bits = 0;
-  std::memcpy(&bits, &v, sizeof bits);
-  DoubleMemo& memo = memos[((bits ^ single) * 0x9E3779B97F4A7C15ull) >> 58];
-  if (!memo.used || memo.bits != bits || memo.single != single) {
-    memo.length = static_cast<uint8_t>(doubleCharsExact(v, single, memo.text));
-    memo.bits = bits;
-    memo.single = single;
-    memo.used = true;
-  }
-  return std::string_view(memo.text, memo.length);
+  thread_local RealTextMemo<kDoubleTextRoom> memo;
+  return memo.text(v, single, doubleCharsExact);
 }
 
 size_t doubleChars(double v, bool single, char* s) {
@@ -593,31 +605,13 @@ void JsonValue::real(double d, bool single) {
 }
 
 size_t jsonRealChars(double d, bool single, char* s) {
-  // Recent values are kept by their bits, as the text's DOUBLE form keeps them: a column often
-  // repeats a value, and the conversion is the dearest step of its member.
-  struct Memo {
-    uint64_t bits = 0;
-    bool single = false;
-    bool used = false;
-    uint8_t length = 0;
-    char text[kJsonRealRoom];
-  };
-  thread_local Memo memos[64];
-  uint64_t bits = 0;
-  std::memcpy(&bits, &d, sizeof bits);
-  Memo& memo = memos[((bits ^ single) * 0x9E3779B97F4A7C15ull) >> 58];
-  if (memo.used && memo.bits == bits && memo.single == single) {
-    std::memcpy(s, memo.text, memo.length);
-    return memo.length;
-  }
-  // The standard library's conversion at a given precision rounds and lays out as printf does.
-  std::to_chars_result r = std::to_chars(s, s + kJsonRealRoom, d, std::chars_format::general, single ? 9 : 17);
-  const size_t n = static_cast<size_t>(r.ptr - s);
-  memo.bits = bits;
-  memo.single = single;
-  memo.used = true;
-  memo.length = static_cast<uint8_t>(n);
-  std::memcpy(memo.text, s, n);
-  return n;
+  thread_local RealTextMemo<kJsonRealRoom> memo;
+  const std::string_view text = memo.text(d, single, [](double v, bool real, char* to) {
+    // The standard library's conversion at a given precision rounds and lays out as printf does.
+    const std::to_chars_result r = std::to_chars(to, to + kJsonRealRoom, v, std::chars_format::general, real ? 9 : 17);
+    return static_cast<size_t>(r.ptr - to);
+  });
+  std::memcpy(s, text.data(), text.size());
+  return text.size();
 }
 
