@@ -345,9 +345,7 @@ int32_t printColSet(QMsg& m, O& o, const MsgReader& row, size_t at, SchemaColumn
   uint32_t length = 0;
   uint16_t nCols = 0;
   MsgReader set;
-  int32_t rc = row.machine(at, length, "qRowColSet.length");
-  if (rc == 0) rc = row.sub(at, length, set, "qRowColSet");
-  if (rc == 0) rc = set.machine(4, nCols, "qRowColSet.nCols");
+  int32_t rc = openColumnSet(row, at, set, length, nCols);
   if (rc != 0) return rplTrace_.ret(rc);
   if constexpr (O::kJson) o.beginGroup(setKey);
   else e.lit("colset.nCols:   ").num(nCols).ch('\n');

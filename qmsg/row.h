@@ -16,6 +16,14 @@ size_t rowColumnSetsOffset(uint16_t version);
 // set, or a marker at or above kLongOffset).
 inline constexpr size_t kSetHeaderSize = 6;
 inline constexpr uint16_t kLongOffset = 0x8000;
+// The column set at `at` of a row (its header already in machine order): a reader over the
+// set's bytes, its length and its column count.
+inline int32_t openColumnSet(const MsgReader& row, size_t at, MsgReader& set, uint32_t& length, uint16_t& nCols) {
+  int32_t rc = row.machine(at, length, "qRowColSet.length");
+  if (rc == 0) rc = row.sub(at, length, set, "qRowColSet");
+  if (rc == 0) rc = set.machine(4, nCols, "qRowColSet.nCols");
+  return rc;
+}
 // A LOB or XML value starts with its reference: u32 rowNum, u16 colNum, u32 data length.
 inline constexpr size_t kLobRefSize = 10;
 

@@ -328,9 +328,7 @@ int32_t scanColSet(QMsg& m, const MsgReader& row, size_t at, const NamedColumns*
   uint32_t length = 0;
   uint16_t nCols = 0;
   MsgReader set;
-  int32_t rc = row.machine(at, length, "qRowColSet.length");
-  if (rc == 0) rc = row.sub(at, length, set, "qRowColSet");
-  if (rc == 0) rc = set.machine(4, nCols, "qRowColSet.nCols");
+  int32_t rc = openColumnSet(row, at, set, length, nCols);
   if (rc != 0) return rc;
 
   thread_local std::vector<int64_t> start;
