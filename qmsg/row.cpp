@@ -166,6 +166,21 @@ struct ColumnsFor {
   std::vector<Column> columns;
 };
 constexpr size_t kRenderedSchemas = 8;
+// A schema's kept columns as a row's loop reads them: through locals, since the text written
+// between two columns could otherwise be taken to change where they are. Taken again after a
+// column is added to the cache.
+template <class Column>
+struct KeptColumns {
+  const Column* at = nullptr;
+  size_t count = 0;
+  void take(const ColumnsFor<Column>* cache) {
+    if (cache == nullptr) return;
+    at = cache->columns.data();
+    count = cache->columns.size();
+  }
+  // Column `index` when it is kept, else null.
+  const Column* ready(size_t index) const { return index < count && at[index].ready ? &at[index] : nullptr; }
+};
 
 template <class Column>
 ColumnsFor<Column>& columnsFor(uint64_t serial, const QMsg& m) {
@@ -394,17 +409,8 @@ int32_t printColSet(QMsg& m, O& o, const MsgReader& row, size_t at, SchemaColumn
 
   if constexpr (O::kJson) {
     JsonOut& j = o.json();
-    // The schema's kept columns, looked up through locals: the text written between two
-    // columns could otherwise be taken to change where they are.
-    const JsonColumn* kept = nullptr;
-    size_t nKept = 0;
-    auto keep = [&] {
-      if (schema != nullptr && schema->json != nullptr) {
-        kept = schema->json->columns.data();
-        nKept = schema->json->columns.size();
-      }
-    };
-    keep();
+    KeptColumns<JsonColumn> kept;
+    if (schema != nullptr) kept.take(schema->json);
     const size_t firstColumn = schema == nullptr || key ? 0 : schema->nColsInKey;
     for (size_t i = 0; i < nCols; ++i) {
       // The key: the column's name, or its position from 1 without a schema.
@@ -413,12 +419,11 @@ int32_t printColSet(QMsg& m, O& o, const MsgReader& row, size_t at, SchemaColumn
       JsonKey name;
       if (schema != nullptr) {
         const size_t index = firstColumn + i;
-        if (index < nKept && kept[index].ready) {
-          column = &kept[index];
-        } else {
+        column = kept.ready(index);
+        if (column == nullptr) {
           column = schema->jsonColumn(index, rc);
           if (column == nullptr) return rplTrace_.ret(rc);
-          keep();
+          kept.take(schema->json);
         }
         name = std::string_view(column->name);
       } else {
@@ -460,16 +465,8 @@ int32_t printColSet(QMsg& m, O& o, const MsgReader& row, size_t at, SchemaColumn
   const bool direct = !(traceLevel(kCompPrinters, kFnColumnValue) & kTraceFlow);
   const bool swap = m.swap();
   const bool lowFirst = m.converting() && (m.enc->flags & kEncLowByteFirst) != 0;
-  // The schema's kept columns through locals, as the JSON form keeps them.
-  const RenderedColumn* kept = nullptr;
-  size_t nKept = 0;
-  auto keep = [&] {
-    if (schema != nullptr && schema->rendered != nullptr) {
-      kept = schema->rendered->columns.data();
-      nKept = schema->rendered->columns.size();
-    }
-  };
-  keep();
+  KeptColumns<RenderedColumn> kept;
+  if (schema != nullptr) kept.take(schema->rendered);
   const size_t firstColumn = schema == nullptr || key ? 0 : schema->nColsInKey;
   for (size_t i = 0; i < nCols; ++i) {
     const Slot& c = slot[i];
@@ -478,18 +475,17 @@ int32_t printColSet(QMsg& m, O& o, const MsgReader& row, size_t at, SchemaColumn
     if (schema != nullptr) {
       // The descriptor lines and the value's label.
       const size_t index = firstColumn + i;
-      if (index < nKept && kept[index].ready) {
-        const RenderedColumn& r = kept[index];
-        e.raw(r.lines.data(), r.lines.size());
-        col = r.info;
-        form = r.form;
+      if (const RenderedColumn* r = kept.ready(index)) {
+        e.raw(r->lines.data(), r->lines.size());
+        col = r->info;
+        form = r->form;
       } else {
         rc = schema->describe(index, col, form, e);
         if (rc != 0) {
           reportFailure(kSetStep, "qSchemaCol::printMe", rc, "Cannot print column schema");
           return rplTrace_.ret(rc);
         }
-        keep();
+        kept.take(schema->rendered);
       }
     } else {
       e.lit(kValueLabel);
