@@ -9,6 +9,7 @@
 #include "qmsg/families.h"
 #include "qmsg/header.h"
 #include "qmsg/json.h"
+#include "qmsg/row.h"
 #include "qmsg/schema.h"
 #include "qmsg/sink.h"
 #include "runtime/catalog.h"
@@ -209,7 +210,7 @@ int32_t decodeSpilledRow(Decode& d, O& o) {
   uint16_t v = 0;
   rc = d.m.version(v);
   if (rc != 0) return rc;
-  const size_t at = v == 1 ? 16 : v <= 4 ? 110 : v <= 6 ? 128 : v == 7 ? 136 : v == 8 ? 152 : 168;
+  const size_t at = spilledRowOffset(v);
   o.beginGroup("row");
   rc = printTransRow(d.m, o, at, v);
   if (rc == 0) o.endGroup();

@@ -525,6 +525,10 @@ size_t rowColumnSetsOffset(uint16_t version) {
   return version == 0 ? 0 : version == 1 ? 12 : version <= 6 ? 24 : 32;
 }
 
+size_t spilledRowOffset(uint16_t version) {
+  return version == 1 ? 16 : version <= 4 ? 110 : version <= 6 ? 128 : version == 7 ? 136 : version == 8 ? 152 : 168;
+}
+
 void fixTransRow(MsgReader& r, size_t at, uint16_t version) {
   uint32_t length = 0;
   if (!quietFix32(r, at) || r.machine(at, length, "") != 0) return;

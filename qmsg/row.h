@@ -11,6 +11,8 @@
 const char* rowOperationName(uint8_t operation);
 // Offset of the first column set from the row start for a message of layout `version`.
 size_t rowColumnSetsOffset(uint16_t version);
+// Offset of the one row of a spilled-row message (type 33) of layout `version`.
+size_t spilledRowOffset(uint16_t version);
 
 // A column set: u32 length, u16 column count, then a u16 entry per column (an offset into the
 // set, or a marker at or above kLongOffset).

@@ -13,6 +13,7 @@
 #include "qmsg/json.h"
 #include "qmsg/row.h"
 #include "qmsg/schema.h"
+#include "qmsg/trans.h"
 #include "qmsg/values.h"
 
 void ScanSink::keepTime(const UtcTime& t) {
@@ -508,7 +509,7 @@ int32_t scanCompactMsg(uint8_t* msg, size_t length, const encodingInfo& enc, Con
     if (rc == 0) rc = m.version(version);
     if (rc == 0) rc = m.r.machine(28, n, "qTransMsgHeader.nRows");
     rows = n;
-    at = version < 2 ? 32 : version <= 5 ? 116 : version == 6 ? 144 : 152;
+    at = firstTransRow(version);
   } else if (type == kTypeStreamedTransMsg) {
     rc = printStreamedTransMsgHeader(m, out.fields, false);
     uint32_t single = 0, chunks = 0;
@@ -524,12 +525,7 @@ int32_t scanCompactMsg(uint8_t* msg, size_t length, const encodingInfo& enc, Con
     rc = printHeaderLines(m, out.fields, true);
     if (rc == 0) rc = m.version(version);
     if (rc != 0) return rc;
-    at = version == 1   ? 16
-         : version <= 4 ? 110
-         : version <= 6 ? 128
-         : version == 7 ? 136
-         : version == 8 ? 152
-                        : 168;
+    at = spilledRowOffset(version);
     if (m.swap()) fixTransRow(m.r, at, version);
     rows = 1;
   } else {

@@ -120,10 +120,6 @@ namespace {
 constexpr const char* kTransStep = "qTransMsgHeader::printMe";
 constexpr const char* kStreamedStep = "qStreamedTransMsgHeader::printMe";
 
-size_t firstTransRow(uint16_t version) {
-  return version < 2 ? 32 : version <= 5 ? 116 : version == 6 ? 144 : 152;
-}
-
 template <class O>
 int32_t headerLines(QMsg& m, O& o, const char* step) {
   int32_t rc = printHeaderLines(m, o, true);
@@ -154,6 +150,10 @@ int32_t fixTransMsgHeader(QMsg& m, uint16_t version) {
 }
 
 }  // namespace
+
+size_t firstTransRow(uint16_t version) {
+  return version < 2 ? 32 : version <= 5 ? 116 : version == 6 ? 144 : 152;
+}
 
 template <class O>
 int32_t printTransMsgHeader(QMsg& m, O& o, bool noPosTime) {

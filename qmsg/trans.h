@@ -15,6 +15,8 @@
 inline constexpr size_t kGenericTransInfoSize = 128;
 
 // Swaps the block's integers in place (u16 at 4, 6, 38; u32 at 24, 28, 32) when due.
+// Offset of the first row of a transaction message (type 128) of layout `version`.
+size_t firstTransRow(uint16_t version);
 int32_t fixGenericTransInfo(QMsg& m, size_t at);
 // Prints the block's lines ("    qGenericTransInfo...."); the block must be in machine order.
 int32_t printGenericTransInfo(QMsg& m, size_t at);
