@@ -160,12 +160,8 @@ struct RenderedColumn {
 // pages: a few schemas at a time, the oldest replaced.
 template <class Column>
 struct ColumnsFor {
-  uint64_t serial = 0;
-  int32_t msgCcsid = 0, outCcsid = 0, flags = 0;
-  bool converting = false;
   std::vector<Column> columns;
 };
-constexpr size_t kRenderedSchemas = 8;
 // A schema's kept columns as a row's loop reads them: through locals, since the text written
 // between two columns could otherwise be taken to change where they are. Taken again after a
 // column is added to the cache.
@@ -184,25 +180,9 @@ struct KeptColumns {
 
 template <class Column>
 ColumnsFor<Column>& columnsFor(uint64_t serial, const QMsg& m) {
-  static ColumnsFor<Column> slots[kRenderedSchemas];
-  static size_t next = 0;
-  const bool converting = m.converting();
-  const int32_t msgCcsid = converting ? m.enc->msgCcsid : 0;
-  const int32_t outCcsid = converting ? m.enc->outCcsid : 0;
-  const int32_t flags = converting ? m.enc->flags : 0;
-  for (ColumnsFor<Column>& r : slots)
-    if (r.serial == serial && r.converting == converting && r.msgCcsid == msgCcsid &&
-        r.outCcsid == outCcsid && r.flags == flags)
-      return r;
-  ColumnsFor<Column>& r = slots[next];
-  next = (next + 1) % kRenderedSchemas;
-  r.serial = serial;
-  r.converting = converting;
-  r.msgCcsid = msgCcsid;
-  r.outCcsid = outCcsid;
-  r.flags = flags;
-  r.columns.clear();
-  return r;
+  static SchemaSlots<ColumnsFor<Column>> slots;
+  bool fresh = false;
+  return slots.at(SchemaContext::of(serial, m), fresh);
 }
 using RenderedSchema = ColumnsFor<RenderedColumn>;
 

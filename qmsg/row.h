@@ -14,6 +14,51 @@ size_t rowColumnSetsOffset(uint16_t version);
 // Offset of the one row of a spilled-row message (type 33) of layout `version`.
 size_t spilledRowOffset(uint16_t version);
 
+// What a cached schema's columns are worked out for: the schema copy (its serial) and, when the
+// message's text is converted, its code pages and encoding flags. What a row printer or a
+// light pass works out once per schema is kept under it.
+struct SchemaContext {
+  uint64_t serial = 0;
+  bool converting = false;
+  int32_t msgCcsid = 0, outCcsid = 0, flags = 0;
+
+  static SchemaContext of(uint64_t serial, const QMsg& m) {
+    if (!m.converting()) return SchemaContext{serial};
+    return SchemaContext{serial, true, m.enc->msgCcsid, m.enc->outCcsid, m.enc->flags};
+  }
+  bool operator==(const SchemaContext&) const = default;
+};
+
+// A few T kept by schema context, the oldest replaced by a new T{}.
+template <class T, size_t N = 8>
+class SchemaSlots {
+ public:
+  // The entry of `context`; `fresh` tells that it was just made.
+  T& at(const SchemaContext& context, bool& fresh) {
+    for (Slot& s : slots_)
+      if (s.used && s.context == context) {
+        fresh = false;
+        return s.value;
+      }
+    Slot& s = slots_[next_];
+    next_ = (next_ + 1) % N;
+    s.used = true;
+    s.context = context;
+    s.value = T{};
+    fresh = true;
+    return s.value;
+  }
+
+ private:
+  struct Slot {
+    bool used = false;
+    SchemaContext context;
+    T value;
+  };
+  Slot slots_[N];
+  size_t next_ = 0;
+};
+
 // A column set: u32 length, u16 column count, then a u16 entry per column (an offset into the
 // set, or a marker at or above kLongOffset).
 inline constexpr size_t kSetHeaderSize = 6;

@@ -59,9 +59,8 @@ size_t roundUp4(size_t n) { return (n + 3) & ~size_t{3}; }
 // The columns of a cached schema that carry the wanted name, once per schema copy, wanted
 // name and conversion context.
 struct NamedColumns {
-  uint64_t serial = 0;
+  SchemaContext context;
   std::string name;
-  int32_t msgCcsid = 0, outCcsid = 0, flags = 0;
   uint16_t nColsInKey = 0;
   size_t arrayAt = 0;
   std::vector<int> matches;          // schema column indexes whose name reads `name`
@@ -74,13 +73,9 @@ thread_local bool g_namedReady = false;
 // Reads the columns of `cached` named `column` into `n`, their names converted as the row
 // printer converts them (with the row message's context).
 int32_t readNamedColumns(const CachedSchema& cached, const QMsg& m, const char* column, NamedColumns& n) {
-  const int32_t msgCcsid = m.enc->msgCcsid, outCcsid = m.enc->outCcsid, flags = m.enc->flags;
   n = NamedColumns{};
-  n.serial = cached.serial;
+  n.context = SchemaContext::of(cached.serial, m);
   n.name = column;
-  n.msgCcsid = msgCcsid;
-  n.outCcsid = outCcsid;
-  n.flags = flags;
   n.arrayAt = schemaColumnArrayOffset(cached.version);
   if (n.arrayAt == 0) return kRcBadSchemaVersion;
   uint8_t* copy = const_cast<uint8_t*>(cached.msg);
@@ -110,8 +105,7 @@ int32_t readNamedColumns(const CachedSchema& cached, const QMsg& m, const char* 
 
 int32_t namedColumns(const CachedSchema& cached, const QMsg& m, const char* column, NamedColumns*& out) {
   NamedColumns& n = g_named;
-  if (g_namedReady && n.serial == cached.serial && n.msgCcsid == m.enc->msgCcsid &&
-      n.outCcsid == m.enc->outCcsid && n.flags == m.enc->flags && n.name == column) {
+  if (g_namedReady && n.context == SchemaContext::of(cached.serial, m) && n.name == column) {
     out = &n;
     return 0;
   }
@@ -174,32 +168,17 @@ struct CheckedColumn {
 // The checked columns of a cached schema, per schema copy and conversion context: a few
 // schemas at a time, the oldest replaced.
 struct CheckedSchema {
-  uint64_t serial = 0;
-  int32_t msgCcsid = 0, outCcsid = 0, flags = 0;
-  bool used = false;
   bool readable = false;  // its layout version and key column count read
   uint16_t nColsInKey = 0, nCols = 0;
   size_t arrayAt = 0;
   std::vector<CheckedColumn> columns;
 };
-constexpr size_t kCheckedSchemas = 8;
 
 CheckedSchema& checkedSchema(const CachedSchema& cached, const QMsg& m) {
-  thread_local CheckedSchema slots[kCheckedSchemas];
-  thread_local size_t next = 0;
-  const int32_t msgCcsid = m.enc->msgCcsid, outCcsid = m.enc->outCcsid, flags = m.enc->flags;
-  for (CheckedSchema& s : slots)
-    if (s.used && s.serial == cached.serial && s.msgCcsid == msgCcsid && s.outCcsid == outCcsid &&
-        s.flags == flags)
-      return s;
-  CheckedSchema& s = slots[next];
-  next = (next + 1) % kCheckedSchemas;
-  s = CheckedSchema{};
-  s.used = true;
-  s.serial = cached.serial;
-  s.msgCcsid = msgCcsid;
-  s.outCcsid = outCcsid;
-  s.flags = flags;
+  thread_local SchemaSlots<CheckedSchema> slots;
+  bool fresh = false;
+  CheckedSchema& s = slots.at(SchemaContext::of(cached.serial, m), fresh);
+  if (!fresh) return s;
   s.arrayAt = schemaColumnArrayOffset(cached.version);
   MsgReader r(const_cast<uint8_t*>(cached.msg), cached.length, cached.senderSwapped);
   s.readable = s.arrayAt != 0 && r.machine(508, s.nColsInKey, "qSubSchemaMsg.nColsInKey") == 0 &&
