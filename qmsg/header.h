@@ -22,8 +22,11 @@ inline constexpr size_t kMsgDescriptorSize = 364;  // counted into the size line
 
 // The type codes a printer tests itself; the list of every type, its name and its printer is
 // the dispatch table in compact.cpp.
+inline constexpr uint8_t kTypeSchema = 1;
 inline constexpr uint8_t kTypeDdl = 6;
 inline constexpr uint8_t kTypeSpillRow = 33;
+inline constexpr uint8_t kTypeTransMsg = 128;
+inline constexpr uint8_t kTypeStreamedTransMsg = 130;
 
 enum : uint8_t { kDdlAddColumn = 0, kDdlAlterColumn = 1, kDdlDropColumn = 2, kDdlGeneric = 16 };
 

@@ -30,8 +30,6 @@ void ScanSink::keepHex(const HexBytes& h) {
 
 namespace {
 
-constexpr uint8_t kTypeTransMsg = 128;
-constexpr uint8_t kTypeStreamedTransMsg = 130;
 constexpr uint8_t kOpMassiveStmt = 160;
 constexpr uint8_t kBafterBatchedHeader = 16;
 constexpr const char* kSetStep = "qRowColSet::printMe";

@@ -56,10 +56,6 @@ constexpr size_t kFirstBufferSize = 64 * 1024;
 constexpr KXLONG kFollowWaitMs = 250;
 // A queue manager that stays unavailable is tried for about two seconds, not ten.
 constexpr int kConnectRetryDelayMs = 200;
-constexpr uint8_t kTypeSchema = 1;
-constexpr uint8_t kTypeSpilledRow = 33;
-constexpr uint8_t kTypeTrans = 128;
-constexpr uint8_t kTypeStreamedTrans = 130;
 
 volatile std::sig_atomic_t g_stopRequested = 0;
 
@@ -441,7 +437,7 @@ bool Run::selected(const KXMD& md, const uint8_t* data, size_t length) {
   const bool byTime = o_.hasSince || o_.hasUntil;
   if (compact && (rowOptions || byTime || o_.summary)) {
     const uint8_t type = data[4];
-    if (type == kTypeTrans || type == kTypeStreamedTrans || type == kTypeSpilledRow) {
+    if (type == kTypeTransMsg || type == kTypeStreamedTransMsg || type == kTypeSpillRow) {
       if (o_.hasWhere && !mayMatch(md, data, length)) return false;
       // Rows are read by the light pass; a message it cannot walk is rendered whole.
       if (!scan(md, data, length)) {
