@@ -29,6 +29,7 @@
 #include <string_view>
 #include <utility>
 
+#include "qmsg/short_copy.h"
 #include "runtime/conv.h"
 
 // Version of the JSON layout, written as "format" first in every object.
@@ -161,29 +162,8 @@ class JsonOut {
     ++n_;
   }
   void put(const char* s, size_t k) {
-    copy(room(k), s, k);
+    copyShort(room(k), s, k);
     n_ += k;
-  }
-  // k bytes from `from` to `to`, which do not overlap. Keys and most values are short: up to
-  // 16 bytes are moved as two fixed-size copies that overlap, without a call to the library.
-  static void copy(char* to, const char* from, size_t k) {
-    if (k >= 8 && k <= 16) {
-      uint64_t a, b;
-      std::memcpy(&a, from, 8);
-      std::memcpy(&b, from + k - 8, 8);
-      std::memcpy(to, &a, 8);
-      std::memcpy(to + k - 8, &b, 8);
-    } else if (k >= 4 && k < 8) {
-      uint32_t a, b;
-      std::memcpy(&a, from, 4);
-      std::memcpy(&b, from + k - 4, 4);
-      std::memcpy(to, &a, 4);
-      std::memcpy(to + k - 4, &b, 4);
-    } else if (k < 4) {
-      for (size_t i = 0; i < k; ++i) to[i] = from[i];
-    } else {
-      std::memcpy(to, from, k);
-    }
   }
   // The comma before a member or element, and the member's key.
   void prefix(JsonKey key) {
@@ -199,7 +179,7 @@ class JsonOut {
     if (plainKey(key.p, key.n)) {
       // The usual key, plain ASCII: `,"key":` written in one piece.
       *d++ = '"';
-      copy(d, key.p, key.n);
+      copyShort(d, key.p, key.n);
       d[key.n] = '"';
       d[key.n + 1] = ':';
       n_ = static_cast<size_t>(d + key.n + 2 - buf_);
